@@ -1,0 +1,22 @@
+// From a bit depth to the type that carries elements of that width.
+#pragma once
+
+namespace zeb_custom_ops::detail {
+
+// Calls `kernel` with a value of the type for 16, 32 or 8-bit elements, `otherwise` for any other bit depth.
+// Both return bool; `otherwise` logs the operator's own text.
+template <typename T32 = int, typename T16 = short, typename T8 = char, typename Kernel, typename Otherwise>
+bool DispatchWidth(int bitdepth, Kernel&& kernel, Otherwise&& otherwise) {
+  switch (bitdepth) {
+    case 16:
+      return kernel(T16{});
+    case 32:
+      return kernel(T32{});
+    case 8:
+      return kernel(T8{});
+    default:
+      return otherwise();
+  }
+}
+
+}  // namespace zeb_custom_ops::detail

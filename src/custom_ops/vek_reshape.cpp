@@ -1,0 +1,148 @@
+// Layer type "RESHAPE": reshape and pixel shuffle.
+#include "custom_ops/vek_reshape.h"
+
+#include <cstring>
+
+#include "detail/attr_text.h"
+#include "detail/checks.h"
+#include "detail/element.h"
+#include "detail/sizes.h"
+
+namespace zeb_custom_ops {
+
+using detail::AsInt;
+
+const std::string VekReshape::k_expected_attr_ = "pixelshuffler";
+
+namespace {
+
+// The kernel divides by r * r, formed in 32 bits.
+bool KernelDividesByZero(int factor) {
+  return static_cast<unsigned>(factor) * static_cast<unsigned>(factor) == 0;
+}
+
+// Planar, with rows that end where their elements end.
+bool IsPacked(const zeb::PuxDnnBufAttrsMemFormat& format, const std::vector<unsigned>& dims,
+              const zeb::PuxDnnBufAttrs& attrs) {
+  return format.plane_pack == 1 && !dims.empty() &&
+         dims.back() * static_cast<unsigned>(format.bitdepth) / 8 == attrs.GetLineStride();
+}
+
+}  // namespace
+
+bool VekReshape::Configure(const AttrMap& attrs, const BufAttrsList& inputs, const BufAttrsList& outputs) {
+  VEK_REQUIRE(attrs.size() == 1, "expected 1 attribute, but got %zu", attrs.size());
+  const std::string* factor = detail::Find(attrs, k_expected_attr_);
+  VEK_REQUIRE(factor != nullptr, "expected attribute: %s, got: %s", k_expected_attr_.c_str(),
+              attrs.begin()->first.c_str());
+  // Deliberate: the factor is stored before any buffer is checked; a refused Configure leaves the new one in
+  // place.
+  pixelshuffler_ = detail::ToInt(*factor);
+
+  VEK_REQUIRE(inputs.size() == 1 && outputs.size() == 1,
+              "expected one input and one output, got: %d inputs, %d outputs", AsInt(inputs.size()),
+              AsInt(outputs.size()));
+  const zeb::PuxDnnBufAttrs& in = *inputs[0];
+  const zeb::PuxDnnBufAttrs& out = *outputs[0];
+
+  // Deliberate: elements are compared with bytes, whatever the element's width.
+  const std::uint64_t in_count = detail::Elements64(in.GetDims());
+  VEK_REQUIRE(in_count <= in.GetSize(), "Input buf size should be at least %d, but is %d", AsInt(in_count),
+              AsInt(in.GetSize()));
+  const std::uint64_t out_count = detail::Elements64(out.GetDims());
+  VEK_REQUIRE(out_count <= out.GetSize(), "Output buf size should be at least %d, but is %d",
+              AsInt(out_count), AsInt(out.GetSize()));
+
+  VEK_REQUIRE(pixelshuffler_ > 0 && !KernelDividesByZero(pixelshuffler_),
+              "pixelshuffler = %d, but should be at least 1", pixelshuffler_);
+
+  in_attrs_ = in.Clone();
+  out_attrs_ = out.Clone();
+  configured_ = true;
+  return true;
+}
+
+bool VekReshape::Execute(void** in_buffers, void** out_buffers) {
+  VEK_REQUIRE(configured_, "Can't run Execute() without Configure()");
+  VEK_REQUIRE(in_buffers != nullptr, "Input buffer is NULL");
+  VEK_REQUIRE(out_buffers != nullptr, "Output buffer is NULL");
+  VEK_REQUIRE(in_attrs_ != nullptr, "input buffer attrs are NULL");
+  VEK_REQUIRE(out_attrs_ != nullptr, "output buffer attrs are NULL");
+
+  const zeb::PuxDnnBufAttrsMemFormat in_format = in_attrs_->GetMemFormat();
+  const zeb::PuxDnnBufAttrsMemFormat out_format = out_attrs_->GetMemFormat();
+  const std::vector<unsigned> in_dims = in_attrs_->GetDims();
+  const std::vector<unsigned> out_dims = out_attrs_->GetDims();
+  const std::uint32_t in_count = detail::Elements32(in_dims);
+  const std::uint32_t out_count = detail::Elements32(out_dims);
+
+  VEK_REQUIRE(in_format.bitdepth == out_format.bitdepth,
+              " RESHAPE expected bitdepth of input and output to match");
+  const bool in_packed = IsPacked(in_format, in_dims, *in_attrs_);
+  const bool out_packed = IsPacked(out_format, out_dims, *out_attrs_);
+
+  if (in_count != out_count) {
+    VEK_REQUIRE(in_packed || out_packed,
+                " RESHAPE input and output size must match,  in_size != out_size (%d != %d)", AsInt(in_count),
+                AsInt(out_count));
+    VEK_REQUIRE(false, "can't calculate Reshape");
+  }
+
+  if (pixelshuffler_ == 1) {
+    return detail::DispatchWidth(
+        in_format.bitdepth,
+        [&](auto width) {
+          std::memcpy(out_buffers[0], in_buffers[0], std::size_t{in_count} * sizeof width);
+          return true;
+        },
+        [&] {
+          VEK_LOG_ERROR("unhandled bitdepth (%db)", in_format.bitdepth);
+          VEK_LOG_ERROR("can't calculate Reshape");
+          return false;
+        });
+  }
+
+  // Deliberate: an input with padded rows or several channels per plane goes through the 32-bit kernel
+  // whatever its elements are, and a width that no kernel has leaves the output alone.
+  const int bitdepth = in_packed ? in_format.bitdepth : 32;
+  return detail::DispatchWidth(
+      bitdepth,
+      [&](auto width) {
+        using T = decltype(width);
+        // Only a factor that a refused Configure left behind can be 0 here.
+        VEK_REQUIRE(!KernelDividesByZero(pixelshuffler_), "can't calculate Reshape");
+        pixelshuffle(static_cast<T*>(out_buffers[0]), static_cast<T*>(in_buffers[0]), pixelshuffler_,
+                     *in_attrs_);
+        return true;
+      },
+      [] { return true; });
+}
+
+template <typename T>
+void pixelshuffle(T* out, T* in, int factor, const zeb::PuxDnnBufAttrs& in_attrs) {
+  const unsigned N = in_attrs.GetBatch();
+  const unsigned C = in_attrs.GetChannels();
+  const unsigned H = in_attrs.GetHeight();
+  const unsigned W = in_attrs.GetWidth();
+  const unsigned r = static_cast<unsigned>(factor);
+  const unsigned C_out = C / (r * r);
+
+  unsigned src = 0;
+  for (unsigned n = 0; n < N; ++n) {
+    for (unsigned c = 0; c < C; ++c) {
+      const unsigned oc = c / (r * r);
+      const unsigned dy = c / r % r;
+      const unsigned dx = c % (r * r) % r;
+      for (unsigned h = 0; h < H; ++h) {
+        unsigned dst = dx + ((n * C_out + oc) * (r * H) + h * r + dy) * (r * W);
+        for (unsigned w = 0; w < W; ++w, dst += r) out[dst] = in[src++];
+      }
+    }
+  }
+}
+
+template void pixelshuffle<int>(int*, int*, int, const zeb::PuxDnnBufAttrs&);
+template void pixelshuffle<short>(short*, short*, int, const zeb::PuxDnnBufAttrs&);
+template void pixelshuffle<char>(char*, char*, int, const zeb::PuxDnnBufAttrs&);
+
+}  // namespace zeb_custom_ops
