@@ -1,0 +1,100 @@
+// Buffers against unmapped pages: one byte too far faults.
+#pragma once
+
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <random>
+#include <span>
+#include <utility>
+#include <vector>
+
+namespace vek_test {
+
+// The side of the data that touches the unmapped page.
+enum class Guard { kBefore, kAfter };
+
+class GuardedBuffer {
+ public:
+  explicit GuardedBuffer(std::size_t bytes, Guard guard = Guard::kAfter) : bytes_(bytes) {
+    const auto page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
+    const std::size_t data_pages = (bytes + page - 1) / page * page;
+    mapped_bytes_ = data_pages + 2 * page;
+    void* mapped = mmap(nullptr, mapped_bytes_, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (mapped == MAP_FAILED) Die("mmap");
+    mapped_ = static_cast<std::byte*>(mapped);
+    if (data_pages != 0 && mprotect(mapped_ + page, data_pages, PROT_READ | PROT_WRITE) != 0) Die("mprotect");
+    data_ = mapped_ + page + (guard == Guard::kAfter ? data_pages - bytes : 0);
+  }
+  GuardedBuffer(GuardedBuffer&& other) noexcept
+      : mapped_(std::exchange(other.mapped_, nullptr)),
+        mapped_bytes_(other.mapped_bytes_),
+        data_(other.data_),
+        bytes_(other.bytes_) {}
+  GuardedBuffer(const GuardedBuffer&) = delete;
+  GuardedBuffer& operator=(const GuardedBuffer&) = delete;
+  GuardedBuffer& operator=(GuardedBuffer&&) = delete;
+  ~GuardedBuffer() {
+    if (mapped_ != nullptr) munmap(mapped_, mapped_bytes_);
+  }
+
+  void* data() const { return data_; }
+  template <typename T>
+  T* as() const {
+    return reinterpret_cast<T*>(data_);
+  }
+  std::size_t bytes() const { return bytes_; }
+  std::span<std::uint8_t> span() const { return {as<std::uint8_t>(), bytes_}; }
+
+  GuardedBuffer& Fill(std::uint8_t value) {
+    if (bytes_ != 0) std::memset(data_, value, bytes_);
+    return *this;
+  }
+  template <typename Generator>
+  GuardedBuffer& FillRandom(Generator& random) {
+    std::independent_bits_engine<std::mt19937_64, 64, std::uint64_t> words(random());
+    for (std::size_t i = 0; i < bytes_; i += sizeof(std::uint64_t)) {
+      const std::uint64_t word = words();
+      std::memcpy(data_ + i, &word, std::min(sizeof word, bytes_ - i));
+    }
+    return *this;
+  }
+  // Data from a vector of elements; the vector may hold fewer bytes than the buffer.
+  template <typename T>
+  GuardedBuffer& Set(const std::vector<T>& values) {
+    if (!values.empty()) std::memcpy(data_, values.data(), values.size() * sizeof(T));
+    return *this;
+  }
+  template <typename T = std::uint8_t>
+  std::vector<T> Get() const {
+    std::vector<T> values(bytes_ / sizeof(T));
+    if (!values.empty()) std::memcpy(values.data(), data_, values.size() * sizeof(T));
+    return values;
+  }
+
+ private:
+  [[noreturn]] static void Die(const char* what) {
+    std::perror(what);
+    std::abort();
+  }
+  std::byte* mapped_ = nullptr;
+  std::size_t mapped_bytes_ = 0;
+  std::byte* data_ = nullptr;
+  std::size_t bytes_ = 0;
+};
+
+// A guarded buffer that holds `values`.
+template <typename T>
+GuardedBuffer Guarded(const std::vector<T>& values, Guard guard = Guard::kAfter) {
+  GuardedBuffer buffer(values.size() * sizeof(T), guard);
+  buffer.Set(values);
+  return buffer;
+}
+
+}  // namespace vek_test

@@ -1,0 +1,95 @@
+// Random cases whose seed is printed when one fails.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <initializer_list>
+#include <limits>
+#include <random>
+#include <string>
+#include <vector>
+
+namespace vek_test {
+
+class Random {
+ public:
+  explicit Random(std::uint64_t seed) : engine_(seed) {}
+
+  std::uint64_t operator()() { return engine_(); }
+  // A number from `low` to `high`, both included.
+  unsigned Between(unsigned low, unsigned high) {
+    return low + static_cast<unsigned>(engine_() % (std::uint64_t{high} - low + 1));
+  }
+  bool OneIn(unsigned n) { return engine_() % n == 0; }
+  template <typename T>
+  T OneOf(std::initializer_list<T> values) {
+    return values.begin()[engine_() % values.size()];
+  }
+  template <typename T>
+  const T& OneOf(const std::vector<T>& values) {
+    return values[engine_() % values.size()];
+  }
+  // An extent as shapes have them: mostly small, now and then 0, a vector's width or one beside it.
+  unsigned Extent() {
+    if (OneIn(24)) return 0;
+    if (OneIn(6)) return OneOf({15U, 16U, 17U, 31U, 33U, 64U, 65U});
+    return Between(1, 8);
+  }
+  // A float of any kind: small numbers mostly, also zeros of both signs, infinities, NaN, denormals, any
+  // bits.
+  float AnyFloat();
+
+ private:
+  std::mt19937_64 engine_;
+};
+
+inline float Random::AnyFloat() {
+  const auto small = static_cast<float>(static_cast<int>(Between(0, 2000)) - 1000) / 64.0F;
+  switch (Between(0, 19)) {
+    case 0:
+      return 0.0F;
+    case 1:
+      return -0.0F;
+    case 2:
+      return std::numeric_limits<float>::infinity();
+    case 3:
+      return -std::numeric_limits<float>::infinity();
+    case 4:
+      return std::numeric_limits<float>::quiet_NaN();
+    case 5:
+      return small * 1e-40F;
+    case 6:
+      return small * 1e36F;
+    case 7: {
+      const auto bits = static_cast<std::uint32_t>(engine_());
+      float value;
+      std::memcpy(&value, &bits, sizeof value);
+      return value;
+    }
+    default:
+      return small;
+  }
+}
+
+inline std::uint64_t EnvNumber(const char* name, std::uint64_t otherwise) {
+  const char* text = std::getenv(name);
+  return text == nullptr || *text == '\0' ? otherwise : std::strtoull(text, nullptr, 0);
+}
+
+// Runs `body(random)` for VEK_RANDOM_CASES cases (default `cases`), case i with seed VEK_SEED + i, until one
+// fails. The failing case is repeated by VEK_SEED=<its seed> VEK_RANDOM_CASES=1.
+template <typename Body>
+void ForRandomCases(std::uint64_t cases, Body&& body) {
+  const std::uint64_t seed = EnvNumber("VEK_SEED", 20261121);
+  const std::uint64_t count = EnvNumber("VEK_RANDOM_CASES", cases);
+  for (std::uint64_t i = 0; i < count && !testing::Test::HasFailure(); ++i) {
+    Random random(seed + i);
+    SCOPED_TRACE("repeat with VEK_SEED=" + std::to_string(seed + i) + " VEK_RANDOM_CASES=1");
+    body(random);
+  }
+}
+
+}  // namespace vek_test

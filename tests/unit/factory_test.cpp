@@ -1,0 +1,39 @@
+// The factory: sixteen names, compared exactly, each with its class.
+#include <gtest/gtest.h>
+
+#include <typeinfo>
+
+#include "custom_ops/vek_reshape.h"
+#include "custom_ops/vek_softmax.h"
+#include "support/plugin.h"
+
+namespace vek_test {
+namespace {
+
+using namespace zeb_custom_ops;
+
+template <typename Op>
+void ExpectMakes(const std::string& name) {
+  zeb::PuxDnnCustomLayer* layer = Plugin::Get().create_object(name);
+  ASSERT_NE(layer, nullptr) << name;
+  EXPECT_EQ(typeid(*layer), typeid(Op)) << name;
+  Plugin::Get().destroy_object(layer);
+}
+
+TEST(Factory, EveryNameMakesItsClass) {
+  ExpectMakes<VekSoftmax>("SOFTMAX");
+  ExpectMakes<VekReshape>("RESHAPE");
+}
+
+TEST(Factory, AnyOtherNameGivesNullAndSaysNothing) {
+  for (const std::string name : {"softmax", "SOFTMAX ", " SOFTMAX", "", "SOFT", "CONCAT", "L2NORM", "EWO"}) {
+    const Log log = CaptureLog([&] { EXPECT_EQ(Plugin::Get().create_object(name), nullptr) << name; });
+    EXPECT_EQ(log, Log{});
+  }
+  EXPECT_EQ(Plugin::Get().create_object(std::string("SOFTMAX\0", 8)), nullptr);
+}
+
+TEST(Factory, DestroyingNullDoesNothing) { Plugin::Get().destroy_object(nullptr); }
+
+}  // namespace
+}  // namespace vek_test
