@@ -3,6 +3,9 @@
 
 #include <utility>
 
+#include "custom_ops/vek_ewo.h"
+#include "custom_ops/vek_l2norm.h"
+#include "custom_ops/vek_matmul.h"
 #include "custom_ops/vek_reshape.h"
 #include "custom_ops/vek_softmax.h"
 #include "detail/log.h"
@@ -24,6 +27,9 @@ using namespace zeb_custom_ops;  // The table reads better bare.
 constexpr FactoryEntry kFactory[] = {
     {"SOFTMAX", Make<VekSoftmax>},
     {"RESHAPE", Make<VekReshape>},
+    {"NORMALIZE", Make<VekL2Norm>},
+    {"MATMUL", Make<VekMatmul>},
+    {"ELTWISE", Make<VekEwo>},
 };
 
 }  // namespace

@@ -21,6 +21,11 @@ inline unsigned ToUnsigned(const std::string& text) {
   return static_cast<unsigned>(std::strtol(text.c_str(), nullptr, 10));
 }
 
+// A word of bits, its digits as in C: decimal, hexadecimal behind "0x", octal behind "0".
+inline unsigned long ToWord(const std::string& text) { return std::strtoul(text.c_str(), nullptr, 0); }
+
+inline float ToFloat(const std::string& text) { return std::strtof(text.c_str(), nullptr); }
+
 // True only for the value 1, compared before it is narrowed: "4294967297" is false.
 inline bool ToFlag(const std::string& text) { return std::strtol(text.c_str(), nullptr, 10) == 1; }
 

@@ -1,0 +1,129 @@
+// Layer type "NORMALIZE".
+#include "custom_ops/vek_l2norm.h"
+
+#include <cmath>
+#include <cstring>
+
+#include "custom_ops/vek_common.h"
+#include "detail/attr_text.h"
+#include "detail/checks.h"
+#include "detail/sizes.h"
+
+namespace zeb_custom_ops {
+
+using detail::AsInt;
+using detail::AsULongLong;
+
+const std::string VekL2Norm::k_expected_attr_across_spatial_ = "across_spatial";
+const std::string VekL2Norm::k_expected_attr_channel_shared_ = "channel_shared";
+
+bool VekL2Norm::Configure(const AttrMap& attrs, const BufAttrsList& inputs, const BufAttrsList& outputs) {
+  VEK_REQUIRE(inputs.size() == 1, "wrong number of inputs, expected: 1, got: %zu", inputs.size());
+  VEK_REQUIRE(outputs.size() == 1, "wrong number of outputs, expected: 1, got: %zu", outputs.size());
+  const zeb::PuxDnnBufAttrs& in = *inputs[0];
+  const zeb::PuxDnnBufAttrs& out = *outputs[0];
+
+  if (!detail::IsPlanarFloat(in.GetMemFormat())) {
+    VEK_LOG_ERROR("unexpected input buffer format");
+    PrintMemFmt(in.GetMemFormat());
+    return false;
+  }
+  if (!detail::IsPlanarFloat(out.GetMemFormat())) {
+    VEK_LOG_ERROR("unexpected output buffer format");
+    PrintMemFmt(out.GetMemFormat());
+    return false;
+  }
+  VEK_REQUIRE(!in.IsStrided(), "strided data detected on input, this is not supported.");
+  VEK_REQUIRE(!out.IsStrided(), "strided data detected on output, this is not supported.");
+
+  const std::uint64_t in_bytes = detail::BytesRoundedUp(in.GetMemFormat(), detail::Elements64(in.GetDims()));
+  VEK_REQUIRE(in_bytes <= in.GetSize(),
+              "input buffer size too small, size: %d bytes vs expected at least: %llu bytes.",
+              AsInt(in.GetSize()), AsULongLong(in_bytes));
+  const std::uint64_t out_bytes =
+      detail::BytesRoundedUp(out.GetMemFormat(), detail::Elements64(out.GetDims()));
+  VEK_REQUIRE(out_bytes <= out.GetSize(),
+              "output buffer size too small, size: %d bytes vs expected at least: %llu bytes.",
+              AsInt(out.GetSize()), AsULongLong(out_bytes));
+
+  in_attrs_ = in.Clone();
+  out_attrs_ = out.Clone();
+
+  if (const std::string* text = detail::Find(attrs, k_expected_attr_across_spatial_)) {
+    across_spatial_ = detail::ToFlag(*text);
+  }
+  if (const std::string* text = detail::Find(attrs, k_expected_attr_channel_shared_)) {
+    channel_shared_ = detail::ToFlag(*text);
+  }
+  scales_.assign(channel_shared_ ? 1 : in.GetChannels(), 1.0F);
+  configured_ = true;
+  return true;
+}
+
+bool VekL2Norm::Execute(void** in_buffers, void** out_buffers) {
+  VEK_REQUIRE(configured_, "L2Norm custom layer not configured.");
+  VEK_REQUIRE(in_buffers != nullptr, "in_buffers is NULL.");
+  VEK_REQUIRE(out_buffers != nullptr, "out_buffers is NULL.");
+
+  const std::uint32_t in_count = detail::Elements32(in_attrs_->GetDims());
+  const std::uint32_t out_count = detail::Elements32(out_attrs_->GetDims());
+  return L2norm_v1(*in_attrs_, static_cast<float*>(in_buffers[0]), in_count,
+                   static_cast<float*>(out_buffers[0]), out_count);
+}
+
+namespace {
+
+// Normalises `count` consecutive values from index `start` on; positions wrap at 32 bits.
+void Normalize(const float* in, float* out, unsigned start, unsigned count) {
+  float sum = 0.0F;
+  for (unsigned i = 0; i < count; ++i) {
+    const float x = in[start + i];
+    sum = std::fma(x, x, sum);
+  }
+  const float norm = std::sqrt(sum);
+  // The norm of a NaN is a NaN, which is not 0: it divides.
+  if (norm == 0.0F) {
+    for (unsigned i = 0; i < count; ++i) out[start + i] = in[start + i];
+  } else {
+    for (unsigned i = 0; i < count; ++i) out[start + i] = in[start + i] / norm;
+  }
+}
+
+void Scale(float* out, unsigned start, unsigned count, float scale) {
+  if (scale == 1.0F) return;
+  for (unsigned i = 0; i < count; ++i) out[start + i] *= scale;
+}
+
+}  // namespace
+
+bool VekL2Norm::L2norm_v1(const zeb::PuxDnnBufAttrs& in_attrs, float* in, unsigned in_count, float* out,
+                          unsigned out_count) {
+  VEK_REQUIRE(in != nullptr && out != nullptr, "L2norm_v1 input or output buffer is null.");
+  VEK_REQUIRE(in_count == out_count, "L2norm_v1 wrong size of buffers.");
+
+  const unsigned N = in_attrs.GetBatch();
+  const unsigned C = in_attrs.GetChannels();
+  const unsigned H = in_attrs.GetHeight();
+  const unsigned W = in_attrs.GetWidth();
+  VEK_REQUIRE(channel_shared_ || scales_.size() == C,
+              "L2norm_v1 scale is not shared between channels, not enough scale params.");
+
+  const unsigned plane = H * W;
+  const unsigned item = C * plane;
+  for (unsigned n = 0; n < N; ++n) {
+    const unsigned start = n * item;
+    if (across_spatial_) {
+      Normalize(in, out, start, item);
+    } else {
+      for (unsigned c = 0; c < C; ++c) Normalize(in, out, start + c * plane, plane);
+    }
+    if (!channel_shared_) {
+      for (unsigned c = 0; c < C; ++c) Scale(out, start + c * plane, plane, scales_[c]);
+    } else if (!scales_.empty()) {
+      Scale(out, start, item, scales_[0]);
+    }
+  }
+  return true;
+}
+
+}  // namespace zeb_custom_ops
