@@ -38,8 +38,7 @@ inline bool IsConfigured(Layer& layer) {
 // Each fault alone gives exactly its lines; of every two together, the earlier one speaks alone. A layer that
 // was configured before stays configured: `IsConfigured(layer)` is asked after each refusal.
 inline void CheckOrderOfRefusals(const std::string& type, const Setup& valid,
-                                 const std::vector<Fault>& faults,
-                                 const std::function<bool(Layer&)>& still_configured) {
+                                 const std::vector<Fault>& faults) {
   const ScopedThreshold threshold(kInfo);
   const ExpectNoLeakedClones no_leaks;
 
