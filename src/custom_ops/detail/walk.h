@@ -6,15 +6,10 @@
 #include <initializer_list>
 #include <span>
 
-namespace zeb_custom_ops::detail {
+#include "transpose.h"
+#include "vec.h"
 
-// One loop of a walk: `extent` steps, each moving `src_step` elements on in the source and `dst_step` in the
-// target.
-struct Axis {
-  std::size_t extent;
-  std::ptrdiff_t src_step;
-  std::ptrdiff_t dst_step;
-};
+namespace zeb_custom_ops::detail {
 
 // Copies `count` consecutive elements.
 template <typename T>
@@ -22,25 +17,236 @@ void CopyRun(T* dst, const T* src, std::size_t count) {
   if (count != 0) std::memcpy(dst, src, count * sizeof(T));
 }
 
+namespace internal {
+
+// A run of `bytes` bytes, that many times 16 or more, filled with a pattern that starts anew every 16 bytes.
+inline void FillVectors(std::byte* dst, Vec<std::uint8_t> value, std::size_t bytes) {
+  std::size_t i = 0;
+  for (; i + 4 * kVecBytes <= bytes; i += 4 * kVecBytes) {
+    for (std::size_t k = 0; k < 4; ++k) Store(dst + i + k * kVecBytes, value);
+  }
+  for (; i + kVecBytes <= bytes; i += kVecBytes) Store(dst + i, value);
+}
+
+}  // namespace internal
+
 // Sets `count` consecutive elements to `value`.
 template <typename T>
 void FillRun(T* dst, T value, std::size_t count) {
-  for (std::size_t i = 0; i < count; ++i) dst[i] = value;
+  static_assert(sizeof(T) <= 4);
+  if (count == 0) return;
+  if constexpr (sizeof(T) == 1) {
+    unsigned char byte;
+    std::memcpy(&byte, &value, 1);
+    std::memset(dst, byte, count);
+  } else {
+    Word<sizeof(T)> word;
+    std::memcpy(&word, &value, sizeof word);
+    auto* bytes = reinterpret_cast<std::byte*>(dst);
+    if (count < kLanes<T>) {
+      for (std::size_t i = 0; i < count; ++i) Store(bytes + i * sizeof(T), word);
+      return;
+    }
+    const auto vec = Broadcast<Word<sizeof(T)>>(word);
+    internal::FillVectors(bytes, reinterpret_cast<Vec<std::uint8_t>>(vec), count * sizeof(T));
+    Store(bytes + count * sizeof(T) - kVecBytes, vec);
+  }
 }
 
-// Copies the elements of nested loops, outermost axis first; a source step of 0 repeats. Source and target
-// must not overlap, and no two elements may meet in the target.
+namespace internal {
+
+// Below, everything is bytes: pointers, steps and run lengths.
+
+// Copies runs of `bytes` bytes whose length lies between `size` and twice that: two moves that may overlap.
+template <typename Move>
+inline void CopyTwoMoves(std::byte* dst, const std::byte* src, const Axis& rows, std::size_t bytes) {
+  const std::size_t last = bytes - sizeof(Move);
+  for (std::size_t i = 0; i < rows.extent; ++i) {
+    const Move head = Load<Move>(src);
+    const Move tail = Load<Move>(src + last);
+    Store(dst, head);
+    Store(dst + last, tail);
+    src += rows.src_step;
+    dst += rows.dst_step;
+  }
+}
+
+// Copies `rows` runs of `bytes` consecutive bytes each.
+inline void CopyRows(std::byte* dst, const std::byte* src, const Axis& rows, std::size_t bytes) {
+  using Block = Vec<std::uint8_t>;
+  if (bytes > 4 * kVecBytes) {
+    for (std::size_t i = 0; i < rows.extent; ++i) {
+      std::memcpy(dst + Offset(i, rows.dst_step), src + Offset(i, rows.src_step), bytes);
+    }
+  } else if (bytes > 2 * kVecBytes) {
+    const std::size_t last = bytes - kVecBytes;
+    for (std::size_t i = 0; i < rows.extent; ++i) {
+      const auto a = Load<Block>(src);
+      const auto b = Load<Block>(src + kVecBytes);
+      const auto c = Load<Block>(src + last - kVecBytes);
+      const auto d = Load<Block>(src + last);
+      Store(dst, a);
+      Store(dst + kVecBytes, b);
+      Store(dst + last - kVecBytes, c);
+      Store(dst + last, d);
+      src += rows.src_step;
+      dst += rows.dst_step;
+    }
+  } else if (bytes >= kVecBytes) {
+    CopyTwoMoves<Block>(dst, src, rows, bytes);
+  } else if (bytes >= 8) {
+    CopyTwoMoves<std::uint64_t>(dst, src, rows, bytes);
+  } else if (bytes >= 4) {
+    CopyTwoMoves<std::uint32_t>(dst, src, rows, bytes);
+  } else if (bytes >= 2) {
+    CopyTwoMoves<std::uint16_t>(dst, src, rows, bytes);
+  } else {
+    for (std::size_t i = 0; i < rows.extent; ++i)
+      dst[Offset(i, rows.dst_step)] = src[Offset(i, rows.src_step)];
+  }
+}
+
+// Repeats one element of each row along `count` elements.
+template <typename T>
+inline void RepeatRows(std::byte* dst, const std::byte* src, const Axis& rows, std::size_t count) {
+  for (std::size_t i = 0; i < rows.extent; ++i) {
+    FillRun(reinterpret_cast<T*>(dst + Offset(i, rows.dst_step)), Load<T>(src + Offset(i, rows.src_step)),
+            count);
+  }
+}
+
+// A plane of any two steps.
+template <typename T>
+inline void CopyPlane(std::byte* dst, const std::byte* src, const Axis& rows, const Axis& columns) {
+  for (std::size_t i = 0; i < rows.extent; ++i) {
+    std::byte* to = dst + Offset(i, rows.dst_step);
+    const std::byte* from = src + Offset(i, rows.src_step);
+    for (std::size_t j = 0; j < columns.extent; ++j) {
+      Store(to + Offset(j, columns.dst_step), Load<T>(from + Offset(j, columns.src_step)));
+    }
+  }
+}
+
+// Calls `body` for each position of nested loops, outermost axis first.
+template <typename Body>
+void ForEach(std::byte* dst, const std::byte* src, std::span<const Axis> axes, const Body& body) {
+  if (axes.empty()) return body(dst, src);
+  const Axis& axis = axes.front();
+  for (std::size_t i = 0; i < axis.extent; ++i) {
+    ForEach(dst + Offset(i, axis.dst_step), src + Offset(i, axis.src_step), axes.subspan(1), body);
+  }
+}
+
+// The loops of a walk in the order of the target, as few as they can be.
+struct Loops {
+  static constexpr std::size_t kMaxRank = 6;
+  Axis axes[kMaxRank];
+  std::size_t rank = 0;
+  std::ptrdiff_t dst_start = 0;
+  std::ptrdiff_t src_start = 0;
+
+  // Puts the axis where its target step belongs.
+  void Insert(Axis axis) {
+    if (axis.extent == 1) return;
+    if (axis.dst_step < 0) {
+      dst_start += Offset(axis.extent - 1, axis.dst_step);
+      src_start += Offset(axis.extent - 1, axis.src_step);
+      axis.dst_step = -axis.dst_step;
+      axis.src_step = -axis.src_step;
+    }
+    std::size_t place = rank++;
+    for (; place > 0 && axes[place - 1].dst_step < axis.dst_step; --place) axes[place] = axes[place - 1];
+    axes[place] = axis;
+  }
+
+  // Makes one loop of neighbours that follow each other without a gap on both sides.
+  void Fuse() {
+    std::size_t kept = 0;
+    for (std::size_t i = 1; i < rank; ++i) {
+      Axis& outer = axes[kept];
+      const Axis& inner = axes[i];
+      if (outer.src_step == Offset(inner.extent, inner.src_step) &&
+          outer.dst_step == Offset(inner.extent, inner.dst_step)) {
+        outer = {outer.extent * inner.extent, inner.src_step, inner.dst_step};
+      } else {
+        axes[++kept] = inner;
+      }
+    }
+    if (rank > 0) rank = kept + 1;
+  }
+
+  // Takes the axis out and returns it; a loop of one step where there is none.
+  Axis Take(std::size_t i) {
+    const Axis taken = axes[i];
+    for (--rank; i < rank; ++i) axes[i] = axes[i + 1];
+    return taken;
+  }
+  Axis TakeLast() { return rank > 0 ? axes[--rank] : Axis{1, 0, 0}; }
+
+  std::span<const Axis> Rest() const { return {axes, rank}; }
+};
+
+// The walk over elements of one width; steps are bytes.
+template <typename T>
+void WalkBytes(std::byte* dst, const std::byte* src, std::span<const Axis> axes) {
+  Loops loops;
+  for (const Axis& axis : axes) {
+    if (axis.extent == 0) return;
+    loops.Insert(axis);
+  }
+  loops.Fuse();
+  dst += loops.dst_start;
+  src += loops.src_start;
+
+  constexpr std::ptrdiff_t kUnit = sizeof(T);
+  const Axis inner = loops.TakeLast();
+  if (inner.extent == 1) return Store(dst, Load<T>(src));
+  if (inner.dst_step == kUnit) {
+    if (inner.src_step == kUnit) {
+      const Axis rows = loops.TakeLast();
+      return ForEach(dst, src, loops.Rest(), [&](std::byte* to, const std::byte* from) {
+        CopyRows(to, from, rows, inner.extent * sizeof(T));
+      });
+    }
+    if (inner.src_step == 0) {
+      const Axis rows = loops.TakeLast();
+      return ForEach(dst, src, loops.Rest(), [&](std::byte* to, const std::byte* from) {
+        RepeatRows<T>(to, from, rows, inner.extent);
+      });
+    }
+    for (std::size_t i = 0; i < loops.rank; ++i) {
+      if (loops.axes[i].src_step != kUnit) continue;
+      const Axis across = loops.Take(i);
+      return ForEach(dst, src, loops.Rest(), [&](std::byte* to, const std::byte* from) {
+        TransposePlane<T>(to, from, inner, across);
+      });
+    }
+  }
+  const Axis rows = loops.TakeLast();
+  ForEach(dst, src, loops.Rest(),
+          [&](std::byte* to, const std::byte* from) { CopyPlane<T>(to, from, rows, inner); });
+}
+
+}  // namespace internal
+
+// Copies the elements of nested loops; steps are elements. A source step of 0 repeats. Source and target must
+// not overlap, and no two elements may meet in the target: the order of the copies is not defined.
 template <typename T>
 void CopyWalk(T* dst, const T* src, std::span<const Axis> axes) {
-  if (axes.empty()) {
-    std::memcpy(dst, src, sizeof(T));
+  if (axes.size() > internal::Loops::kMaxRank) {
+    const Axis axis = axes.front();
+    for (std::size_t i = 0; i < axis.extent; ++i) {
+      CopyWalk(dst + Offset(i, axis.dst_step), src + Offset(i, axis.src_step), axes.subspan(1));
+    }
     return;
   }
-  const Axis axis = axes.front();
-  for (std::size_t i = 0; i < axis.extent; ++i) {
-    const auto step = static_cast<std::ptrdiff_t>(i);
-    CopyWalk(dst + step * axis.dst_step, src + step * axis.src_step, axes.subspan(1));
+  constexpr std::ptrdiff_t kUnit = sizeof(T);
+  Axis in_bytes[internal::Loops::kMaxRank];
+  for (std::size_t i = 0; i < axes.size(); ++i) {
+    in_bytes[i] = {axes[i].extent, axes[i].src_step * kUnit, axes[i].dst_step * kUnit};
   }
+  internal::WalkBytes<Word<sizeof(T)>>(reinterpret_cast<std::byte*>(dst),
+                                       reinterpret_cast<const std::byte*>(src), {in_bytes, axes.size()});
 }
 
 template <typename T>
