@@ -3,11 +3,15 @@
 
 #include <utility>
 
+#include "custom_ops/vek_batchtospace.h"
+#include "custom_ops/vek_depthtospace.h"
 #include "custom_ops/vek_ewo.h"
 #include "custom_ops/vek_l2norm.h"
 #include "custom_ops/vek_matmul.h"
 #include "custom_ops/vek_reshape.h"
 #include "custom_ops/vek_softmax.h"
+#include "custom_ops/vek_spacetobatch.h"
+#include "custom_ops/vek_spacetodepth.h"
 #include "detail/log.h"
 
 namespace {
@@ -29,7 +33,11 @@ constexpr FactoryEntry kFactory[] = {
     {"RESHAPE", Make<VekReshape>},
     {"NORMALIZE", Make<VekL2Norm>},
     {"MATMUL", Make<VekMatmul>},
+    {"DEPTHTOSPACE", Make<VekDepthToSpace>},
     {"ELTWISE", Make<VekEwo>},
+    {"SPACETOBATCH", Make<VekSpaceToBatch>},
+    {"SPACETODEPTH", Make<VekSpaceToDepth>},
+    {"BATCHTOSPACE", Make<VekBatchToSpace>},
 };
 
 }  // namespace

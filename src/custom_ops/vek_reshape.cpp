@@ -1,12 +1,11 @@
 // Layer type "RESHAPE": reshape and pixel shuffle.
 #include "custom_ops/vek_reshape.h"
 
-#include <cstring>
-
 #include "detail/attr_text.h"
 #include "detail/checks.h"
 #include "detail/element.h"
 #include "detail/sizes.h"
+#include "detail/walk.h"
 
 namespace zeb_custom_ops {
 
@@ -16,10 +15,8 @@ const std::string VekReshape::k_expected_attr_ = "pixelshuffler";
 
 namespace {
 
-// The kernel divides by r * r, formed in 32 bits.
-bool KernelDividesByZero(int factor) {
-  return static_cast<unsigned>(factor) * static_cast<unsigned>(factor) == 0;
-}
+// r * r, by which the kernel divides, is formed in 32 bits.
+bool HasZeroSquare(int factor) { return static_cast<unsigned>(factor) * static_cast<unsigned>(factor) == 0; }
 
 // Planar, with rows that end where their elements end.
 bool IsPacked(const zeb::PuxDnnBufAttrsMemFormat& format, const std::vector<unsigned>& dims,
@@ -53,7 +50,7 @@ bool VekReshape::Configure(const AttrMap& attrs, const BufAttrsList& inputs, con
   VEK_REQUIRE(out_count <= out.GetSize(), "Output buf size should be at least %d, but is %d",
               AsInt(out_count), AsInt(out.GetSize()));
 
-  VEK_REQUIRE(pixelshuffler_ > 0 && !KernelDividesByZero(pixelshuffler_),
+  VEK_REQUIRE(pixelshuffler_ > 0 && !HasZeroSquare(pixelshuffler_),
               "pixelshuffler = %d, but should be at least 1", pixelshuffler_);
 
   in_attrs_ = in.Clone();
@@ -92,7 +89,10 @@ bool VekReshape::Execute(void** in_buffers, void** out_buffers) {
     return detail::DispatchWidth(
         in_format.bitdepth,
         [&](auto width) {
-          std::memcpy(out_buffers[0], in_buffers[0], std::size_t{in_count} * sizeof width);
+          using T = decltype(width);
+          const auto* in = static_cast<const T*>(in_buffers[0]);
+          auto* out = static_cast<T*>(out_buffers[0]);
+          if (out != in) detail::CopyRun(out, in, in_count);
           return true;
         },
         [&] {
@@ -109,8 +109,10 @@ bool VekReshape::Execute(void** in_buffers, void** out_buffers) {
       bitdepth,
       [&](auto width) {
         using T = decltype(width);
-        // Only a factor that a refused Configure left behind can be 0 here.
-        VEK_REQUIRE(!KernelDividesByZero(pixelshuffler_), "can't calculate Reshape");
+        // Only a factor that a refused Configure left behind has a square of 0 here.
+        VEK_REQUIRE(
+            !HasZeroSquare(pixelshuffler_) || in_attrs_->GetBatch() == 0 || in_attrs_->GetChannels() == 0,
+            "can't calculate Reshape");
         pixelshuffle(static_cast<T*>(out_buffers[0]), static_cast<T*>(in_buffers[0]), pixelshuffler_,
                      *in_attrs_);
         return true;
@@ -125,7 +127,21 @@ void pixelshuffle(T* out, T* in, int factor, const zeb::PuxDnnBufAttrs& in_attrs
   const unsigned H = in_attrs.GetHeight();
   const unsigned W = in_attrs.GetWidth();
   const unsigned r = static_cast<unsigned>(factor);
+  if (N == 0 || C == 0) return;
   const unsigned C_out = C / (r * r);
+
+  // Whole groups of r * r channels, and no position wraps.
+  if (detail::ProductFits32({r, r}) && C % (r * r) == 0 && detail::ProductFits32({N, C, H, W})) {
+    detail::CopyWalk(out, in,
+                     {
+                         {N * C_out, r * r * H * W, r * H * r * W},
+                         {H, W, r * r * W},
+                         {r, r * H * W, r * W},  // dy
+                         {r, H * W, 1},          // dx
+                         {W, 1, r},
+                     });
+    return;
+  }
 
   unsigned src = 0;
   for (unsigned n = 0; n < N; ++n) {

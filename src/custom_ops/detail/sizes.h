@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <initializer_list>
 #include <vector>
 
 #include "zeb/pux_dnn_buf_attrs.h"
@@ -19,6 +20,17 @@ inline std::uint64_t Elements64(const std::vector<unsigned>& dims) {
 // Product of the dims, 1 for none. Wraps at 32 bits: the count that the kernels are given.
 inline std::uint32_t Elements32(const std::vector<unsigned>& dims) {
   return static_cast<std::uint32_t>(Elements64(dims));
+}
+
+// Whether the product of some 32-bit extents is itself below 2^32, so that no position inside wraps. A zero
+// behind a partial product that is not does not help.
+inline bool ProductFits32(std::initializer_list<std::uint64_t> extents) {
+  std::uint64_t product = 1;
+  for (std::uint64_t extent : extents) {
+    product *= extent;
+    if (product > 0xFFFFFFFFU) return false;
+  }
+  return true;
 }
 
 namespace internal {

@@ -1,0 +1,54 @@
+// The kernel of layer type "SPACETODEPTH".
+#include "custom_ops/vek_spacetodepth.h"
+#include "detail/sizes.h"
+#include "detail/walk.h"
+
+namespace zeb_custom_ops {
+
+template <typename T>
+void spacetodepth(const zeb::PuxDnnBufAttrs& in_attrs, const zeb::PuxDnnBufAttrs& out_attrs, T* in, T* out,
+                  int block_size) {
+  const unsigned N = in_attrs.GetBatch();
+  const unsigned C = in_attrs.GetChannels();
+  const unsigned H = in_attrs.GetHeight();
+  const unsigned W = in_attrs.GetWidth();
+  const unsigned C_out = out_attrs.GetChannels();
+  const unsigned H_out = out_attrs.GetHeight();
+  const unsigned W_out = out_attrs.GetWidth();
+  const unsigned b = static_cast<unsigned>(block_size);
+  if (N == 0 || H == 0 || W == 0 || C == 0 || b == 0) return;
+
+  // The output has exactly the places that the blocks need.
+  if (detail::ProductFits32({C, b, b}) && C_out == C * b * b && H % b == 0 && H_out == H / b && W % b == 0 &&
+      W_out == W / b && detail::ProductFits32({N, C, H, W})) {
+    const unsigned G = C * H_out;  // rows of one phase of the blocks
+    detail::CopyWalk(out, in,
+                     {
+                         {N, G * b * W, b * b * G * W_out},
+                         {G, b * W, W_out},
+                         {b, W, b * G * W_out},  // bh
+                         {b, 1, G * W_out},      // bw
+                         {W_out, b, 1},
+                     });
+    return;
+  }
+
+  for (unsigned n = 0; n < N; ++n) {
+    for (unsigned h = 0; h < H; ++h) {
+      for (unsigned w = 0; w < W; ++w) {
+        const unsigned phase = h % b * b + w % b;
+        for (unsigned c = 0; c < C; ++c) {
+          const unsigned c_out = phase * C + c;
+          out[((n * C_out + c_out) * H_out + h / b) * W_out + w / b] = in[((n * C + c) * H + h) * W + w];
+        }
+      }
+    }
+  }
+}
+
+template void spacetodepth<int>(const zeb::PuxDnnBufAttrs&, const zeb::PuxDnnBufAttrs&, int*, int*, int);
+template void spacetodepth<short>(const zeb::PuxDnnBufAttrs&, const zeb::PuxDnnBufAttrs&, short*, short*,
+                                  int);
+template void spacetodepth<char>(const zeb::PuxDnnBufAttrs&, const zeb::PuxDnnBufAttrs&, char*, char*, int);
+
+}  // namespace zeb_custom_ops
