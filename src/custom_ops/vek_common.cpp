@@ -4,10 +4,14 @@
 #include <utility>
 
 #include "custom_ops/vek_batchtospace.h"
+#include "custom_ops/vek_broadcast.h"
+#include "custom_ops/vek_concat.h"
 #include "custom_ops/vek_depthtospace.h"
 #include "custom_ops/vek_ewo.h"
+#include "custom_ops/vek_gather.h"
 #include "custom_ops/vek_l2norm.h"
 #include "custom_ops/vek_matmul.h"
+#include "custom_ops/vek_pad.h"
 #include "custom_ops/vek_reshape.h"
 #include "custom_ops/vek_softmax.h"
 #include "custom_ops/vek_spacetobatch.h"
@@ -31,9 +35,13 @@ using namespace zeb_custom_ops;  // The table reads better bare.
 constexpr FactoryEntry kFactory[] = {
     {"SOFTMAX", Make<VekSoftmax>},
     {"RESHAPE", Make<VekReshape>},
+    {"BROADCAST", Make<VekBroadcast>},
     {"NORMALIZE", Make<VekL2Norm>},
     {"MATMUL", Make<VekMatmul>},
+    {"SWCONCAT", Make<VekConcat>},
     {"DEPTHTOSPACE", Make<VekDepthToSpace>},
+    {"PAD", Make<VekPad>},
+    {"GATHER", Make<VekGather>},
     {"ELTWISE", Make<VekEwo>},
     {"SPACETOBATCH", Make<VekSpaceToBatch>},
     {"SPACETODEPTH", Make<VekSpaceToDepth>},

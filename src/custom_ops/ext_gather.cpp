@@ -1,0 +1,111 @@
+// The kernel of "GATHER" and what it asks of a list of dims.
+#include <algorithm>
+
+#include "custom_ops/vek_gather.h"
+#include "detail/checks.h"
+#include "detail/sizes.h"
+#include "detail/walk.h"
+
+namespace zeb_custom_ops {
+
+using detail::AsInt;
+using detail::AsUnsigned;
+
+unsigned getNumberOfElements(const std::vector<unsigned>& dims) { return detail::Elements32(dims); }
+
+unsigned getNumberOfElements(const std::vector<unsigned>& dims, unsigned first, unsigned last) {
+  if (first > last) {
+    VEK_LOG_ERROR("fisrt_axis > last_axis (%u > %u)", first, last);
+    return 0;
+  }
+  if (last > dims.size()) {
+    VEK_LOG_ERROR("last_axis bigger than num of dims (%u > %u)", last, AsUnsigned(dims.size()));
+    return 0;
+  }
+  unsigned count = 1;
+  for (unsigned d = first; d < last; ++d) count *= dims[d];
+  return count;
+}
+
+unsigned getNumberOfDimensions(const std::vector<unsigned>& dims) { return AsUnsigned(dims.size()); }
+
+unsigned getSizeOfDimension(const std::vector<unsigned>& dims, unsigned index) {
+  if (index > dims.size()) {
+    VEK_LOG_ERROR("dims index (%u) is out of dims range (%u)", index, AsUnsigned(dims.size()));
+    return 0;
+  }
+  // Deliberate: the number of dims itself passes the check; the entry that is not there counts as 0.
+  return index == dims.size() ? 0 : dims[index];
+}
+
+namespace {
+
+// The slices of one kernel call. Positions are 64-bit: none within the capacity wraps.
+template <typename T>
+struct Slices {
+  const T* params;
+  const std::uint32_t* indices;
+  T* out;
+  std::uint64_t extent;  // of the axis
+  std::uint64_t inner;   // elements of one slice
+  std::uint64_t count;   // indices
+
+  // Copies the slices of the indices `first` to `last` of one outer position.
+  void Copy(std::uint64_t o, std::uint64_t first, std::uint64_t last) const {
+    const T* src = params + o * extent * inner;
+    T* dst = out + o * count * inner;
+    for (std::uint64_t j = first; j < last; ++j)
+      detail::CopyRun(dst + j * inner, src + indices[j] * inner, inner);
+  }
+};
+
+}  // namespace
+
+template <typename T>
+bool Gather_v1(const T* params, const std::vector<unsigned>& params_dims, const std::uint32_t* indices,
+               const std::vector<unsigned>& indices_dims, unsigned axis, T* out, unsigned out_count) {
+  VEK_REQUIRE(params != nullptr, "Gather_v1 params buffer is null");
+  VEK_REQUIRE(indices != nullptr, "Gather_v1 indices buffer is null");
+  VEK_REQUIRE(out != nullptr, "Gather_v1 output buffer is null");
+
+  const unsigned outer = getNumberOfElements(params_dims, 0, axis);
+  const unsigned extent = getSizeOfDimension(params_dims, axis);
+  const unsigned inner = getNumberOfElements(params_dims, axis + 1, getNumberOfDimensions(params_dims));
+  const unsigned count = getNumberOfElements(indices_dims);
+  if (outer == 0 || count == 0) return true;
+
+  // Slices are numbered o * count + j and written in this order until one is refused: the first whose index
+  // lies outside the axis, or the first that would end beyond the capacity. Every outer position uses the
+  // same indices, so a bad one stops the first position already, and looking once at those that can be
+  // reached tells where.
+  const std::uint64_t slices = std::uint64_t{outer} * count;
+  const std::uint64_t slices_fitting = inner == 0 ? slices : out_count / inner;
+  const std::uint32_t* end = indices + std::min<std::uint64_t>(count, slices_fitting + 1);
+  const std::uint32_t* bad =
+      std::find_if(indices, end, [extent](std::uint32_t index) { return index >= extent; });
+  const bool all_indices_good = bad == end;
+  const std::uint64_t slices_asked = all_indices_good ? slices : static_cast<std::uint64_t>(bad - indices);
+  const std::uint64_t slices_written = std::min(slices_asked, slices_fitting);
+
+  if (inner != 0) {
+    const Slices<T> walk{params, indices, out, extent, inner, count};
+    const std::uint64_t whole = slices_written / count;
+    for (std::uint64_t o = 0; o < whole; ++o) walk.Copy(o, 0, count);
+    walk.Copy(whole, 0, slices_written % count);
+  }
+
+  VEK_REQUIRE(slices_fitting >= slices_asked, "Operation broken (avoiding memory corruption)");
+  VEK_REQUIRE(all_indices_good, "Operation broken (in_idx >= axis Size, %d, %d)", AsInt(*bad), AsInt(extent));
+  return true;
+}
+
+template bool Gather_v1<float>(const float*, const std::vector<unsigned>&, const std::uint32_t*,
+                               const std::vector<unsigned>&, unsigned, float*, unsigned);
+template bool Gather_v1<unsigned short>(const unsigned short*, const std::vector<unsigned>&,
+                                        const std::uint32_t*, const std::vector<unsigned>&, unsigned,
+                                        unsigned short*, unsigned);
+template bool Gather_v1<unsigned char>(const unsigned char*, const std::vector<unsigned>&,
+                                       const std::uint32_t*, const std::vector<unsigned>&, unsigned,
+                                       unsigned char*, unsigned);
+
+}  // namespace zeb_custom_ops

@@ -1,0 +1,197 @@
+// Layer type "BROADCAST".
+#include "custom_ops/vek_broadcast.h"
+
+#include <algorithm>
+#include <vector>
+
+#include "custom_ops/vek_common.h"
+#include "detail/attr_text.h"
+#include "detail/checks.h"
+#include "detail/element.h"
+#include "detail/sizes.h"
+#include "detail/walk.h"
+
+namespace zeb_custom_ops {
+
+using detail::AsInt;
+using detail::AsUnsigned;
+
+const std::string VekBroadcast::k_expected_attr_ = "size";
+
+bool VekBroadcast::Configure(const AttrMap& attrs, const BufAttrsList& inputs, const BufAttrsList& outputs) {
+  VEK_REQUIRE(inputs.size() == 1 && outputs.size() == 1,
+              "expected one input and one output, got: %u inputs, %u outputs", AsUnsigned(inputs.size()),
+              AsUnsigned(outputs.size()));
+  const zeb::PuxDnnBufAttrs& in = *inputs[0];
+  const zeb::PuxDnnBufAttrs& out = *outputs[0];
+
+  // Deliberate: one 4-D side is enough.
+  VEK_REQUIRE(in.GetNumDims() == 4 || out.GetNumDims() == 4,
+              "non-4D IO not supported. Got %uD input, %uD output", in.GetNumDims(), out.GetNumDims());
+
+  VEK_REQUIRE(attrs.size() == 1, "expected 1 attribute, but got %zu", attrs.size());
+  const std::string* size = detail::Find(attrs, k_expected_attr_);
+  VEK_REQUIRE(size != nullptr, "expected attribute: %s, got: %s", k_expected_attr_.c_str(),
+              attrs.begin()->first.c_str());
+  std::vector<std::string> entries;
+  std::string error;
+  if (!sw_ops_parser::ParseTensor(*size, &entries, &error)) {
+    VEK_LOG_ERROR("broadcast size attribute parse error");
+    VEK_LOG_ERROR("parser msg: %s", error.c_str());
+    return false;
+  }
+  VEK_REQUIRE(entries.size() == 4, "broadcast size attribute of incorrect size. Expected 4, but got %zu",
+              entries.size());
+
+  const auto compatible = [](unsigned in_extent, unsigned out_extent) {
+    return in_extent == out_extent || in_extent == 1;
+  };
+  VEK_REQUIRE(compatible(in.GetBatch(), out.GetBatch()),
+              "input tensor incompatible batch (is %d, but should be %d or 1)", AsInt(in.GetBatch()),
+              AsInt(out.GetBatch()));
+  VEK_REQUIRE(compatible(in.GetChannels(), out.GetChannels()),
+              "input tensor incompatible channel (is %d, but should be %d or 1)", AsInt(in.GetChannels()),
+              AsInt(out.GetChannels()));
+  VEK_REQUIRE(compatible(in.GetHeight(), out.GetHeight()),
+              "input tensor incompatible height (is %d, but should be %d or 1)", AsInt(in.GetHeight()),
+              AsInt(out.GetHeight()));
+  VEK_REQUIRE(compatible(in.GetWidth(), out.GetWidth()),
+              "input tensor incompatible width (is %d, but should be %d or 1)", AsInt(in.GetWidth()),
+              AsInt(out.GetWidth()));
+
+  // All four are converted before a flag changes: a text that is no number throws.
+  const int sizes[] = {std::stoi(entries[0]), std::stoi(entries[1]), std::stoi(entries[2]),
+                       std::stoi(entries[3])};
+  bcast_n_ = sizes[0] > 0;
+  bcast_c_ = sizes[1] > 0;
+  bcast_h_ = sizes[2] > 0;
+  bcast_w_ = sizes[3] > 0;
+  VEK_REQUIRE(!bcast_n_, "Batch dim not supported by broadcast op");
+
+  // Deliberate: elements are compared with bytes, whatever the element's width.
+  const std::uint64_t in_count = detail::Elements64(in.GetDims());
+  VEK_REQUIRE(in_count <= in.GetSize(), "Input buf size should be at least %u, but is %u",
+              AsUnsigned(in_count), in.GetSize());
+  const std::uint64_t out_count = detail::Elements64(out.GetDims());
+  VEK_REQUIRE(out_count <= out.GetSize(), "Output buf size should be at least %u, but is %u",
+              AsUnsigned(out_count), out.GetSize());
+
+  // Rows may be padded, planes may not.
+  const auto valid_strides = [](const zeb::PuxDnnBufAttrs& attrs_of, std::string& message) {
+    const unsigned plane_stride = attrs_of.GetPlaneStride();
+    const std::vector<unsigned> dims = attrs_of.GetDims();
+    const unsigned H = dims.size() > 2 ? dims[2] : attrs_of.GetHeight();
+    const unsigned packed = attrs_of.GetLineStride() * H;
+    if (plane_stride == 0 || plane_stride == packed) return true;
+    message = "Got " + std::to_string(plane_stride) + " expected " + std::to_string(packed);
+    return false;
+  };
+  std::string message;
+  VEK_REQUIRE(valid_strides(in, message), "data with invalid s_stride detected on input of Broadcast: %s",
+              message.c_str());
+  VEK_REQUIRE(valid_strides(out, message), "data with invalid s_stride detected on output of Broadcast: %s",
+              message.c_str());
+  VEK_REQUIRE(in.GetMemFormat().plane_pack == 1, "Interleaved data in input buffer");
+  VEK_REQUIRE(out.GetMemFormat().plane_pack == 1, "Interleaved data in output buffer");
+
+  in_attrs_ = in.Clone();
+  out_attrs_ = out.Clone();
+  configured_ = true;
+  return true;
+}
+
+bool VekBroadcast::Execute(void** in_buffers, void** out_buffers) {
+  VEK_REQUIRE(configured_, "Can't run Execute() without Configure()");
+  VEK_REQUIRE(in_buffers != nullptr && in_buffers[0] != nullptr, "Input buffer is NULL");
+  VEK_REQUIRE(out_buffers != nullptr && out_buffers[0] != nullptr, "Output buffer is NULL");
+  VEK_REQUIRE(in_attrs_ != nullptr, "input buffer attrs are NULL");
+  VEK_REQUIRE(out_attrs_ != nullptr, "output buffer attrs are NULL");
+
+  return detail::DispatchWidth(
+      in_attrs_->GetMemFormat().bitdepth,
+      [&](auto width) {
+        using T = decltype(width);
+        return Broadcast_v1(*in_attrs_, *out_attrs_, static_cast<T*>(in_buffers[0]),
+                            static_cast<T*>(out_buffers[0]), bcast_c_, bcast_h_, bcast_w_);
+      },
+      [] {
+        VEK_LOG_ERROR("Broadcast_v1() - unhandled bitdepth!");
+        return false;
+      });
+}
+
+namespace {
+
+// dst[x] = src[x mod period]; a period of 0 repeats nothing.
+template <typename T>
+void RepeatRow(T* dst, const T* src, unsigned period, unsigned count) {
+  if (count == 0) return;
+  if (period == 1) return detail::FillRun(dst, *src, count);
+  if (period == 0) period = count;
+  for (unsigned x = 0; x < count; x += std::min(period, count - x)) {
+    detail::CopyRun(dst + x, src, std::min(period, count - x));
+  }
+}
+
+}  // namespace
+
+template <typename T>
+bool Broadcast_v1(const zeb::PuxDnnBufAttrs& in, const zeb::PuxDnnBufAttrs& out, T* in_data, T* out_data,
+                  unsigned bcast_c, unsigned bcast_h, unsigned bcast_w) {
+  VEK_REQUIRE(in_data != nullptr && out_data != nullptr, "Broadcast_v1 input or output buffer is null.");
+
+  const unsigned C = out.GetChannels();
+  const unsigned H = out.GetHeight();
+  const unsigned W = out.GetWidth();
+  const unsigned H_in = in.GetHeight();
+  const unsigned W_in = in.GetWidth();
+  const unsigned in_line = in.GetLineStride() / static_cast<unsigned>(sizeof(T));
+  const unsigned out_line = out.GetLineStride() / static_cast<unsigned>(sizeof(T));
+  const unsigned plane = H * W;
+
+  // Positions wrap in 32 bits.
+  if (bcast_c != 0) {
+    unsigned first_copy = 1;
+    if (bcast_h != 0) {
+      if (bcast_w != 0) {
+        // Deliberate: the second row follows the first one's elements, not its line stride.
+        RepeatRow(out_data, in_data, W_in, W);
+        T* row = out_data + W;
+        for (unsigned h = 1; h < H; ++h, row += out_line) detail::CopyRun(row, out_data, W);
+      } else {
+        T* row = out_data;
+        for (unsigned h = 0; h < H; ++h, row += out_line) detail::CopyRun(row, in_data, W);
+      }
+    } else if (bcast_w != 0) {
+      for (unsigned h = 0; h < H; ++h) RepeatRow(out_data + h * out_line, in_data + h * in_line, W_in, W);
+    } else {
+      // Deliberate: a dense block, also where the input's rows are padded.
+      first_copy = 0;
+    }
+    // Deliberate: planes are repeated as dense blocks, also where the output's rows are padded.
+    const T* first_plane = first_copy == 0 ? in_data : out_data;
+    for (unsigned c = first_copy; c < C; ++c) detail::CopyRun(out_data + c * plane, first_plane, plane);
+    return true;
+  }
+
+  if (bcast_h == 0 && bcast_w == 0) return true;
+  const unsigned in_plane = bcast_h != 0 ? in_line : H_in * in_line;
+  const unsigned in_row = bcast_h != 0 ? 0 : in_line;
+  const unsigned period = bcast_w != 0 ? W_in : W;
+  for (unsigned c = 0; c < C; ++c) {
+    for (unsigned h = 0; h < H; ++h) {
+      RepeatRow(out_data + (c * H * out_line + h * out_line), in_data + (c * in_plane + h * in_row), period,
+                W);
+    }
+  }
+  return true;
+}
+
+template bool Broadcast_v1<int>(const zeb::PuxDnnBufAttrs&, const zeb::PuxDnnBufAttrs&, int*, int*, unsigned,
+                                unsigned, unsigned);
+template bool Broadcast_v1<short>(const zeb::PuxDnnBufAttrs&, const zeb::PuxDnnBufAttrs&, short*, short*,
+                                  unsigned, unsigned, unsigned);
+template bool Broadcast_v1<char>(const zeb::PuxDnnBufAttrs&, const zeb::PuxDnnBufAttrs&, char*, char*,
+                                 unsigned, unsigned, unsigned);
+
+}  // namespace zeb_custom_ops
