@@ -12,10 +12,11 @@ write_basic_package_version_file(${PROJECT_BINARY_DIR}/vekcustom-config-version.
 install(FILES ${PROJECT_BINARY_DIR}/vekcustom-config.cmake ${PROJECT_BINARY_DIR}/vekcustom-config-version.cmake
   DESTINATION ${VEK_CMAKE_DIR})
 
-# cmake_path joins correctly whether the install directories are relative or absolute.
-set(VEK_PC_LIBDIR "\${prefix}")
-cmake_path(APPEND VEK_PC_LIBDIR ${CMAKE_INSTALL_LIBDIR})
-set(VEK_PC_INCLUDEDIR "\${prefix}")
-cmake_path(APPEND VEK_PC_INCLUDEDIR ${CMAKE_INSTALL_INCLUDEDIR})
+# The pkg-config file finds the rest from where it lies, so that the installed tree can be moved as a whole.
+cmake_path(RELATIVE_PATH CMAKE_INSTALL_PREFIX BASE_DIRECTORY ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig
+  OUTPUT_VARIABLE VEK_PC_PREFIX)
+cmake_path(RELATIVE_PATH CMAKE_INSTALL_FULL_LIBDIR BASE_DIRECTORY ${CMAKE_INSTALL_PREFIX} OUTPUT_VARIABLE VEK_PC_LIBDIR)
+cmake_path(RELATIVE_PATH CMAKE_INSTALL_FULL_INCLUDEDIR BASE_DIRECTORY ${CMAKE_INSTALL_PREFIX}
+  OUTPUT_VARIABLE VEK_PC_INCLUDEDIR)
 configure_file(cmake/vekcustom.pc.in ${PROJECT_BINARY_DIR}/vekcustom.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/vekcustom.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
