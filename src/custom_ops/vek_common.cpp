@@ -6,12 +6,14 @@
 #include "custom_ops/vek_batchtospace.h"
 #include "custom_ops/vek_broadcast.h"
 #include "custom_ops/vek_concat.h"
+#include "custom_ops/vek_datastrideconv.h"
 #include "custom_ops/vek_depthtospace.h"
 #include "custom_ops/vek_ewo.h"
 #include "custom_ops/vek_gather.h"
 #include "custom_ops/vek_l2norm.h"
 #include "custom_ops/vek_matmul.h"
 #include "custom_ops/vek_pad.h"
+#include "custom_ops/vek_permute.h"
 #include "custom_ops/vek_reshape.h"
 #include "custom_ops/vek_softmax.h"
 #include "custom_ops/vek_spacetobatch.h"
@@ -34,10 +36,12 @@ using namespace zeb_custom_ops;  // The table reads better bare.
 
 constexpr FactoryEntry kFactory[] = {
     {"SOFTMAX", Make<VekSoftmax>},
+    {"DATA_STRIDE_CONV", Make<VekDataStrideConv>},
     {"RESHAPE", Make<VekReshape>},
     {"BROADCAST", Make<VekBroadcast>},
     {"NORMALIZE", Make<VekL2Norm>},
     {"MATMUL", Make<VekMatmul>},
+    {"PERMUTE", Make<VekPermute>},
     {"SWCONCAT", Make<VekConcat>},
     {"DEPTHTOSPACE", Make<VekDepthToSpace>},
     {"PAD", Make<VekPad>},

@@ -3,6 +3,8 @@
 
 #include <typeinfo>
 
+#include "custom_ops/vek_datastrideconv.h"
+#include "custom_ops/vek_permute.h"
 #include "custom_ops/vek_reshape.h"
 #include "custom_ops/vek_softmax.h"
 #include "support/plugin.h"
@@ -22,7 +24,9 @@ void ExpectMakes(const std::string& name) {
 
 TEST(Factory, EveryNameMakesItsClass) {
   ExpectMakes<VekSoftmax>("SOFTMAX");
+  ExpectMakes<VekDataStrideConv>("DATA_STRIDE_CONV");
   ExpectMakes<VekReshape>("RESHAPE");
+  ExpectMakes<VekPermute>("PERMUTE");
 }
 
 TEST(Factory, AnyOtherNameGivesNullAndSaysNothing) {
