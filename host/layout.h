@@ -1,0 +1,23 @@
+/// \file
+/// Moves a tensor between dense order (outermost dimension first, no gaps) and the layout that a description
+/// gives.
+#pragma once
+
+#include <cstddef>
+
+#include "host/buf_attrs.h"
+
+namespace vek_host {
+
+/// Lays dense elements out as described. Padding and the unused slots of a last, partly filled group of
+/// channels stay as they are.
+///
+/// \param attrs   the layout; its rows and planes must fit their strides.
+/// \param dense   as many elements as the dims say, of `ElementBytes` bytes each.
+/// \param buffer  out: `attrs.Bytes()` bytes.
+void Pack(const BufAttrs& attrs, const std::byte* dense, std::byte* buffer);
+
+/// The other way round.
+void Unpack(const BufAttrs& attrs, const std::byte* buffer, std::byte* dense);
+
+}  // namespace vek_host
