@@ -2,10 +2,15 @@
 #include "custom_ops/vek_ewo.h"
 
 #include <cmath>
+#include <cstddef>
+#include <functional>
 
 #include "custom_ops/vek_common.h"
 #include "detail/attr_text.h"
 #include "detail/checks.h"
+#include "detail/elementwise.h"
+#include "detail/exact_math.h"
+#include "detail/lanes.h"
 #include "detail/sizes.h"
 
 namespace zeb_custom_ops {
@@ -155,21 +160,19 @@ bool VekEwo::Execute(void** in_buffers, void** out_buffers) {
       return Mul<float>({input(0), input(1)}, out, *in_attrs_[0]);
     case kDiv:
       return Div<float>({input(0), input(1)}, out, *in_attrs_[0]);
-    case kAddK: {
-      const unsigned count = Count(*in_attrs_[0]);
-      for (unsigned i = 0; i < count; ++i) out[i] = input(0)[i] + k_;
+    case kAddK:
+      detail::MapRun(input(0), out, Count(*in_attrs_[0]),
+                     [k = detail::Splat(k_)](detail::Floats x) { return x + k; });
       return true;
-    }
-    case kPowK: {
-      const unsigned count = Count(*in_attrs_[0]);
+    case kPowK:
       // Deliberate: the reciprocal is a division of its own, for this one exponent.
       if (k_ == -1.0F) {
-        for (unsigned i = 0; i < count; ++i) out[i] = -k_ / input(0)[i];
+        detail::MapRun(input(0), out, Count(*in_attrs_[0]),
+                       [k = detail::Splat(-k_)](detail::Floats x) { return k / x; });
       } else {
-        for (unsigned i = 0; i < count; ++i) out[i] = std::pow(input(0)[i], k_);
+        detail::PowInto(input(0), out, Count(*in_attrs_[0]), k_);
       }
       return true;
-    }
     default:
       VEK_REQUIRE(false, "EWO operation not supported, method: %d.", method_);
   }
@@ -177,46 +180,44 @@ bool VekEwo::Execute(void** in_buffers, void** out_buffers) {
 
 namespace {
 
-// The index of (n, c, h, w) in an operand that has the extent 1 along some dimensions of C, H and W.
-unsigned BroadcastIndex(const bool (&repeats_along)[4], unsigned C, unsigned H, unsigned W, unsigned n,
-                        unsigned c, unsigned h, unsigned w) {
-  const auto [rN, rC, rH, rW] = repeats_along;
-  if (rC) C = 1;
-  if (rH) H = 1;
-  if (rW) W = 1;
-  return (rN ? 0 : n * C * H * W) + (rC ? 0 : c * H * W) + (rH ? 0 : h * W) + (rW ? 0 : w);
-}
+constexpr bool kNowhere[4] = {};
 
-constexpr bool kDense[4] = {};
+// One operand in the walk over the output: its data, and the steps between its elements along N, C, H and W.
+// It has the extent 1 along the dimensions in which it repeats, and the step 0. Steps wrap at 32 bits.
+struct Operand {
+  unsigned n_step, c_step, h_step, w_step;
 
-}  // namespace
+  Operand(const bool (&repeats_along)[4], unsigned C, unsigned H, unsigned W) {
+    const auto [n, c, h, w] = repeats_along;
+    const unsigned row = w ? 1 : W;
+    const unsigned plane = (h ? 1 : H) * row;
+    n_step = n ? 0 : (c ? 1 : C) * plane;
+    c_step = c ? 0 : plane;
+    h_step = h ? 0 : row;
+    w_step = w ? 0 : 1;
+  }
 
-std::uint64_t VekEwo::calculate_broadcast_indexes(const zeb::PuxDnnBufAttrs& attrs, unsigned n, unsigned c,
-                                                  unsigned h, unsigned w) {
-  const unsigned C = attrs.GetChannels();
-  const unsigned H = attrs.GetHeight();
-  const unsigned W = attrs.GetWidth();
-  const std::uint64_t a = BroadcastIndex(broadcast_A_ ? A_repeats_along_ : kDense, C, H, W, n, c, h, w);
-  const std::uint64_t b = BroadcastIndex(broadcast_B_ ? B_repeats_along_ : kDense, C, H, W, n, c, h, w);
-  return b << 32 | a;
-}
+  unsigned Index(unsigned n, unsigned c, unsigned h, unsigned w) const {
+    return n * n_step + c * c_step + h * h_step + w * w_step;
+  }
+};
 
-namespace {
-
-// Calls `element` with the indices of every output element and of its operands.
-template <typename Element>
-void ForEachElement(VekEwo& layer, const zeb::PuxDnnBufAttrs& attrs, Element&& element) {
-  const unsigned N = attrs.GetBatch();
-  const unsigned C = attrs.GetChannels();
-  const unsigned H = attrs.GetHeight();
-  const unsigned W = attrs.GetWidth();
+// out = op(a, b) over the elements of an N x C x H x W output.
+template <typename Op>
+void Broadcasting(const float* a_data, const Operand& a, const float* b_data, const Operand& b, float* out,
+                  unsigned N, unsigned C, unsigned H, unsigned W, Op op) {
+  if (detail::ProductFits32({N, C, H, W})) {
+    detail::ZipAxis axes[] = {
+        {N, a.n_step, b.n_step}, {C, a.c_step, b.c_step}, {H, a.h_step, b.h_step}, {W, a.w_step, b.w_step}};
+    detail::ZipWalk(a_data, b_data, out, axes, op);
+    return;
+  }
+  const Operand dense(kNowhere, C, H, W);
   for (unsigned n = 0; n < N; ++n) {
     for (unsigned c = 0; c < C; ++c) {
       for (unsigned h = 0; h < H; ++h) {
         for (unsigned w = 0; w < W; ++w) {
-          const std::uint64_t indexes = layer.calculate_broadcast_indexes(attrs, n, c, h, w);
-          element(n * C * H * W + c * H * W + h * W + w, static_cast<unsigned>(indexes),
-                  static_cast<unsigned>(indexes >> 32));
+          out[dense.Index(n, c, h, w)] = op(a_data[a.Index(n, c, h, w)], b_data[b.Index(n, c, h, w)]);
         }
       }
     }
@@ -225,23 +226,53 @@ void ForEachElement(VekEwo& layer, const zeb::PuxDnnBufAttrs& attrs, Element&& e
 
 }  // namespace
 
+std::uint64_t VekEwo::calculate_broadcast_indexes(const zeb::PuxDnnBufAttrs& attrs, unsigned n, unsigned c,
+                                                  unsigned h, unsigned w) {
+  const unsigned C = attrs.GetChannels();
+  const unsigned H = attrs.GetHeight();
+  const unsigned W = attrs.GetWidth();
+  const std::uint64_t a = Operand(broadcast_A_ ? A_repeats_along_ : kNowhere, C, H, W).Index(n, c, h, w);
+  const std::uint64_t b = Operand(broadcast_B_ ? B_repeats_along_ : kNowhere, C, H, W).Index(n, c, h, w);
+  return b << 32 | a;
+}
+
 template <typename T>
 bool VekEwo::Mul(const std::vector<T*>& in, T* out, const zeb::PuxDnnBufAttrs& attrs) {
-  ForEachElement(*this, attrs, [&](unsigned i, unsigned a, unsigned b) { out[i] = in[0][a] * in[1][b]; });
+  const unsigned N = attrs.GetBatch();
+  const unsigned C = attrs.GetChannels();
+  const unsigned H = attrs.GetHeight();
+  const unsigned W = attrs.GetWidth();
+  const Operand a(broadcast_A_ ? A_repeats_along_ : kNowhere, C, H, W);
+  const Operand b(broadcast_B_ ? B_repeats_along_ : kNowhere, C, H, W);
+  Broadcasting(in[0], a, in[1], b, out, N, C, H, W, std::multiplies<>());
   return true;
 }
 
 template <typename T>
 bool VekEwo::Div(const std::vector<T*>& in, T* out, const zeb::PuxDnnBufAttrs& attrs) {
-  ForEachElement(*this, attrs, [&](unsigned i, unsigned a, unsigned b) { out[i] = in[0][a] / in[1][b]; });
+  const unsigned N = attrs.GetBatch();
+  const unsigned C = attrs.GetChannels();
+  const unsigned H = attrs.GetHeight();
+  const unsigned W = attrs.GetWidth();
+  const Operand a(broadcast_A_ ? A_repeats_along_ : kNowhere, C, H, W);
+  const Operand b(broadcast_B_ ? B_repeats_along_ : kNowhere, C, H, W);
+  Broadcasting(in[0], a, in[1], b, out, N, C, H, W, std::divides<>());
   return true;
 }
 
 template <typename T>
 bool VekEwo::Mul_NCHW_x_NC11(T* full, T* per_channel, T* out, const zeb::PuxDnnBufAttrs& full_attrs) {
-  const unsigned count = Count(full_attrs);
-  const unsigned plane = full_attrs.GetHeight() * full_attrs.GetWidth();
-  // A plane of 0 elements makes the count 0.
+  const unsigned N = full_attrs.GetBatch();
+  const unsigned C = full_attrs.GetChannels();
+  const unsigned H = full_attrs.GetHeight();
+  const unsigned W = full_attrs.GetWidth();
+  const unsigned plane = H * W;
+  if (detail::ProductFits32({N, C, H, W})) {
+    detail::ZipAxis axes[] = {{std::size_t{N} * C, 1, plane}, {plane, 0, 1}};
+    detail::ZipWalk(per_channel, full, out, axes, std::multiplies<>());
+    return true;
+  }
+  const unsigned count = N * C * plane;  // 0 where a plane has 0 elements
   for (unsigned i = 0; i < count; ++i) out[i] = per_channel[i / plane] * full[i];
   return true;
 }
