@@ -1,0 +1,627 @@
+// PAD: refusals in their order, both paths, the four modes, the constant, layouts, malformed shapes, random cases.
+#include "custom_ops/vek_pad.h"
+
+#include <gtest/gtest.h>
+
+#include "reference/vek_pad_ref.h"
+#include "support/moves_check.h"
+#include "support/refusals.h"
+
+namespace vek_test {
+namespace {
+
+using namespace zeb_custom_ops;
+
+constexpr char kFile[] = "vek_pad.cpp";
+constexpr char kNull[] = "Pad_reflect_v1 input or output buffer is null.";
+
+struct OpenPad : VekPad {
+  using VekPad::configured_;
+  using VekPad::format_;
+  using VekPad::in_attrs_;
+  using VekPad::out_attrs_;
+  using VekPad::pad_;
+  using VekPad::pad_mode_;
+  using VekPad::pad_shape_;
+};
+
+using Pads = std::array<unsigned, 8>;
+
+template <typename Numbers>
+std::string List(const Numbers& numbers) {
+  std::string text;
+  for (const auto& number : numbers) text += (text.empty() ? "[" : ",") + std::to_string(number);
+  return text + "]";
+}
+
+AttrMap Attributes(int mode, const Pads& pads, const std::string& pad = "0",
+                   const std::string& format = "[0,1,2,3]") {
+  return {{"pad_mode", std::to_string(mode)}, {"pad", pad}, {"pad_shape", List(pads)}, {"format", format}};
+}
+
+Setup Valid() {
+  return {Attributes(4, {0, 0, 0, 0, 1, 1, 2, 2}), {Buf::Float({1, 2, 3, 4})}, {Buf::Float({1, 2, 5, 8})}};
+}
+
+std::vector<Fault> Faults() {
+  const auto set = [](const char* key, const char* text) { return [=](Setup& s) { s.attrs[key] = text; }; };
+  // Replaces the attribute, so that the count stays.
+  const auto lose = [](const char* key) {
+    return [key](Setup& s) {
+      s.attrs.erase(key);
+      s.attrs[std::string("not ") + key] = "1";
+    };
+  };
+  const auto missing = [](const char* key) {
+    return Log{Error(kFile, std::string("expected attribute ") + key + ", but did not get it.")};
+  };
+  return {
+      {"three attributes",
+       [](Setup& s) { s.attrs.erase(s.attrs.begin()); },
+       {Error(kFile, "expected 4 attribute, but got 3")},
+       "attributes"},
+      {"no pad_mode", lose("pad_mode"), missing("pad_mode")},
+      {"no pad", lose("pad"), missing("pad")},
+      {"no pad_shape", lose("pad_shape"), missing("pad_shape")},
+      {"unclosed pad_shape",
+       set("pad_shape", "[0,0,0,0,1,1,2,2"),
+       {Error(kFile, "ERROR: Wrongly formated parameter string for software operation")},
+       "pad_shape"},
+      {"empty pad_shape",
+       set("pad_shape", "[]"),
+       {Error(kFile, "ERROR: Wrongly formated parameter string (too short)")},
+       "pad_shape"},
+      {"seven entries",
+       set("pad_shape", "[0,0,0,0,1,1,2]"),
+       {Error(kFile, "expected 8 entries in pad_shape, but got 7")},
+       "pad_shape"},
+      {"no format", lose("format"), missing("format")},
+      {"unclosed format",
+       set("format", "0,1,2,3"),
+       {Error(kFile, "ERROR: Wrongly formated parameter string for software operation")},
+       "format"},
+      {"three entries",
+       set("format", "[0,1,2]"),
+       {Error(kFile, "expected 4 entries in format, but got 3")},
+       "format"},
+      {"two inputs",
+       [](Setup& s) { s.in.push_back(s.in[0]); },
+       {Error(kFile, "expected one input and one output, got: 2 inputs, 1 outputs")},
+       "count"},
+      {"two outputs",
+       [](Setup& s) { s.out.push_back(s.out[0]); },
+       {Error(kFile, "expected one input and one output, got: 1 inputs, 2 outputs")},
+       "count"},
+      {"short input",
+       [](Setup& s) { s.in[0].size = 23; },
+       {Error(kFile, "Input buf size should be at least 24, but is 23")}},
+      {"short output",
+       [](Setup& s) { s.out[0].size = 79; },
+       {Error(kFile, "Output buf size should be at least 80, but is 79")}},
+  };
+}
+
+TEST(Pad, RefusalsComeInTheirOrder) {
+  std::vector<Fault> faults = Faults();
+  // Losing any attribute leaves three; alone it is tested with each of them.
+  const Fault count = faults.front();
+  faults.erase(faults.begin());
+  CheckOrderOfRefusals("PAD", Valid(), faults);
+  CheckOrderOfRefusals("PAD", Valid(), {count});
+  for (const char* key : {"pad_mode", "pad", "pad_shape", "format"}) {
+    auto s = Valid();
+    s.attrs.erase(key);
+    Layer layer("PAD");
+    EXPECT_FALSE(layer.Configure(s.attrs, {}, {}));
+    EXPECT_EQ(layer.log, count.lines);
+  }
+}
+
+TEST(Pad, MoreAttributesThanFourAreAccepted) {
+  auto s = Valid();
+  s.attrs["axis"] = "1";
+  Layer layer("PAD");
+  EXPECT_TRUE(layer.Configure(s.attrs, s.in, s.out));
+  EXPECT_EQ(layer.log, Log{});
+}
+
+TEST(Pad, SurplusEntriesAreIgnored) {
+  auto s = Valid();
+  s.attrs["pad_shape"] = "[1,2,3,4,5,6,7,-1,9]";
+  s.attrs["format"] = "[[0,1],[2,3],[4]]";
+  OpenPad layer;
+  EXPECT_TRUE(layer.Configure(s.attrs, MakeList(s.in), MakeList(s.out)));
+  EXPECT_EQ(layer.pad_shape_, (Pads{1, 2, 3, 4, 5, 6, 7, 4294967295U}));
+  EXPECT_EQ(layer.format_, (std::array<unsigned, 4>{0, 1, 2, 3}));
+}
+
+TEST(Pad, ARefusedConfigureKeepsTheValuesThatItRead) {
+  auto s = Valid();
+  OpenPad layer;
+  ASSERT_TRUE(layer.Configure(s.attrs, MakeList(s.in), MakeList(s.out)));
+  s.attrs = Attributes(2, {1, 1, 1, 1, 1, 1, 1, 1}, "7", "[0,2]");
+  s.in[0].dims = {1, 1, 1, 1};
+  CaptureLog([&] { EXPECT_FALSE(layer.Configure(s.attrs, MakeList(s.in), MakeList(s.out))); });
+  EXPECT_EQ(layer.pad_mode_, 2);
+  EXPECT_EQ(layer.pad_, 7U);
+  EXPECT_EQ(layer.pad_shape_, (Pads{1, 1, 1, 1, 1, 1, 1, 1}));
+  EXPECT_EQ(layer.format_, (std::array<unsigned, 4>{0, 1, 2, 3}));
+  EXPECT_TRUE(layer.configured_);
+  EXPECT_EQ(layer.in_attrs_->GetDims(), (std::vector<unsigned>{1, 2, 3, 4}));
+}
+
+TEST(Pad, ANewLayerHoldsZeros) {
+  OpenPad layer;
+  EXPECT_EQ(layer.pad_mode_, 0);
+  EXPECT_EQ(layer.pad_, 0U);
+  EXPECT_EQ(layer.pad_shape_, Pads{});
+  EXPECT_EQ(layer.format_, (std::array<unsigned, 4>{}));
+  EXPECT_FALSE(layer.configured_);
+}
+
+TEST(Pad, ExecuteRefusesInItsOrder) {
+  OpenPad layer;
+  float data[80] = {};
+  void* given[] = {data};
+  void* null[] = {nullptr};
+  const auto complains = [&](void** in, void** out, const std::vector<std::string>& texts) {
+    Log expected;
+    for (const std::string& text : texts) expected.push_back(Error(kFile, text));
+    EXPECT_EQ(CaptureLog([&] { EXPECT_FALSE(layer.Execute(in, out)); }), expected);
+  };
+  complains(nullptr, nullptr, {"Can't run Execute() without Configure()"});
+  layer.configured_ = true;
+  complains(nullptr, nullptr, {"Input buffer is NULL"});
+  complains(given, nullptr, {"Output buffer is NULL"});
+  complains(given, given, {"input buffer attrs are NULL"});
+  layer.in_attrs_ = std::make_unique<Buf>(Buf::Int(12, {1, 2, 3, 4}));
+  complains(given, given, {"output buffer attrs are NULL"});
+  layer.out_attrs_ = std::make_unique<Buf>(Buf::Float({1, 2, 5, 8}));
+  complains(null, null, {"Unknown format not supported.", "can't calculate Pad"});
+  layer.format_ = {0, 1, 3, 2};
+  complains(null, null, {"Unknown format not supported.", "can't calculate Pad"});
+  // The dense path.
+  layer.format_ = {0, 2, 3, 1};
+  complains(null, given, {kNull, "can't calculate Pad"});
+  complains(given, null, {kNull, "can't calculate Pad"});
+  // The direct path: one line for an unknown width, whatever else is wrong.
+  layer.format_ = {0, 1, 2, 3};
+  complains(null, null, {"CopyBuffer_v1() - unhandled bitdepth!"});
+  auto in = std::make_unique<Buf>(Buf::Int(16, {1, 2, 3, 4}));
+  in->format.plane_pack = 0;
+  layer.in_attrs_ = std::move(in);
+  complains(null, given, {kNull, "can't calculate Pad"});
+  complains(given, null, {kNull, "can't calculate Pad"});
+  complains(given, given, {"plane_pack of the input = 0, but should be at least 1"});
+}
+
+TEST(Pad, KernelsRefuseNullBuffers) {
+  const Buf buf = Buf::Float({1, 1, 1, 1});
+  float data = 1.0F;
+  const auto complains = [](auto call, const char* text) {
+    EXPECT_EQ(CaptureLog([&] { EXPECT_FALSE(call()); }), (Log{Error(kFile, text)}));
+  };
+  complains([&] { return CopyBuffer_v1(buf, buf, 0, 0, 0, 0, nullptr, &data); }, kNull);
+  complains([&] { return CopyBuffer_v1(buf, buf, 0, 0, 0, 0, &data, nullptr); }, kNull);
+  float* none = nullptr;
+  complains([&] { return Pad_reflectsymm_v1(buf, buf, 0, 0, 0, 0, 0, 0, 0, 0, true, none); }, kNull);
+  int* no_ints = nullptr;
+  complains([&] { return Pad_reflectsymm_v1(buf, buf, 0, 0, 0, 0, 0, 0, 0, 0, true, no_ints); }, kNull);
+  short* no_shorts = nullptr;
+  complains([&] { return Pad_reflectsymm_v1<short>(buf, buf, 0, 0, 0, 0, 0, 0, 0, 0, true, no_shorts); },
+            kNull);
+  complains([&] { return Pad_edge_repli_v1(buf, buf, 0, 0, 0, 0, 0, 0, 0, 0, none); },
+            "Pad_edge_repli_v1 input or output buffer is null.");
+  complains([&] { return Pad_const_v1(buf, buf, 1, 0, 0, 0, 0, 0, 0, 0, 0, none); },
+            "Pad_const_v1 input or output buffer is null.");
+}
+
+// --- One row, by eye.
+
+std::vector<float> PaddedRow(int mode, unsigned before, unsigned after, const std::string& pad = "0") {
+  const unsigned W = 3 + before + after;
+  Layer layer("PAD");
+  EXPECT_TRUE(layer.Configure(Attributes(mode, {0, 0, 0, 0, 0, 0, before, after}, pad, "[0,2,3,1]"),
+                              {Buf::Float({1, 1, 1, 3})}, {Buf::Float({1, 1, 1, W})}));
+  GuardedBuffer in = Guarded(std::vector<float>{1, 2, 3});
+  GuardedBuffer out = Guarded(std::vector<float>(W, 9));
+  EXPECT_TRUE(layer.Execute({in.data()}, {out.data()}));
+  EXPECT_EQ(layer.log, Log{});
+  return out.Get<float>();
+}
+
+using Row = std::vector<float>;
+
+TEST(Pad, ReflectDoesNotRepeatTheEdge) { EXPECT_EQ(PaddedRow(1, 2, 2), (Row{3, 2, 1, 2, 3, 2, 1})); }
+TEST(Pad, SymmetricRepeatsTheEdge) { EXPECT_EQ(PaddedRow(3, 2, 2), (Row{2, 1, 1, 2, 3, 3, 2})); }
+TEST(Pad, EdgeRepeatsTheNearestElement) { EXPECT_EQ(PaddedRow(2, 2, 1), (Row{1, 1, 1, 2, 3, 3})); }
+TEST(Pad, ConstantFills) { EXPECT_EQ(PaddedRow(4, 1, 2, "5"), (Row{5, 1, 2, 3, 5, 5})); }
+TEST(Pad, AConstantBelowZeroWraps) { EXPECT_EQ(PaddedRow(4, 1, 0, "-1"), (Row{4294967296.0F, 1, 2, 3})); }
+TEST(Pad, OtherModesLeaveTheBorderAlone) {
+  for (int mode : {0, 7, -1, 5}) EXPECT_EQ(PaddedRow(mode, 1, 1), (Row{9, 1, 2, 3, 9}));
+}
+TEST(Pad, ReflectFillsWithZeroBeyondTheInterior) {
+  EXPECT_EQ(PaddedRow(1, 3, 4), (Row{0, 3, 2, 1, 2, 3, 2, 1, 0, 0}));
+}
+TEST(Pad, SymmetricFillsWithZeroBeyondTheInterior) {
+  EXPECT_EQ(PaddedRow(3, 3, 5), (Row{3, 2, 1, 1, 2, 3, 3, 2, 1, 0, 0}));
+}
+
+// --- The constant.
+
+TEST(Pad, AQuantisedInputConvertsTheStoredConstantOnEveryExecuteOfTheDensePath) {
+  OpenPad layer;
+  Buf in = Buf::Float({1, 1, 1, 1});
+  in.format.q8a = true;
+  in.format.q8a_zero = 5;
+  in.format.q8a_scale = 0.5F;
+  ASSERT_TRUE(layer.Configure(Attributes(4, {0, 0, 0, 0, 0, 0, 1, 0}, "3", "[0,2,3,1]"), MakeList({in}),
+                              MakeList({Buf::Float({1, 1, 1, 2})})));
+  float data = 1.0F;
+  float out[2] = {};
+  void* inputs[] = {&data};
+  void* outputs[] = {out};
+  ASSERT_TRUE(layer.Execute(inputs, outputs));
+  EXPECT_EQ(layer.pad_, 2147483648U);  // (3 - 5) mod 2^32, as a float, halved
+  EXPECT_EQ(out[0], 2147483648.0F);
+  ASSERT_TRUE(layer.Execute(inputs, outputs));
+  EXPECT_EQ(layer.pad_, 1073741824U);
+  EXPECT_EQ(out[0], 1073741824.0F);
+
+  // Also when the format is refused then, and whatever the mode is.
+  layer.format_ = {3, 2, 1, 0};
+  layer.pad_mode_ = 0;
+  layer.pad_ = 25;
+  CaptureLog([&] { EXPECT_FALSE(layer.Execute(inputs, outputs)); });
+  EXPECT_EQ(layer.pad_, 10U);
+}
+
+TEST(Pad, AQuantisedInputOfTheDirectPathKeepsTheConstant) {
+  OpenPad layer;
+  Buf in = Buf::Int(8, {1, 1, 1, 1});
+  in.format.q8a = true;
+  in.format.q8a_zero = 5;
+  in.format.q8a_scale = 0.5F;
+  ASSERT_TRUE(layer.Configure(Attributes(4, {0, 0, 0, 0, 0, 0, 1, 0}, "3"), MakeList({in}),
+                              MakeList({Buf::Int(8, {1, 1, 1, 2})})));
+  std::uint8_t data = 1;
+  std::uint8_t out[2] = {};
+  void* inputs[] = {&data};
+  void* outputs[] = {out};
+  ASSERT_TRUE(layer.Execute(inputs, outputs));
+  EXPECT_EQ(layer.pad_, 3U);
+  EXPECT_EQ(out[0], 3);
+}
+
+TEST(Pad, NegativeAndHugeConvertedConstantsSaturate) {
+  OpenPad layer;
+  Buf in = Buf::Float({1, 1, 1, 1});
+  in.format.q8a = true;
+  ASSERT_TRUE(layer.Configure(Attributes(4, {0, 0, 0, 0, 0, 0, 1, 0}, "8", "[0,2,3,1]"), MakeList({in}),
+                              MakeList({Buf::Float({1, 1, 1, 2})})));
+  float data = 1.0F;
+  float out[2] = {};
+  void* inputs[] = {&data};
+  void* outputs[] = {out};
+  auto& format = dynamic_cast<Buf&>(*layer.in_attrs_).format;
+  const auto converted = [&](float scale) {
+    layer.pad_ = 8;
+    format.q8a_scale = scale;
+    EXPECT_TRUE(layer.Execute(inputs, outputs));
+    return layer.pad_;
+  };
+  EXPECT_EQ(converted(-2.0F), 0U);
+  EXPECT_EQ(converted(1e30F), 4294967295U);
+  EXPECT_EQ(converted(std::numeric_limits<float>::quiet_NaN()), 0U);
+  EXPECT_EQ(converted(0.2F), 1U);
+}
+
+TEST(Pad, TheConstantOfTheDirectPathFollowsTheOutputsExponent) {
+  for (int bits : {8, 16, 32}) {
+    for (int exp : {0, -3, -8, -14, -31, 4, 40}) {
+      for (unsigned pad : {0U, 1U, 3U, 200U, 70000U, 4294967295U}) {
+        const Buf in = Buf::Int(bits, {1, 1, 1, 1});
+        Buf out = Buf::Int(bits, {1, 1, 1, 2});
+        out.format.exp = exp;
+        Layer layer("PAD");
+        ASSERT_TRUE(
+            layer.Configure(Attributes(4, {0, 0, 0, 0, 0, 0, 1, 0}, std::to_string(pad)), {in}, {out}));
+        reference::Moves moves;
+        moves.FromInput(1, 0);
+        moves.Fill(0);
+        Random random(17);
+        ExpectMovesOf(static_cast<unsigned>(bits), moves, 1, reference::FixedPointFill(pad, exp, bits == 8),
+                      random, ExecuteQuietly(layer));
+      }
+    }
+  }
+}
+
+// --- Whole tensors.
+
+reference::Tensor TensorOf(const Buf& buf, unsigned element_bytes) {
+  return {{buf.At(0), buf.At(1), buf.At(2), buf.At(3)},
+          buf.line_stride / element_bytes,
+          buf.plane_stride / element_bytes,
+          buf.PlanePack()};
+}
+
+// Executes with all pads as given and compares with the border kernels run one by one.
+void ExpectFormula(Buf in, Buf out, int mode, const Pads& pads, bool channels_last, unsigned pad,
+                   Random& random) {
+  const bool direct = out.format.plane_pack == 1 && !channels_last;
+  const unsigned bytes = direct ? in.ElementBytes() : 4;
+  reference::Pad formula{TensorOf(in, bytes), TensorOf(out, bytes), pads, {}};
+  std::uint32_t fill = 0;
+  if (direct) {
+    formula.CopyStrided();
+    if (mode == 4) fill = reference::FixedPointFill(pad, out.format.exp, bytes == 1);
+  } else {
+    formula.in = reference::Tensor::Dense(formula.in.dims);
+    formula.out = reference::Tensor::Dense(formula.out.dims);
+    formula.CopyDense();
+    const auto value = static_cast<float>(pad);
+    if (mode == 4) std::memcpy(&fill, &value, sizeof fill);
+  }
+  formula.Border(mode);
+  const reference::Moves& moves = formula.moves;
+  if (moves.too_many || moves.Reach(0) > 1U << 22 || moves.Reach(reference::Move::kOutput) > 1U << 22) return;
+
+  in.size = static_cast<unsigned>(std::max<std::uint64_t>(in.size, in.Count()));
+  out.size = static_cast<unsigned>(std::max<std::uint64_t>(out.size, out.Count()));
+  Layer layer("PAD");
+  ASSERT_TRUE(layer.Configure(
+      Attributes(mode, pads, std::to_string(pad), channels_last ? "[0,2,3,1]" : "[0,1,2,3]"), {in}, {out}))
+      << testing::PrintToString(layer.log);
+  ExpectMovesOf(bytes * 8, moves, 1, fill, random, ExecuteQuietly(layer), random.Between(0, 3));
+}
+
+std::vector<unsigned> PaddedDims(const std::vector<unsigned>& dims, const Pads& pads) {
+  std::vector<unsigned> padded = dims;
+  for (std::size_t d = 0; d < 4; ++d) padded[d] += pads[2 * d] + pads[2 * d + 1];
+  return padded;
+}
+
+TEST(Pad, AllPadsZeroCopies) {
+  Random random(18);
+  for (int mode = 0; mode <= 5; ++mode) {
+    for (bool channels_last : {false, true}) {
+      ExpectFormula(Buf::Float({2, 3, 4, 5}), Buf::Float({2, 3, 4, 5}), mode, {}, channels_last, 7, random);
+    }
+  }
+}
+
+TEST(Pad, EveryModeOverManyShapes) {
+  Random random(19);
+  for (int mode : {1, 2, 3, 4}) {
+    for (int bits : {8, 16, 32}) {
+      for (const Pads& pads :
+           {Pads{0, 0, 0, 0, 1, 1, 1, 1}, Pads{0, 0, 0, 0, 3, 2, 0, 4}, Pads{0, 1, 2, 1, 1, 0, 2, 1},
+            Pads{1, 2, 1, 1, 1, 1, 1, 1}, Pads{0, 0, 0, 0, 5, 5, 9, 17}}) {
+        for (unsigned W : {1U, 2U, 3U, 4U, 5U, 12U, 16U, 17U, 33U, 70U}) {
+          const std::vector<unsigned> dims = {2, 3, 2, W};
+          ExpectFormula(Buf::Int(bits, dims), Buf::Int(bits, PaddedDims(dims, pads)), mode, pads, false, 3,
+                        random);
+          if (bits == 32) {
+            ExpectFormula(Buf::Float(dims), Buf::Float(PaddedDims(dims, pads)), mode, pads, true, 3, random);
+          }
+        }
+      }
+    }
+  }
+}
+
+TEST(Pad, PaddedAndInterleavedLayouts) {
+  Random random(20);
+  const Pads pads = {0, 0, 1, 1, 1, 2, 2, 1};
+  for (int mode : {0, 1, 2, 3, 4}) {
+    for (int bits : {8, 16, 32}) {
+      for (int pack : {1, 2, 3, 4, 16}) {
+        for (unsigned C : {1U, 3U, 4U, 17U}) {
+          const std::vector<unsigned> dims = {2, C, 3, 5};
+          Buf in = Buf::Packed(dims, Buf::Planar(bits, false, pack));
+          Buf out = Buf::Int(bits, PaddedDims(dims, pads));
+          in.Pad(12, 20);
+          out.Pad(4, 8);
+          ExpectFormula(in, out, mode, pads, false, 3, random);
+        }
+      }
+    }
+  }
+}
+
+TEST(Pad, AnInterleavedOutputTakesTheDensePath) {
+  Random random(21);
+  const Pads pads = {1, 0, 0, 1, 1, 1, 1, 1};
+  Buf out = Buf::Float(PaddedDims({1, 2, 3, 4}, pads));
+  out.format.plane_pack = 4;
+  for (int mode = 0; mode <= 4; ++mode) {
+    ExpectFormula(Buf::Float({1, 2, 3, 4}), out, mode, pads, false, 9, random);
+  }
+}
+
+TEST(Pad, TheDirectCopyCountsP0InPlanesAndTheBorderInBatches) {
+  Random random(22);
+  for (int mode = 0; mode <= 4; ++mode) {
+    const Pads pads = {1, 0, 0, 1, 0, 0, 0, 0};
+    ExpectFormula(Buf::Int(16, {2, 2, 1, 2}), Buf::Int(16, {3, 3, 1, 2}), mode, pads, false, 1, random);
+  }
+  // By eye: the one plane of the input lands in the second plane of the first item.
+  Layer layer("PAD");
+  ASSERT_TRUE(layer.Configure(Attributes(0, {1, 0, 0, 1, 0, 0, 0, 0}), {Buf::Int(8, {1, 1, 1, 1})},
+                              {Buf::Int(8, {2, 2, 1, 1})}));
+  std::uint8_t in = 7;
+  std::vector<std::uint8_t> out(4);
+  ASSERT_TRUE(layer.Execute({&in}, {out.data()}));
+  EXPECT_EQ(out, (std::vector<std::uint8_t>{0, 7, 0, 0}));
+}
+
+TEST(Pad, ANegativePadWrapsInTheCopy) {
+  // One row further down and one element back: everything stays inside.
+  Random random(23);
+  ExpectFormula(Buf::Int(8, {1, 1, 2, 4}), Buf::Int(8, {1, 1, 4, 4}), 0, {0, 0, 0, 0, 1, 0, ~0U, 0}, false, 0,
+                random);
+  ExpectFormula(Buf::Float({1, 1, 2, 4}), Buf::Float({1, 1, 4, 4}), 0, {0, 0, 0, 0, 1, 0, ~0U, 0}, true, 0,
+                random);
+}
+
+TEST(Pad, PadsThatDoNotFitTheOutputAreNotDetected) {
+  Random random(24);
+  for (int mode = 0; mode <= 4; ++mode) {
+    for (int bits : {8, 16, 32}) {
+      ExpectFormula(Buf::Int(bits, {1, 2, 3, 6}), Buf::Int(bits, {1, 3, 2, 4}), mode,
+                    {0, 1, 1, 1, 1, 2, 1, 1}, false, 2, random);
+    }
+  }
+}
+
+TEST(Pad, KernelsFollowTheirFormulas) {
+  Random random(25);
+  const std::vector<unsigned> dims = {2, 2, 3, 4};
+  const Pads p = {1, 1, 1, 2, 2, 1, 3, 5};
+  const Buf in = Buf::Float(dims);
+  const Buf out = Buf::Float(PaddedDims(dims, p));
+  const auto formula = [&](const Buf& target, unsigned bytes, int mode) {
+    reference::Pad pad{TensorOf(in, 4), TensorOf(target, bytes), p, {}};
+    if (mode == 0) {
+      pad.CopyDense();
+    } else {
+      pad.Border(mode);
+    }
+    return pad.moves;
+  };
+  ExpectMoves<std::uint32_t>(formula(out, 4, 0), 1, 0U, random, [&](std::vector<void*>& from, void* to) {
+    EXPECT_TRUE(CopyBuffer_v1(in, out, p[0], p[2], p[4], p[6], static_cast<float*>(from[0]),
+                              static_cast<float*>(to)));
+  });
+  for (bool reflect : {false, true}) {
+    const int mode = reflect ? 1 : 3;
+    ExpectMoves<std::uint32_t>(formula(out, 4, mode), 0, 0U, random, [&](std::vector<void*>&, void* to) {
+      EXPECT_TRUE(Pad_reflectsymm_v1(in, out, p[0], p[1], p[2], p[3], p[4], p[5], p[6], p[7], reflect,
+                                     static_cast<float*>(to)));
+    });
+    Buf ints = out;
+    ints.Pad(8, 12);
+    ExpectMoves<std::uint32_t>(formula(ints, 4, mode), 0, 0U, random, [&](std::vector<void*>&, void* to) {
+      EXPECT_TRUE(Pad_reflectsymm_v1(in, ints, p[0], p[1], p[2], p[3], p[4], p[5], p[6], p[7], reflect,
+                                     static_cast<int*>(to)));
+    });
+    Buf shorts = Buf::Int(16, out.dims);
+    shorts.Pad(6, 2);
+    ExpectMoves<std::uint16_t>(
+        formula(shorts, 2, mode), 0, std::uint16_t{0}, random, [&](std::vector<void*>&, void* to) {
+          EXPECT_TRUE(Pad_reflectsymm_v1(in, shorts, p[0], p[1], p[2], p[3], p[4], p[5], p[6], p[7], reflect,
+                                         static_cast<short*>(to)));
+        });
+  }
+  ExpectMoves<std::uint32_t>(formula(out, 4, 2), 0, 0U, random, [&](std::vector<void*>&, void* to) {
+    EXPECT_TRUE(
+        Pad_edge_repli_v1(in, out, p[0], p[1], p[2], p[3], p[4], p[5], p[6], p[7], static_cast<float*>(to)));
+  });
+  ExpectMoves<std::uint32_t>(formula(out, 4, 4), 0, 0x40A00000U, random, [&](std::vector<void*>&, void* to) {
+    EXPECT_TRUE(
+        Pad_const_v1(in, out, 5, p[0], p[1], p[2], p[3], p[4], p[5], p[6], p[7], static_cast<float*>(to)));
+  });
+}
+
+// A second formulation: each coordinate of a well-formed result from the input's coordinate that belongs there.
+TEST(Pad, EachElementOfAWellFormedResultComesFromWhereItBelongs) {
+  ForRandomCases(100, [](Random& random) {
+    Pads pads;
+    std::vector<unsigned> dims(4);
+    for (unsigned& dim : dims) dim = random.Between(1, 5);
+    for (unsigned& p : pads) p = random.Between(0, 4);
+    pads[0] = 0;
+    const int mode = static_cast<int>(random.Between(1, 4));
+    const std::vector<unsigned> whole = PaddedDims(dims, pads);
+    Layer layer("PAD");
+    ASSERT_TRUE(layer.Configure(Attributes(mode, pads, "77"), {Buf::Int(16, dims)}, {Buf::Int(16, whole)}));
+    std::vector<std::uint16_t> in(dims[0] * dims[1] * dims[2] * dims[3]);
+    for (std::uint16_t& value : in) value = static_cast<std::uint16_t>(random());
+    std::vector<std::uint16_t> out(whole[0] * whole[1] * whole[2] * whole[3]);
+    ASSERT_TRUE(layer.Execute({in.data()}, {out.data()}));
+    std::size_t i = 0;
+    std::array<unsigned, 4> at;
+    for (at[0] = 0; at[0] < whole[0]; ++at[0]) {
+      for (at[1] = 0; at[1] < whole[1]; ++at[1]) {
+        for (at[2] = 0; at[2] < whole[2]; ++at[2]) {
+          for (at[3] = 0; at[3] < whole[3]; ++at[3], ++i) {
+            std::size_t source = 0;
+            bool filled = false;
+            for (std::size_t d = 0; d < 4; ++d) {
+              const auto s = reference::PadSource(mode, at[d], pads[2 * d], dims[d]);
+              filled = filled || !s;
+              source = source * dims[d] + s.value_or(0);
+            }
+            ASSERT_EQ(out[i], filled ? (mode == 4 ? 77 : 0) : in[source]) << "element " << i;
+          }
+        }
+      }
+    }
+  });
+}
+
+TEST(Pad, AskingTheDescriptionsDoesNotGrowWithTheTensor) {
+  long calls[2];
+  for (unsigned large : {0U, 1U}) {
+    const unsigned extent = large != 0 ? 20 : 2;
+    Layer layer("PAD");
+    ASSERT_TRUE(layer.Configure(Attributes(1, {0, 0, 0, 0, 1, 1, 1, 1}),
+                                {Buf::Float({1, extent, extent, extent})},
+                                {Buf::Float({1, extent, extent + 2, extent + 2})}));
+    std::vector<float> in(8000);
+    std::vector<float> out(9680);
+    Buf::ResetCalls();
+    ASSERT_TRUE(layer.Execute({in.data()}, {out.data()}));
+    calls[large] = 0;
+    for (const auto& count : Buf::calls) calls[large] += count;
+  }
+  EXPECT_EQ(calls[0], calls[1]);
+}
+
+TEST(Pad, RandomLayersFollowTheFormula) {
+  const ExpectNoLeakedClones no_leaks;
+  ForRandomCases(400, [](Random& random) {
+    const int bits = random.OneOf({8, 16, 32});
+    const bool channels_last = random.OneIn(4);
+    std::vector<unsigned> dims = {random.Between(0, 2), random.Between(0, 6), random.Between(0, 6),
+                                  random.Extent()};
+    Pads pads;
+    for (unsigned& p : pads) p = random.OneIn(2) ? 0 : random.Between(0, 5);
+    if (random.OneIn(10)) pads[7] += random.Between(10, 40);
+    const int mode = static_cast<int>(random.Between(0, 5));
+    std::vector<unsigned> whole = PaddedDims(dims, pads);
+    if (random.OneIn(6)) whole[random() % 4] = random.Between(0, 9);
+    Buf in =
+        Buf::Packed(dims, Buf::Planar(bits, false, static_cast<int>(random.OneOf({1U, 1U, 2U, 4U, 16U}))));
+    Buf out = Buf::Packed(whole, Buf::Planar(bits, false));
+    if (random.OneIn(2)) in.Pad(random.Between(0, 9), random.Between(0, 9));
+    if (random.OneIn(2)) out.Pad(random.Between(0, 9), random.Between(0, 9));
+    if (random.OneIn(12)) out.line_stride = random.Between(0, out.line_stride);
+    if (random.OneIn(12)) out.plane_stride = random.Between(0, out.plane_stride);
+    out.format.exp = random.OneIn(2) ? 0 : static_cast<int>(random.Between(0, 70)) - 35;
+    ExpectFormula(in, out, mode, pads, channels_last,
+                  static_cast<unsigned>(random() >> random.Between(32, 63)), random);
+  });
+}
+
+TEST(Pad, RandomTextsAndDescriptionsAreNeverRefusedSilently) {
+  const ExpectNoLeakedClones no_leaks;
+  ForRandomCases(400, [](Random& random) {
+    auto s = Valid();
+    const std::vector<Fault> faults = Faults();
+    for (unsigned k = random.Between(0, 2); k > 0; --k) random.OneOf(faults).spoil(s);
+    std::string text;
+    for (unsigned k = random.Between(0, 20); k > 0; --k)
+      text += random.OneOf({'[', ']', ',', '0', '1', '-', ' '});
+    if (random.OneIn(2))
+      s.attrs[random.OneOf<std::string>({"pad", "pad_mode", "pad_shape", "format"})] = text;
+    Layer layer("PAD");
+    const bool configured = layer.Configure(s.attrs, s.in, s.out);
+    EXPECT_EQ(configured, layer.log.empty());
+    EXPECT_EQ(IsConfigured(layer), configured);
+  });
+}
+
+}  // namespace
+}  // namespace vek_test
