@@ -129,6 +129,30 @@ class Usage(Case):
         self.assertNotIn("SOFTMAX", result.stdout)
         self.expect_usage_error("no layer type argmax", "list", "argmax")
 
+    def test_completion_offers_what_the_tool_lists(self):
+        script = os.path.join(os.path.dirname(__file__), "..", "..", "tools", "vekrun.bash-completion")
+        # Stand-ins for the tool and for the frame that bash-completion gives.
+        frame = f"""
+            vekrun() {{ {" ".join(VEKRUN)} "$@"; }}
+            _init_completion() {{ words=("${{COMP_WORDS[@]}}"); cword=$COMP_CWORD; cur=${{words[cword]}}; prev=${{words[cword-1]}}; }}
+            compopt() {{ :; }}
+            source {script}
+            complete_after() {{ COMP_WORDS=(vekrun "$@"); COMP_CWORD=$#; _vekrun; echo "${{COMPREPLY[@]}}"; }}
+            """
+
+        def offered(*words):
+            line = " ".join(f"'{word}'" for word in words)
+            result = subprocess.run(["bash", "-c", f"{frame}\ncomplete_after {line}"], capture_output=True, text=True,
+                                    check=True)
+            return result.stdout.split()
+
+        self.assertEqual(offered("r"), ["run"])
+        self.assertEqual(offered("run", ""), TYPES)
+        self.assertEqual(offered("list", "SPACE"), ["SPACETOBATCH", "SPACETODEPTH"])
+        self.assertEqual(offered("run", "ARGMAX", "--attr", ""), ["axis=", "top_k=", "out_max_val="])
+        self.assertEqual(offered("run", "ARGMAX", "--lo"), ["--log"])
+        self.assertEqual(offered("run", "ARGMAX", "--log", "W"), ["WARNING"])
+
     def test_version_and_help(self):
         version = self.vekrun("--version")
         self.assertEqual(version.returncode, 0)
