@@ -448,10 +448,14 @@ class Layers(Case):
     def test_data_stride_conv(self):
         self.example("DATA_STRIDE_CONV", [("<u2", (2, 3, 2, 2))], [], (2, 3, 2, 2), list(range(24)))
 
-    def test_data_stride_conv_of_three_dims_with_padded_lines(self):
-        self.array("in.npy", "<u2", (3, 2, 5))
-        self.run_layer("DATA_STRIDE_CONV", ["in.npy,line=16"], "out.npy,line=12")
-        self.assertEqual(self.values("out.npy")[1:], ((3, 2, 5), list(range(30))))
+    def test_data_stride_conv_of_other_ranks_with_padding(self):
+        for dims in ((5,), (2, 5), (3, 2, 5), (2, 3, 2, 2, 5)):
+            for source, target in (("line=16", "line=12"), ("line=12", "line=16"), ("line=16,plane=64", "line=10"),
+                                   ("line=12", "line=12,plane=100")):
+                with self.subTest(dims=dims, source=source, target=target):
+                    self.array("in.npy", "<u2", dims)
+                    self.run_layer("DATA_STRIDE_CONV", ["in.npy," + source], "out.npy," + target)
+                    self.assertEqual(self.values("out.npy")[1:], (dims, list(range(product(dims)))))
 
     def test_reshape_and_pixel_shuffle(self):
         self.example("RESHAPE", [("|u1", (1, 8, 1, 1))], ["pixelshuffler=2"], (1, 2, 2, 2), list(range(8)))
