@@ -1,9 +1,16 @@
 // Layer type "MATMUL".
 #include "custom_ops/vek_matmul.h"
 
+#include <algorithm>
+#include <cstddef>
+#include <cstring>
+#include <type_traits>
+
 #include "detail/attr_text.h"
 #include "detail/checks.h"
+#include "detail/lanes.h"
 #include "detail/sizes.h"
+#include "detail/transpose.h"
 
 namespace zeb_custom_ops {
 
@@ -76,6 +83,169 @@ bool VekMatmul::Execute(void** in_buffers, void** out_buffers) {
   return true;
 }
 
+namespace {
+
+// How the blocks are cut. A tile of outputs stays in registers while it runs along k; the wider registers and
+// the more of them, the larger the tile.
+#if defined(__aarch64__) || defined(__AVX512F__)
+constexpr std::size_t kPanelVectors = 2;
+#else
+constexpr std::size_t kPanelVectors = 1;
+#endif
+constexpr std::size_t kTileRows = 4;
+constexpr std::size_t kPanel = kPanelVectors * detail::kFloatLanes;  // columns of a tile
+constexpr std::size_t kBlockRows = 64;                               // rows of sums kept while B is packed
+constexpr std::size_t kBlockDepth = 256;                             // steps of k packed at a time
+
+// One matrix as the kernel reads it: element (row, column) is data[row * row_step + column * column_step].
+struct Matrix {
+  const float* data;
+  std::size_t row_step;
+  std::size_t column_step;
+
+  const float* At(std::size_t row, std::size_t column) const {
+    return data + row * row_step + column * column_step;
+  }
+  Matrix Transposed() const { return {data, column_step, row_step}; }
+};
+
+// The sums of `rows` x (`vectors` vectors) outputs, `depth` steps of k further: every output adds its
+// products, each rounded to single precision, in increasing k. `b` holds whole vectors of columns, `b_step`
+// elements from k to k; `sums` holds `sums_step` sums per row.
+template <std::size_t rows, std::size_t vectors>
+void AddProducts(const Matrix& a, const float* b, std::size_t b_step, std::size_t depth, double* sums,
+                 std::size_t sums_step) {
+  detail::WideSums s[rows][vectors];
+  for (std::size_t i = 0; i < rows; ++i) {
+    for (std::size_t v = 0; v < vectors; ++v) s[i][v].Load(sums + i * sums_step + v * detail::kFloatLanes);
+  }
+  std::size_t k = 0;
+#if defined(__aarch64__)
+  // Four steps of a row of A from one load: the products take a lane of it as it is.
+  if (a.column_step == 1) {
+    for (; k + 4 <= depth; k += 4) {
+      detail::Floats a_values[rows];
+      for (std::size_t i = 0; i < rows; ++i) a_values[i] = detail::Load(a.At(i, k));
+      const auto step = [&](auto lane) {
+        for (std::size_t v = 0; v < vectors; ++v) {
+          const detail::Floats b_values = detail::Load(b + (k + lane) * b_step + v * detail::kFloatLanes);
+          for (std::size_t i = 0; i < rows; ++i) s[i][v].Add(vmulq_laneq_f32(b_values, a_values[i], lane));
+        }
+      };
+      step(std::integral_constant<int, 0>());
+      step(std::integral_constant<int, 1>());
+      step(std::integral_constant<int, 2>());
+      step(std::integral_constant<int, 3>());
+    }
+  }
+#endif
+  for (; k < depth; ++k) {
+    detail::Floats b_values[vectors];
+    for (std::size_t v = 0; v < vectors; ++v)
+      b_values[v] = detail::Load(b + k * b_step + v * detail::kFloatLanes);
+    for (std::size_t i = 0; i < rows; ++i) {
+      const detail::Floats a_value = detail::Splat(*a.At(i, k));
+      for (std::size_t v = 0; v < vectors; ++v) s[i][v].Add(b_values[v] * a_value);
+    }
+  }
+  for (std::size_t i = 0; i < rows; ++i) {
+    for (std::size_t v = 0; v < vectors; ++v) s[i][v].Store(sums + i * sums_step + v * detail::kFloatLanes);
+  }
+}
+
+// Lays `depth` rows of up to kPanel columns of B side by side, zeros behind them.
+void PackPanel(const Matrix& b, std::size_t depth, std::size_t columns, float* panel) {
+  if (columns == kPanel && b.column_step == 1) {
+    for (std::size_t k = 0; k < depth; ++k)
+      std::memcpy(panel + k * kPanel, b.At(k, 0), kPanel * sizeof(float));
+    return;
+  }
+  if (columns < kPanel) std::fill_n(panel, depth * kPanel, 0.0F);
+  if (b.column_step == 1) {
+    for (std::size_t k = 0; k < depth; ++k) std::copy_n(b.At(k, 0), columns, panel + k * kPanel);
+  } else if (b.row_step == 1 && depth >= 2 && columns >= 2) {
+    constexpr auto kBytes = static_cast<std::ptrdiff_t>(sizeof(float));
+    detail::TransposePlane<std::uint32_t>(
+        reinterpret_cast<std::byte*>(panel), reinterpret_cast<const std::byte*>(b.data),
+        {columns, static_cast<std::ptrdiff_t>(b.column_step) * kBytes, kBytes},
+        {depth, kBytes, static_cast<std::ptrdiff_t>(kPanel) * kBytes});
+  } else {
+    for (std::size_t k = 0; k < depth; ++k) {
+      for (std::size_t j = 0; j < columns; ++j) panel[k * kPanel + j] = *b.At(k, j);
+    }
+  }
+}
+
+// Sums of up to kBlockRows x kPanel outputs over the whole of K, from a packed panel of B.
+void SumBlock(const Matrix& a, std::size_t rows, const Matrix& b, std::size_t columns, std::size_t K,
+              double* sums) {
+  float panel[kBlockDepth * kPanel];
+  std::fill_n(sums, rows * kPanel, 0.0);
+  for (std::size_t k = 0; k < K; k += kBlockDepth) {
+    const std::size_t depth = std::min(kBlockDepth, K - k);
+    PackPanel({b.At(k, 0), b.row_step, b.column_step}, depth, columns, panel);
+    for (std::size_t i = 0; i < rows; i += kTileRows) {
+      const Matrix tile = {a.At(i, k), a.row_step, a.column_step};
+      double* const tile_sums = sums + i * kPanel;
+      switch (rows - i) {
+        case 1:
+          AddProducts<1, kPanelVectors>(tile, panel, kPanel, depth, tile_sums, kPanel);
+          break;
+        case 2:
+          AddProducts<2, kPanelVectors>(tile, panel, kPanel, depth, tile_sums, kPanel);
+          break;
+        case 3:
+          AddProducts<3, kPanelVectors>(tile, panel, kPanel, depth, tile_sums, kPanel);
+          break;
+        default:
+          AddProducts<kTileRows, kPanelVectors>(tile, panel, kPanel, depth, tile_sums, kPanel);
+      }
+    }
+  }
+}
+
+// out (M x P, dense) = a (M x K) times b (K x P).
+void Multiply(float* out, const Matrix& a, const Matrix& b, std::size_t M, std::size_t K, std::size_t P) {
+  double sums[kBlockRows * kPanel];
+  for (std::size_t i = 0; i < M; i += kBlockRows) {
+    const std::size_t rows = std::min(kBlockRows, M - i);
+    for (std::size_t j = 0; j < P; j += kPanel) {
+      const std::size_t columns = std::min(kPanel, P - j);
+      SumBlock({a.At(i, 0), a.row_step, a.column_step}, rows, {b.At(0, j), b.row_step, b.column_step},
+               columns, K, sums);
+      for (std::size_t row = 0; row < rows; ++row) {
+        for (std::size_t column = 0; column < columns; ++column) {
+          out[(i + row) * P + j + column] = static_cast<float>(sums[row * kPanel + column]);
+        }
+      }
+    }
+  }
+}
+
+// out (M x M, dense) = a (M x K) times its transpose, from the panels on and above the diagonal.
+void MultiplyByTransposed(float* out, const Matrix& a, std::size_t M, std::size_t K) {
+  double sums[kBlockRows * kPanel];
+  const Matrix b = a.Transposed();
+  for (std::size_t j = 0; j < M; j += kPanel) {
+    const std::size_t columns = std::min(kPanel, M - j);
+    const std::size_t last_row = j + columns;
+    for (std::size_t i = 0; i < last_row; i += kBlockRows) {
+      const std::size_t rows = std::min(kBlockRows, last_row - i);
+      SumBlock({a.At(i, 0), a.row_step, a.column_step}, rows, {b.At(0, j), b.row_step, b.column_step},
+               columns, K, sums);
+      for (std::size_t column = 0; column < columns; ++column) {
+        for (std::size_t row = 0; row < rows && i + row <= j + column; ++row) {
+          const float rounded = static_cast<float>(sums[row * kPanel + column]);
+          out[(i + row) * M + j + column] = rounded;
+          out[(j + column) * M + i + row] = rounded;
+        }
+      }
+    }
+  }
+}
+
+}  // namespace
+
 template <typename T>
 void AB(T* out, T* a, const zeb::PuxDnnBufAttrs& a_attrs, T* b, const zeb::PuxDnnBufAttrs& b_attrs) {
   const unsigned N = a_attrs.GetBatch();
@@ -83,6 +253,16 @@ void AB(T* out, T* a, const zeb::PuxDnnBufAttrs& a_attrs, T* b, const zeb::PuxDn
   const unsigned K = a_attrs.GetHeight() * a_attrs.GetWidth();
   const unsigned C_b = b_attrs.GetChannels();
   const unsigned P = b_attrs.GetHeight() * b_attrs.GetWidth();
+  if (N == 0 || M == 0 || P == 0) return;
+
+  if (detail::ProductFits32({N, M, K}) && detail::ProductFits32({N, M, P}) &&
+      detail::ProductFits32({N, C_b, P}) && detail::ProductFits32({K, P}) &&
+      std::uint64_t{N - 1} * C_b * P + std::uint64_t{K} * P <= 0xFFFFFFFFU) {
+    for (std::size_t n = 0; n < N; ++n) {
+      Multiply(out + n * M * P, {a + n * M * K, K, 1}, {b + n * C_b * P, P, 1}, M, K, P);
+    }
+    return;
+  }
   for (unsigned n = 0; n < N; ++n) {
     for (unsigned i = 0; i < M; ++i) {
       for (unsigned j = 0; j < P; ++j) {
@@ -101,6 +281,12 @@ void AAT(T* out, T* a, const zeb::PuxDnnBufAttrs& a_attrs) {
   const unsigned N = a_attrs.GetBatch();
   const unsigned M = a_attrs.GetChannels();
   const unsigned K = a_attrs.GetHeight() * a_attrs.GetWidth();
+  if (detail::ProductFits32({N, M, K}) && detail::ProductFits32({N, M, M})) {
+    for (std::size_t n = 0; n < N; ++n) {
+      MultiplyByTransposed(out + n * M * M, {a + n * M * K, K, 1}, M, K);
+    }
+    return;
+  }
   for (unsigned n = 0; n < N; ++n) {
     for (unsigned i = 0; i < M; ++i) {
       for (unsigned j = i; j < M; ++j) {

@@ -8,7 +8,7 @@
 
 #if defined(__aarch64__)
 #include <arm_neon.h>
-#elif defined(__AVX2__)
+#elif defined(__SSE2__)
 #include <immintrin.h>
 #endif
 
@@ -62,6 +62,10 @@ inline void StoreSome(float* dst, Floats value, std::size_t count) {
 inline Floats Splat(float value) {
 #if defined(__aarch64__)
   return vdupq_n_f32(value);
+#elif defined(__AVX2__)
+  return _mm256_set1_ps(value);
+#elif defined(__SSE2__)
+  return _mm_set1_ps(value);
 #else
   Floats lanes;
   for (int i = 0; i < kFloatLanes; ++i) lanes[i] = value;
@@ -166,5 +170,44 @@ inline LongWords LookUp(const std::uint64_t* table, LongWords index) {
 
 #endif
 #endif  // VEK_HAS_VECTOR_FMA
+
+// As many sums in double precision as a vector has floats.
+struct WideSums {
+#if defined(__AVX512F__)
+  __m512d sums;
+
+  void Load(const double* src) { sums = _mm512_loadu_pd(src); }
+  void Store(double* dst) const { _mm512_storeu_pd(dst, sums); }
+  void Add(Floats v) { sums += _mm512_maskz_cvtps_pd(0xFF, v); }
+#else
+  Doubles low;
+  Doubles high;
+
+  void Load(const double* src) {
+    low = detail::Load<Doubles>(src);
+    high = detail::Load<Doubles>(src + kDoubleLanes);
+  }
+  void Store(double* dst) const {
+    detail::Store(dst, low);
+    detail::Store(dst + kDoubleLanes, high);
+  }
+  // Widens the lanes and adds them.
+  void Add(Floats v) {
+#if VEK_HAS_VECTOR_FMA
+    const Halves<Doubles> wide = Widen(v);
+    low += wide.low;
+    high += wide.high;
+#elif defined(__SSE2__)
+    low += _mm_cvtps_pd(v);
+    high += _mm_cvtps_pd(_mm_movehl_ps(v, v));
+#else
+    for (int i = 0; i < kDoubleLanes; ++i) {
+      low[i] += static_cast<double>(v[i]);
+      high[i] += static_cast<double>(v[i + kDoubleLanes]);
+    }
+#endif
+  }
+#endif
+};
 
 }  // namespace zeb_custom_ops::detail
