@@ -218,6 +218,7 @@ inline void Spoil(Random& random, Setup& setup) {
       buf().format.bitdepth = random.OneOf({8, 16, 32, 12, 24, 0, 64, -8});
       return;
     case 5:
+      buf();
       setup.in[0].format.bitdepth = setup.out[0].format.bitdepth = random.OneOf({8, 16, 32, 12, 24, 0});
       return;
     case 6:
