@@ -39,7 +39,8 @@ class ZEB_EXPORT VekEwo : public zeb::PuxDnnCustomLayer {
 
   /// Where the operands of the output element (n, c, h, w) lie.
   ///
-  /// \param attrs  the shape of the output, read through `GetChannels` to `GetWidth`.
+  /// \param attrs       the shape of the output, read through `GetChannels` to `GetWidth`.
+  /// \param n, c, h, w  the output element.
   /// \return the index into A in the low half, the index into B in the high half, in elements.
   std::uint64_t calculate_broadcast_indexes(const zeb::PuxDnnBufAttrs& attrs, unsigned n, unsigned c,
                                             unsigned h, unsigned w);

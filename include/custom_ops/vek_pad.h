@@ -69,9 +69,9 @@ ZEB_EXPORT bool CopyBuffer_v1(const zeb::PuxDnnBufAttrs& in, const zeb::PuxDnnBu
 /// whole rows, planes and batches, so that the corners are mirrored twice. Border elements farther out than
 /// the interior reaches become 0.
 ///
-/// \param in, out   the shapes of the interior and of the whole tensor.
-/// \param p0 .. p7  elements before and after the interior along N, C, H and W.
-/// \param reflect   true: the edge element is not repeated.
+/// \param in, out  the shapes of the interior and of the whole tensor.
+/// \param p0, p1, p2, p3, p4, p5, p6, p7  elements before and after the interior along N, C, H and W.
+/// \param reflect  true: the edge element is not repeated.
 /// \param out_data  the tensor.
 /// \return false, after an ERROR line, for a null buffer.
 ZEB_EXPORT bool Pad_reflectsymm_v1(const zeb::PuxDnnBufAttrs& in, const zeb::PuxDnnBufAttrs& out, unsigned p0,

@@ -32,7 +32,7 @@ struct FactoryEntry {
   zeb::PuxDnnCustomLayer* (*make)();
 };
 
-using namespace zeb_custom_ops;  // The table reads better bare.
+using namespace zeb_custom_ops;  // NOLINT(google-build-using-namespace): the table reads better bare
 
 constexpr FactoryEntry kFactory[] = {
     {"SOFTMAX", Make<VekSoftmax>},

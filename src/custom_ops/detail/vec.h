@@ -35,7 +35,7 @@ using Word = typename WordOf<width>::Type;
 
 template <typename T>
 struct VecOf {
-  typedef T Type __attribute__((vector_size(kVecBytes)));
+  using Type __attribute__((vector_size(kVecBytes))) = T;
 };
 template <typename T>
 using Vec = typename VecOf<T>::Type;
