@@ -76,7 +76,8 @@ TEST(ExactExp, EqualsTheCLibraryOnASampleOfTheRangeThatDoesNotRoundToOneOrZero) 
   ExpectExp(values);
 }
 
-TEST(ExactExp, EndsOfTheRange) {
+TEST(ExactExp, EndsOfTheRangeAndTheTellTale) {
+  ExpectExp({-0x1.f8cbb2p+5F});  // The one float whose result shows whether products are fused.
   ExpectExp({0.0F, -0.0F, -kDenormal, -kLeastNormal, -kInf, kNaN, -kNaN, -kGreatest, -87.0F, -88.0F});
   std::vector<float> values;
   for (float x = -103.5F; x > -104.5F; x = std::nextafter(x, -kInf)) values.push_back(x);

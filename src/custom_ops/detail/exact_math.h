@@ -23,8 +23,9 @@ namespace zeb_custom_ops::detail {
 namespace internal {
 
 // 2^(i / 32), correctly rounded, as bits with the exponent's share of i taken out: (n << 47) more, for an n
-// that is i modulo 32, are the bits of 2^(n / 32).
-inline constexpr std::array<std::uint64_t, 32> kExp2Table = [] {
+// that is i modulo 32, are the bits of 2^(n / 32). The 32 rows are there eight times over, so that a byte of n
+// is an index.
+inline constexpr std::array<std::uint64_t, 256> kExp2Table = [] {
   constexpr double kPowers[32] = {
       0x1.0000000000000p+0, 0x1.059b0d3158574p+0, 0x1.0b5586cf9890fp+0, 0x1.11301d0125b51p+0,
       0x1.172b83c7d517bp+0, 0x1.1d4873168b9aap+0, 0x1.2387a6e756238p+0, 0x1.29e9df51fdee1p+0,
@@ -35,17 +36,43 @@ inline constexpr std::array<std::uint64_t, 32> kExp2Table = [] {
       0x1.ae89f995ad3adp+0, 0x1.b7f76f2fb5e47p+0, 0x1.c199bdd85529cp+0, 0x1.cb720dcef9069p+0,
       0x1.d5818dcfba487p+0, 0x1.dfc97337b9b5fp+0, 0x1.ea4afa2a490dap+0, 0x1.f50765b6e4540p+0,
   };
-  std::array<std::uint64_t, 32> bits{};
-  for (std::uint64_t i = 0; i < 32; ++i) bits[i] = std::bit_cast<std::uint64_t>(kPowers[i]) - (i << 47);
+  std::array<std::uint64_t, 256> bits{};
+  for (std::uint64_t i = 0; i < 256; ++i)
+    bits[i] = std::bit_cast<std::uint64_t>(kPowers[i % 32]) - (i % 32 << 47);
   return bits;
 }();
 
-// 2^(n / 32) * 2^((z - n) / 32), given the integer n nearest to z: a power from the table times a cubic.
-inline Doubles Exp2Steps(Doubles z, Rounded n) {
+// The nearest integer, of which the low 51 bits count, and what is left to it.
+struct Split {
+  LongWords integer;
+  Doubles rest;
+};
+
+// The split of z, and of z = a * b, as the C libraries do it. That of arm64 rounds with an instruction, halves
+// away from zero. That of x86-64 adds a number so large that the sum has no fraction; its compiler fuses the
+// product into this sum and into the difference.
+#if defined(__aarch64__)
+inline Split SplitAtInteger(Doubles z) {
+  return {reinterpret_cast<LongWords>(vcvtaq_s64_f64(z)), z - static_cast<Doubles>(vrndaq_f64(z))};
+}
+inline Split SplitProductAtInteger(Doubles a, Doubles b) { return SplitAtInteger(a * b); }
+#else
+inline constexpr double kNoFractionFromHere = 0x1.8p52;
+inline Split SplitAtInteger(Doubles z) {
+  const Doubles shifted = z + kNoFractionFromHere;
+  return {reinterpret_cast<LongWords>(shifted), z - (shifted - kNoFractionFromHere)};
+}
+inline Split SplitProductAtInteger(Doubles a, Doubles b) {
+  const Doubles shifted = Fma(a, b, Doubles{} + kNoFractionFromHere);
+  return {reinterpret_cast<LongWords>(shifted), Fma(a, b, kNoFractionFromHere - shifted)};
+}
+#endif
+
+// 2^(n / 32) * 2^(r / 32) for an integer n and the rest r: a power from the table times a cubic.
+inline Doubles Exp2Steps(Split z) {
   constexpr Doubles kZero = {};
-  const Doubles r = z - n.value;
-  const auto scale =
-      reinterpret_cast<Doubles>(LookUp(kExp2Table.data(), n.integer & 31U) + (n.integer << 47));
+  const Doubles r = z.rest;
+  const auto scale = reinterpret_cast<Doubles>(LookUp(kExp2Table.data(), z.integer) + (z.integer << 47));
   const Doubles u =
       Fma(kZero + 0x1.c6af84b912394p-5 / 32 / 32 / 32, r, kZero + 0x1.ebfce50fac4f3p-3 / 32 / 32);
   const Doubles y = Fma(kZero + 0x1.62e42ff0c52d6p-1 / 32, r, kZero + 1.0);
@@ -76,16 +103,16 @@ inline constexpr LogTable kLogTable = [] {
   return table;
 }();
 
-// log2(mantissa * 2^exponent): log2(c) from row `entry` of the table plus a polynomial in mantissa / c - 1.
-inline Doubles Log2Steps(Doubles mantissa, Doubles exponent, LongWords entry) {
+// log2(mantissa * 2^exponent): log2(c) plus a polynomial in mantissa / c - 1; `reciprocal` and `log2` are the
+// bits of 1 / c and of log2(c).
+inline Doubles Log2Steps(Doubles mantissa, Doubles exponent, LongWords reciprocal, LongWords log2) {
   constexpr Doubles kZero = {};
-  const auto reciprocal = reinterpret_cast<Doubles>(LookUp(kLogTable.reciprocal.data(), entry));
-  const auto log2 = reinterpret_cast<Doubles>(LookUp(kLogTable.log2.data(), entry));
-  const Doubles r = Fma(mantissa, reciprocal, kZero - 1.0);
+  const Doubles r = Fma(mantissa, reinterpret_cast<Doubles>(reciprocal), kZero - 1.0);
   const Doubles r2 = r * r;
   const Doubles y = Fma(kZero + 0x1.27616c9496e0bp-2, r, kZero - 0x1.71969a075c67ap-2);
   const Doubles p = Fma(kZero + 0x1.ec70a6ca7baddp-2, r, kZero - 0x1.7154748bef6c8p-1);
-  const Doubles q = Fma(p, r2, Fma(kZero + 0x1.71547652ab82bp0, r, log2 + exponent));
+  const Doubles q =
+      Fma(p, r2, Fma(kZero + 0x1.71547652ab82bp0, r, reinterpret_cast<Doubles>(log2) + exponent));
   return Fma(y, r2 * r2, q);
 }
 
@@ -107,18 +134,19 @@ inline Powers PowSteps(Floats x, float k) {
   const Words exponent_bits = offset & 0xff800000U;
   const Halves<Doubles> mantissa = Widen(reinterpret_cast<Floats>(bits - exponent_bits));
   const Halves<Doubles> exponent = Widen(reinterpret_cast<Ints>(exponent_bits) >> 23);
-  const Halves<LongWords> entry = Widen((offset >> 19) & 15U);
+  const Words interval = (offset >> 19) & 15U;
+  const Halves<LongWords> reciprocal = LookUp(kLogTable.reciprocal.data(), interval);
+  const Halves<LongWords> log2 = LookUp(kLogTable.log2.data(), interval);
 
   // k * log2(x), in thirty-seconds.
   const double factor = 32.0 * static_cast<double>(k);
-  const Doubles low = Log2Steps(mantissa.low, exponent.low, entry.low) * factor;
-  const Doubles high = Log2Steps(mantissa.high, exponent.high, entry.high) * factor;
-  const Rounded n_low = Round(low);
-  const Rounded n_high = Round(high);
+  const Split low = SplitAtInteger(Log2Steps(mantissa.low, exponent.low, reciprocal.low, log2.low) * factor);
+  const Split high =
+      SplitAtInteger(Log2Steps(mantissa.high, exponent.high, reciprocal.high, log2.high) * factor);
 
-  // Proven for positive normal numbers and results well inside the normal range: n from -4031 to 4095.
-  const Words n = LowWords({n_low.integer, n_high.integer});
-  return {Narrow({Exp2Steps(low, n_low), Exp2Steps(high, n_high)}),
+  // Proven for positive normal numbers and results well inside the normal range: integers from -4031 to 4095.
+  const Words n = LowWords({low.integer, high.integer});
+  return {Narrow({Exp2Steps(low), Exp2Steps(high)}),
           (bits - 0x00800000U < 0x7f000000U) & (n + 4031U <= 8126U)};
 }
 
@@ -143,10 +171,10 @@ inline Floats ExpNonPositive(Floats x) {
 #if VEK_HAS_VECTOR_FMA
   constexpr double kThirtySecondsPerUnit = 32 * 0x1.71547652b82fep0;  // 32 / log(2)
   // From -104 down the result is 0. The steps give that at -104; further down their exponent would wrap.
-  const Halves<Doubles> wide = Widen(AtLeast(Splat(-104.0F), x));
-  const Doubles low = wide.low * kThirtySecondsPerUnit;
-  const Doubles high = wide.high * kThirtySecondsPerUnit;
-  return Narrow({internal::Exp2Steps(low, Round(low)), internal::Exp2Steps(high, Round(high))});
+  const Halves<Doubles> wide = Widen(Max(Splat(-104.0F), x));
+  const Doubles factor = Doubles{} + kThirtySecondsPerUnit;
+  return Narrow({internal::Exp2Steps(internal::SplitProductAtInteger(wide.low, factor)),
+                 internal::Exp2Steps(internal::SplitProductAtInteger(wide.high, factor))});
 #else
   for (int lane = 0; lane < kFloatLanes; ++lane) x[lane] = std::exp(x[lane]);
   return x;

@@ -37,16 +37,12 @@ typedef double Doubles __attribute__((vector_size(kVectorBytes)));
 typedef std::uint64_t LongWords __attribute__((vector_size(kVectorBytes)));
 
 // Vectors in memory, of any alignment.
-template <typename V = Floats, typename T>
-V Load(const T* src) {
-  V value;
+inline Floats Load(const float* src) {
+  Floats value;
   std::memcpy(&value, src, sizeof value);
   return value;
 }
-template <typename V, typename T>
-void Store(T* dst, V value) {
-  std::memcpy(dst, &value, sizeof value);
-}
+inline void Store(float* dst, Floats value) { std::memcpy(dst, &value, sizeof value); }
 
 // The first `count` lanes from memory, fewer than a vector has; the others are 0.
 inline Floats LoadSome(const float* src, std::size_t count) {
@@ -73,6 +69,26 @@ inline Floats Splat(float value) {
 #endif
 }
 
+// The greater of both, lane by lane. A NaN in `b` stays; one in `a` may give either.
+inline Floats Max(Floats a, Floats b) {
+#if defined(__aarch64__)
+  return vmaxq_f32(a, b);
+#else
+  return a > b ? a : b;
+#endif
+}
+
+// The greatest lane; of lanes among which there is a NaN, any.
+inline float MaxLane(Floats v) {
+#if defined(__aarch64__)
+  return vmaxvq_f32(v);
+#else
+  float max = v[0];
+  for (int i = 1; i < kFloatLanes; ++i) max = v[i] > max ? v[i] : max;
+  return max;
+#endif
+}
+
 // Of a comparison's result: true when it holds in every lane, in at least one.
 inline bool AllLanes(Ints holds) {
 #if defined(__aarch64__)
@@ -94,21 +110,11 @@ struct Halves {
   V high;
 };
 
-// The nearest integer as a double, and as an integer of which the low 51 bits count.
-struct Rounded {
-  Doubles value;
-  LongWords integer;
-};
-
 #if defined(__aarch64__)
 
 inline Halves<Doubles> Widen(Floats v) { return {vcvt_f64_f32(vget_low_f32(v)), vcvt_high_f64_f32(v)}; }
 inline Halves<Doubles> Widen(Ints v) {
   return {vcvtq_f64_s64(vmovl_s32(vget_low_s32(v))), vcvtq_f64_s64(vmovl_high_s32(v))};
-}
-inline Halves<LongWords> Widen(Words v) {
-  return {reinterpret_cast<LongWords>(vmovl_u32(vget_low_u32(v))),
-          reinterpret_cast<LongWords>(vmovl_high_u32(v))};
 }
 inline Floats Narrow(Halves<Doubles> v) { return vcvt_high_f32_f64(vcvt_f32_f64(v.low), v.high); }
 inline Words LowWords(Halves<LongWords> v) {
@@ -117,15 +123,14 @@ inline Words LowWords(Halves<LongWords> v) {
 
 inline Doubles Fma(Doubles a, Doubles b, Doubles c) { return vfmaq_f64(c, a, b); }
 
-// `v`, but `lowest` where that is greater; a NaN stays.
-inline Floats AtLeast(Floats lowest, Floats v) { return vmaxq_f32(lowest, v); }
-
-// As the target's C library rounds: halves away from zero.
-inline Rounded Round(Doubles v) { return {vrndaq_f64(v), reinterpret_cast<LongWords>(vcvtaq_s64_f64(v))}; }
-
-// table[index], lane by lane.
+// table[index modulo 256], lane by lane.
 inline LongWords LookUp(const std::uint64_t* table, LongWords index) {
-  return LongWords{table[index[0]], table[index[1]]};
+  const auto bytes = reinterpret_cast<uint8x16_t>(index);
+  return LongWords{table[bytes[0]], table[bytes[8]]};
+}
+inline Halves<LongWords> LookUp(const std::uint64_t* table, Words index) {
+  const auto bytes = reinterpret_cast<uint8x16_t>(index);
+  return {LongWords{table[bytes[0]], table[bytes[4]]}, LongWords{table[bytes[8]], table[bytes[12]]}};
 }
 
 #else
@@ -138,11 +143,6 @@ inline Halves<Doubles> Widen(Ints v) {
   return {_mm256_cvtepi32_pd(_mm256_castsi256_si128(words)),
           _mm256_cvtepi32_pd(_mm256_extracti128_si256(words, 1))};
 }
-inline Halves<LongWords> Widen(Words v) {
-  const auto words = reinterpret_cast<__m256i>(v);
-  return {reinterpret_cast<LongWords>(_mm256_cvtepu32_epi64(_mm256_castsi256_si128(words))),
-          reinterpret_cast<LongWords>(_mm256_cvtepu32_epi64(_mm256_extracti128_si256(words, 1)))};
-}
 inline Floats Narrow(Halves<Doubles> v) {
   return _mm256_set_m128(_mm256_cvtpd_ps(v.high), _mm256_cvtpd_ps(v.low));
 }
@@ -153,19 +153,15 @@ inline Words LowWords(Halves<LongWords> v) {
 
 inline Doubles Fma(Doubles a, Doubles b, Doubles c) { return _mm256_fmadd_pd(a, b, c); }
 
-// `v`, but `lowest` where that is greater; a NaN stays.
-inline Floats AtLeast(Floats lowest, Floats v) { return _mm256_max_ps(lowest, v); }
-
-// As the target's C library rounds: halves to the even neighbour.
-inline Rounded Round(Doubles v) {
-  constexpr double kIntegersFromHere = 0x1.8p52;
-  const Doubles shifted = v + kIntegersFromHere;
-  return {shifted - kIntegersFromHere, reinterpret_cast<LongWords>(shifted)};
-}
-
-// table[index], lane by lane.
+// table[index modulo 256], lane by lane.
 inline LongWords LookUp(const std::uint64_t* table, LongWords index) {
+  index &= 255U;
   return LongWords{table[index[0]], table[index[1]], table[index[2]], table[index[3]]};
+}
+inline Halves<LongWords> LookUp(const std::uint64_t* table, Words index) {
+  index &= 255U;
+  return {LongWords{table[index[0]], table[index[1]], table[index[2]], table[index[3]]},
+          LongWords{table[index[4]], table[index[5]], table[index[6]], table[index[7]]}};
 }
 
 #endif
