@@ -180,12 +180,12 @@ struct WideSums {
   Doubles high;
 
   void Load(const double* src) {
-    low = detail::Load<Doubles>(src);
-    high = detail::Load<Doubles>(src + kDoubleLanes);
+    std::memcpy(&low, src, sizeof low);
+    std::memcpy(&high, src + kDoubleLanes, sizeof high);
   }
   void Store(double* dst) const {
-    detail::Store(dst, low);
-    detail::Store(dst + kDoubleLanes, high);
+    std::memcpy(dst, &low, sizeof low);
+    std::memcpy(dst + kDoubleLanes, &high, sizeof high);
   }
   // Widens the lanes and adds them.
   void Add(Floats v) {
