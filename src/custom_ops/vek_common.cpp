@@ -3,6 +3,7 @@
 
 #include <utility>
 
+#include "custom_ops/vek_argmax.h"
 #include "custom_ops/vek_batchtospace.h"
 #include "custom_ops/vek_broadcast.h"
 #include "custom_ops/vek_concat.h"
@@ -39,6 +40,7 @@ constexpr FactoryEntry kFactory[] = {
     {"DATA_STRIDE_CONV", Make<VekDataStrideConv>},
     {"RESHAPE", Make<VekReshape>},
     {"BROADCAST", Make<VekBroadcast>},
+    {"ARGMAX", Make<VekArgmax>},
     {"NORMALIZE", Make<VekL2Norm>},
     {"MATMUL", Make<VekMatmul>},
     {"PERMUTE", Make<VekPermute>},
