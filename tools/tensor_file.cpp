@@ -133,9 +133,8 @@ Tensor ReadPicture(const std::string& path, ElementType type) {
   const std::unique_ptr<stbi_uc, void (*)(void*)> pixels(
       stbi_load(path.c_str(), &width, &height, &channels, 0), stbi_image_free);
   if (pixels == nullptr) {
-    // The decoder's reason is worth telling only when there was something to decode.
     if (access(path.c_str(), R_OK) != 0) throw UsageError("cannot read " + path + ": " + Reason());
-    throw UsageError("cannot read " + path + ": " + stbi_failure_reason());
+    throw UsageError(path + " is not a whole PNG, PPM or PGM file");
   }
   const auto C = static_cast<std::size_t>(channels);
   const std::size_t plane = static_cast<std::size_t>(width) * static_cast<std::size_t>(height);

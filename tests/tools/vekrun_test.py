@@ -278,9 +278,9 @@ class Files(Case):
 
     def test_unreadable_pictures(self):
         whole = png(2, 2, 3, list(range(12)))
-        for data in (b"", whole[:20], b"GIF89a"):
+        for data in (b"", whole[:20], whole[:-20], b"GIF89a", whole.replace(b"IDAT", b"I\xa8\n\x1b")):
             self.write("in.png", data)
-            self.expect_usage_error("in.png", "run", "RESHAPE", "--attr", "pixelshuffler=1", "--in", "in.png",
+            self.expect_usage_error("in.png is not a whole PNG, PPM or PGM file", "run", "RESHAPE", "--attr", "pixelshuffler=1", "--in", "in.png",
                                     "--out", "out.npy")
         self.write("in.png", whole)
         self.expect_usage_error("uint8 or float32", "run", "RESHAPE", "--attr", "pixelshuffler=1", "--in",
