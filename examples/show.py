@@ -1,9 +1,9 @@
 #!/usr/bin/python3
 """Shows what scripts/demo has computed. Needs Debian's python3-numpy, python3-pil and fonts-dejavu-core.
 
-show.py top PROBABILITIES LABELS   the five most probable classes
-show.py gram MATRIX WORDS          a table of similarities
-show.py sheet FOLDER PICTURE       a contact sheet of the picture's way through the layers
+show.py top PROBABILITIES POSITIONS LABELS   the most probable classes, found here and by ARGMAX
+show.py gram MATRIX WORDS                    a table of similarities
+show.py sheet FOLDER PICTURE                 a contact sheet of the picture's way through the layers
 """
 
 import os
@@ -18,12 +18,16 @@ def lines(path):
         return file.read().split()
 
 
-def top(probabilities, labels):
+def top(probabilities, positions, labels):
     probabilities = np.load(probabilities).ravel()
     labels = lines(labels)
     print(f"{len(probabilities)} probabilities, their sum is {probabilities.sum(dtype=float):.6f}; the largest:")
-    for rank, position in enumerate(np.argsort(-probabilities)[:5], start=1):
+    positions = np.load(positions).ravel().astype(int)
+    for rank, position in enumerate(positions, start=1):
         print(f"  {rank}. {labels[position]:12} {100 * probabilities[position]:5.2f} %")
+    if list(positions) != list(np.argsort(-probabilities)[:len(positions)]):
+        sys.exit("ARGMAX and a sort of the probabilities disagree")
+    print("ARGMAX found the same positions as a sort of the probabilities does.")
 
 
 def gram(matrix, words):

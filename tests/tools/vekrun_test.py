@@ -86,10 +86,7 @@ class Case(unittest.TestCase):
         return header["descr"], header["shape"], list(struct.unpack(f"<{count}{code}", data[start:]))
 
     def vekrun(self, *arguments):
-        result = subprocess.run([*VEKRUN, *arguments], cwd=self.folder, capture_output=True, text=True, check=False)
-        if result.stderr.endswith(tuple(f"no layer type {layer}\n" for layer in TYPES)):
-            self.skipTest(result.stderr)
-        return result
+        return subprocess.run([*VEKRUN, *arguments], cwd=self.folder, capture_output=True, text=True, check=False)
 
     def run_layer(self, layer, inputs, output, *attributes):
         """Runs a layer that succeeds."""
