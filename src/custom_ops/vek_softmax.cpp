@@ -225,8 +225,8 @@ void AddColumns(const float* rows, std::size_t stride, std::size_t count, Quad (
       for (std::size_t i = 0; i < 4; ++i)
         std::memcpy(&tile[i], rows + (4 * q + i) * stride + k, sizeof(Quad));
       // Two such steps transpose four by four.
-      detail::internal::ZipHalves<float>(tile);
-      detail::internal::ZipHalves<float>(tile);
+      detail::ZipHalves<float>(tile);
+      detail::ZipHalves<float>(tile);
       for (const Quad& column : tile) sum[q] += column;
     }
   }

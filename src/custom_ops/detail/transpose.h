@@ -12,72 +12,57 @@
 #include <cstddef>
 #include <type_traits>
 
+#include "axis.h"
 #include "vec.h"
 
 namespace zeb_custom_ops::detail {
 
-// One loop of a walk: `extent` steps, each moving `src_step` on in the source and `dst_step` in the target.
-struct Axis {
-  std::size_t extent;
-  std::ptrdiff_t src_step;
-  std::ptrdiff_t dst_step;
+// The distances from a row to the four below it, in bytes.
+struct RowSteps {
+  explicit constexpr RowSteps(std::ptrdiff_t stride)
+      : one(stride), two(2 * stride), three(3 * stride), four(4 * stride) {}
+  std::ptrdiff_t one, two, three, four;
 };
-
-// `i` steps of an axis, as an offset.
-inline std::ptrdiff_t Offset(std::size_t i, std::ptrdiff_t step) {
-  return static_cast<std::ptrdiff_t>(i) * step;
-}
 
 namespace internal {
 
+// Row `i` of a tile. Every fourth row is a base, and the others lie at three distances from theirs: on arm64
+// that is one addition for four loads or stores.
+template <typename Byte>
+[[gnu::always_inline]] inline Byte* Row(Byte* base, const RowSteps& steps, std::size_t i) {
+  base += Offset(i / 4, steps.four);
+  return i % 4 == 0 ? base : base + (i % 4 == 1 ? steps.one : i % 4 == 2 ? steps.two : steps.three);
+}
+
 // `count` vectors of rows of `row` bytes; rows shorter than a vector share one.
 template <typename T, std::size_t row, std::size_t count>
-inline void LoadRows(Vec<T> (&v)[count], const std::byte* src, std::ptrdiff_t stride) {
-  if constexpr (row >= kVecBytes) {
-    for (std::size_t i = 0; i < count; ++i) v[i] = Load<Vec<T>>(src + Offset(i, stride));
+[[gnu::always_inline]] inline void LoadRows(Vec<T> (&v)[count], const std::byte* src, const RowSteps& steps) {
+  if constexpr (row == kVecBytes) {
+    for (std::size_t i = 0; i < count; ++i) v[i] = Load<Vec<T>>(Row(src, steps, i));
   } else {
     constexpr std::size_t rows = kVecBytes / row;
     for (std::size_t i = 0; i < count; ++i) {
       Vec<Word<row>> shared = {};
-      for (std::size_t k = 0; k < rows; ++k) shared[k] = Load<Word<row>>(src + Offset(i * rows + k, stride));
+      for (std::size_t k = 0; k < rows; ++k) shared[k] = Load<Word<row>>(Row(src, steps, i * rows + k));
       v[i] = reinterpret_cast<Vec<T>>(shared);
     }
   }
 }
 
+// The same to the target, where a row may also take several vectors.
 template <typename T, std::size_t row, std::size_t count>
-inline void StoreRows(std::byte* dst, std::ptrdiff_t stride, const Vec<T> (&v)[count]) {
+[[gnu::always_inline]] inline void StoreRows(std::byte* dst, const RowSteps& steps,
+                                             const Vec<T> (&v)[count]) {
   if constexpr (row >= kVecBytes) {
-    for (std::size_t i = 0; i < count; ++i) Store(dst + Offset(i, stride), v[i]);
+    constexpr std::size_t vecs = row / kVecBytes;
+    for (std::size_t i = 0; i < count; ++i) Store(Row(dst, steps, i / vecs) + i % vecs * kVecBytes, v[i]);
   } else {
     constexpr std::size_t rows = kVecBytes / row;
     for (std::size_t i = 0; i < count; ++i) {
       const auto shared = reinterpret_cast<Vec<Word<row>>>(v[i]);
-      for (std::size_t k = 0; k < rows; ++k) Store<Word<row>>(dst + Offset(i * rows + k, stride), shared[k]);
+      for (std::size_t k = 0; k < rows; ++k) Store<Word<row>>(Row(dst, steps, i * rows + k), shared[k]);
     }
   }
-}
-
-// Rotates the element numbers of `count` vectors to the left by one bit.
-template <typename T, std::size_t count>
-inline void ZipHalves(Vec<T> (&v)[count]) {
-  Vec<T> out[count];
-  for (std::size_t i = 0; i < count / 2; ++i) {
-    out[2 * i] = ZipLow<T>(v[i], v[i + count / 2]);
-    out[2 * i + 1] = ZipHigh<T>(v[i], v[i + count / 2]);
-  }
-  for (std::size_t i = 0; i < count; ++i) v[i] = out[i];
-}
-
-// Rotates them to the right.
-template <typename T, std::size_t count>
-inline void UnzipPairs(Vec<T> (&v)[count]) {
-  Vec<T> out[count];
-  for (std::size_t i = 0; i < count / 2; ++i) {
-    out[i] = UnzipEven<T>(v[2 * i], v[2 * i + 1]);
-    out[i + count / 2] = UnzipOdd<T>(v[2 * i], v[2 * i + 1]);
-  }
-  for (std::size_t i = 0; i < count; ++i) v[i] = out[i];
 }
 
 constexpr std::size_t Log2(std::size_t power) { return static_cast<std::size_t>(std::bit_width(power)) - 1; }
@@ -86,34 +71,34 @@ constexpr std::size_t Log2(std::size_t power) { return static_cast<std::size_t>(
 
 // Transposes m rows of n elements into n rows of m, plainly.
 template <typename T, std::size_t m, std::size_t n>
-inline void PlainTransposeTile(std::byte* dst, std::ptrdiff_t dst_stride, const std::byte* src,
-                               std::ptrdiff_t src_stride) {
+inline void PlainTransposeTile(std::byte* dst, const RowSteps& dst_rows, const std::byte* src,
+                               const RowSteps& src_rows) {
   for (std::size_t i = 0; i < m; ++i) {
     for (std::size_t j = 0; j < n; ++j) {
-      const std::byte* from = src + Offset(i, src_stride) + j * sizeof(T);
-      Store(dst + Offset(j, dst_stride) + i * sizeof(T), Load<T>(from));
+      const std::byte* from = internal::Row(src, src_rows, i) + j * sizeof(T);
+      Store(internal::Row(dst, dst_rows, j) + i * sizeof(T), Load<T>(from));
     }
   }
 }
 
-// The same in registers; m and n are powers of two and no row is longer than a vector. Rows that follow each
-// other without a gap (`src_dense`, `dst_dense`) move as whole vectors. Strides are bytes.
+// The same in registers; m and n are powers of two, and n elements fill at most a vector. Rows that follow each
+// other without a gap (`src_dense`, `dst_dense`) move as whole vectors.
 template <typename T, std::size_t m, std::size_t n, bool src_dense = false, bool dst_dense = false>
-inline void TransposeTile(std::byte* dst, std::ptrdiff_t dst_stride, const std::byte* src,
-                          std::ptrdiff_t src_stride) {
+[[gnu::always_inline]] inline void TransposeTile(std::byte* dst, const RowSteps& dst_rows,
+                                                 const std::byte* src, const RowSteps& src_rows) {
   constexpr std::size_t count = m * n / kLanes<T>;
   if constexpr (count < 2) {
-    PlainTransposeTile<T, m, n>(dst, dst_stride, src, src_stride);
+    PlainTransposeTile<T, m, n>(dst, dst_rows, src, src_rows);
   } else {
-    constexpr std::ptrdiff_t kDense = kVecBytes;
+    constexpr RowSteps kDense(kVecBytes);
     Vec<T> v[count];
-    internal::LoadRows<T, src_dense ? kVecBytes : n * sizeof(T)>(v, src, src_dense ? kDense : src_stride);
+    internal::LoadRows<T, src_dense ? kVecBytes : n * sizeof(T)>(v, src, src_dense ? kDense : src_rows);
     if constexpr (m <= n) {
-      for (std::size_t step = 0; step < internal::Log2(m); ++step) internal::ZipHalves<T>(v);
+      for (std::size_t step = 0; step < internal::Log2(m); ++step) ZipHalves<T>(v);
     } else {
-      for (std::size_t step = 0; step < internal::Log2(n); ++step) internal::UnzipPairs<T>(v);
+      for (std::size_t step = 0; step < internal::Log2(n); ++step) UnzipPairs<T>(v);
     }
-    internal::StoreRows<T, dst_dense ? kVecBytes : m * sizeof(T)>(dst, dst_dense ? kDense : dst_stride, v);
+    internal::StoreRows<T, dst_dense ? kVecBytes : m * sizeof(T)>(dst, dst_dense ? kDense : dst_rows, v);
   }
 }
 
@@ -128,9 +113,51 @@ inline void WithTileExtent(std::size_t extent, const Body& body) {
   body(std::integral_constant<std::size_t, max>{});
 }
 
-// Where the blocks of `block` elements start that cover `extent`: the last one overlaps its neighbour.
-inline std::size_t BlockStart(std::size_t i, std::size_t extent, std::size_t block) {
-  return std::min(i, extent - block);
+// Transposes a grid of whole tiles. Not inlined: the loops around it would take its registers.
+template <typename T, std::size_t m, std::size_t n, bool src_dense, bool dst_dense>
+[[gnu::noinline]] void TransposeGrid(std::byte* dst, const RowSteps& dst_steps, const std::byte* src,
+                                     const RowSteps& src_steps, std::size_t m_tiles, std::size_t n_tiles) {
+  // Copies, which no store can change.
+  const RowSteps dst_rows = dst_steps;
+  const RowSteps src_rows = src_steps;
+  for (; n_tiles > 0; --n_tiles) {
+    std::byte* to = dst;
+    const std::byte* from = src;
+    for (std::size_t tile = m_tiles; tile > 0; --tile) {
+      TransposeTile<T, m, n, src_dense, dst_dense>(to, dst_rows, from, src_rows);
+      to += m * sizeof(T);
+      from += m < 4 ? src_rows.two : Offset(m / 4, src_rows.four);
+    }
+    dst += n < 4 ? dst_rows.two : Offset(n / 4, dst_rows.four);
+    src += n * sizeof(T);
+  }
+}
+
+// Covers an extent with blocks of up to `per_block` whole tiles, and a last tile that overlaps its neighbour
+// where they do not fill it.
+template <typename Body>
+inline void ForBlocks(std::size_t extent, std::size_t tile, std::size_t per_block, const Body& body) {
+  const std::size_t tiles = extent / tile;
+  for (std::size_t i = 0; i < tiles; i += per_block) body(i * tile, std::min(per_block, tiles - i));
+  if (tiles * tile < extent) body(extent - tile, 1);
+}
+
+// Transposes d_extent rows of s_extent elements in blocks of a cache line of some rows of the target: its lines
+// are written whole, and what they take from the source is still at hand.
+template <typename T, std::size_t m, std::size_t n, bool src_dense, bool dst_dense>
+void TransposeBlocks(std::byte* dst, std::ptrdiff_t dst_stride, const std::byte* src,
+                     std::ptrdiff_t src_stride, std::size_t d_extent, std::size_t s_extent) {
+  constexpr std::size_t kLineBytes = 64;
+  constexpr std::size_t kLines = std::max<std::size_t>(kLineBytes / sizeof(T), 32);
+  const RowSteps dst_rows(dst_stride), src_rows(src_stride);
+  ForBlocks(s_extent, n, m < kLanes<T> ? s_extent : kLines / n, [&](std::size_t column, std::size_t n_tiles) {
+    ForBlocks(d_extent, m, n < kLanes<T> ? d_extent : kLineBytes / (m * sizeof(T)),
+              [&](std::size_t row, std::size_t m_tiles) {
+                TransposeGrid<T, m, n, src_dense, dst_dense>(
+                    dst + row * sizeof(T) + Offset(column, dst_stride), dst_rows,
+                    src + column * sizeof(T) + Offset(row, src_stride), src_rows, m_tiles, n_tiles);
+              });
+  });
 }
 
 }  // namespace internal
@@ -139,25 +166,18 @@ inline std::size_t BlockStart(std::size_t i, std::size_t extent, std::size_t blo
 // elements or more; steps are bytes.
 template <typename T>
 inline void TransposePlane(std::byte* dst, const std::byte* src, const Axis& d, const Axis& s) {
-  internal::WithTileExtent<kLanes<T>>(d.extent, [&](auto m) {
+  internal::WithTileExtent<sizeof(T) == 4 ? 2 * kLanes<T> : kLanes<T>>(d.extent, [&](auto m) {
     internal::WithTileExtent<kLanes<T>>(s.extent, [&](auto n) {
-      const auto walk = [&](auto src_dense, auto dst_dense) {
-        for (std::size_t i = 0; i < d.extent; i += m) {
-          const std::size_t row = internal::BlockStart(i, d.extent, m);
-          for (std::size_t j = 0; j < s.extent; j += n) {
-            const std::size_t column = internal::BlockStart(j, s.extent, n);
-            TransposeTile<T, m, n, src_dense, dst_dense>(
-                dst + row * sizeof(T) + Offset(column, s.dst_step), s.dst_step,
-                src + column * sizeof(T) + Offset(row, d.src_step), d.src_step);
-          }
-        }
+      const auto tiles = [&](auto src_dense, auto dst_dense) {
+        internal::TransposeBlocks<T, m, n, src_dense, dst_dense>(dst, s.dst_step, src, d.src_step, d.extent,
+                                                                 s.extent);
       };
       if (m < kLanes<T> && s.dst_step == Offset(m, sizeof(T))) {
-        walk(std::false_type{}, std::true_type{});
+        tiles(std::false_type{}, std::true_type{});
       } else if (n < kLanes<T> && d.src_step == Offset(n, sizeof(T))) {
-        walk(std::true_type{}, std::false_type{});
+        tiles(std::true_type{}, std::false_type{});
       } else {
-        walk(std::false_type{}, std::false_type{});
+        tiles(std::false_type{}, std::false_type{});
       }
     });
   });

@@ -43,17 +43,24 @@ using Vec = typename VecOf<T>::Type;
 template <typename T>
 inline constexpr std::size_t kLanes = kVecBytes / sizeof(T);
 
-// Loads and stores of words or vectors at any address.
+namespace internal {
+// A word or vector as it lies in memory: at any address, beside objects of any type.
+template <typename V>
+struct UnalignedOf {
+  typedef V Type __attribute__((aligned(1), may_alias));
+};
+}  // namespace internal
+
+// Loads and stores of words and vectors at any address. (Through memcpy GCC would move vectors as 128-bit
+// integers, which have fewer addressing modes.)
 template <typename V>
 inline V Load(const std::byte* src) {
-  V value;
-  std::memcpy(&value, src, sizeof value);
-  return value;
+  return *reinterpret_cast<const typename internal::UnalignedOf<V>::Type*>(src);
 }
 
 template <typename V>
 inline void Store(std::byte* dst, V value) {
-  std::memcpy(dst, &value, sizeof value);
+  *reinterpret_cast<typename internal::UnalignedOf<V>::Type*>(dst) = value;
 }
 
 template <typename T>
@@ -97,6 +104,29 @@ inline Vec<T> UnzipEven(Vec<T> a, Vec<T> b) {
 template <typename T>
 inline Vec<T> UnzipOdd(Vec<T> a, Vec<T> b) {
   return internal::Unzip<T, 1>(a, b, std::make_index_sequence<kLanes<T>>{});
+}
+
+// Zips the first half of `count` vectors with the second half. Numbering all lanes through, element p moves to
+// place 2p: the bits of its number rotate to the left by one.
+template <typename T, std::size_t count>
+inline void ZipHalves(Vec<T> (&v)[count]) {
+  Vec<T> out[count];
+  for (std::size_t i = 0; i < count / 2; ++i) {
+    out[2 * i] = ZipLow<T>(v[i], v[i + count / 2]);
+    out[2 * i + 1] = ZipHigh<T>(v[i], v[i + count / 2]);
+  }
+  for (std::size_t i = 0; i < count; ++i) v[i] = out[i];
+}
+
+// Undoes ZipHalves: the bits rotate to the right.
+template <typename T, std::size_t count>
+inline void UnzipPairs(Vec<T> (&v)[count]) {
+  Vec<T> out[count];
+  for (std::size_t i = 0; i < count / 2; ++i) {
+    out[i] = UnzipEven<T>(v[2 * i], v[2 * i + 1]);
+    out[i + count / 2] = UnzipOdd<T>(v[2 * i], v[2 * i + 1]);
+  }
+  for (std::size_t i = 0; i < count; ++i) v[i] = out[i];
 }
 
 }  // namespace zeb_custom_ops::detail

@@ -6,6 +6,8 @@
 #include <initializer_list>
 #include <span>
 
+#include "axis.h"
+#include "interleave.h"
 #include "transpose.h"
 #include "vec.h"
 
@@ -186,6 +188,40 @@ struct Loops {
   std::span<const Axis> Rest() const { return {axes, rank}; }
 };
 
+// Calls `body` with an extent from 2 to 4 as a constant.
+template <typename Body>
+void WithFew(std::size_t extent, const Body& body) {
+  if (extent == 2) return body(std::integral_constant<std::size_t, 2>{});
+  if (extent == 3) return body(std::integral_constant<std::size_t, 3>{});
+  body(std::integral_constant<std::size_t, 4>{});
+}
+
+// Planes whose unit step lies along `d` in the target and along `s` in the source, where one of the two is two to
+// four elements long and nothing lies between its runs; false for others.
+template <typename T>
+bool WalkInterleaved(std::byte* dst, const std::byte* src, Loops& loops, const Axis& d, const Axis& s) {
+  constexpr std::ptrdiff_t kUnit = sizeof(T);
+  if (d.extent <= 4 && s.dst_step == Offset(d.extent, kUnit)) {
+    WithFew(d.extent, [&](auto k) {
+      const Axis rows = loops.TakeLast();
+      ForEach(dst, src, loops.Rest(), [&](std::byte* to, const std::byte* from) {
+        InterleaveRows<T, k>(to, from, rows, d.src_step, s.extent);
+      });
+    });
+    return true;
+  }
+  if (s.extent <= 4 && d.src_step == Offset(s.extent, kUnit)) {
+    WithFew(s.extent, [&](auto k) {
+      const Axis rows = loops.TakeLast();
+      ForEach(dst, src, loops.Rest(), [&](std::byte* to, const std::byte* from) {
+        DeinterleaveRows<T, k>(to, from, rows, s.dst_step, d.extent);
+      });
+    });
+    return true;
+  }
+  return false;
+}
+
 // The walk over elements of one width; steps are bytes.
 template <typename T>
 void WalkBytes(std::byte* dst, const std::byte* src, std::span<const Axis> axes) {
@@ -217,6 +253,7 @@ void WalkBytes(std::byte* dst, const std::byte* src, std::span<const Axis> axes)
     for (std::size_t i = 0; i < loops.rank; ++i) {
       if (loops.axes[i].src_step != kUnit) continue;
       const Axis across = loops.Take(i);
+      if (WalkInterleaved<T>(dst, src, loops, inner, across)) return;
       return ForEach(dst, src, loops.Rest(), [&](std::byte* to, const std::byte* from) {
         TransposePlane<T>(to, from, inner, across);
       });
