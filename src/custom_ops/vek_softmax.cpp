@@ -365,7 +365,7 @@ bool Softmax_v1(const zeb::PuxDnnBufAttrs& attrs, unsigned axis, float* in, unsi
     default:
       VEK_REQUIRE(false, "Softmax_v1: axis parameter = %d, should be in range [0..3]", AsInt(axis));
   }
-  if (len == 0) return true;
+  if (len == 0 || inner == 0) return true;
 
   if (detail::ProductFits32({N, C, H, W}) && N * C * H * W <= in_size) {
     Softmaxes(in, out, len, step, N * C * H * W);
