@@ -3,10 +3,22 @@
 
 #include <typeinfo>
 
+#include "custom_ops/vek_argmax.h"
+#include "custom_ops/vek_batchtospace.h"
+#include "custom_ops/vek_broadcast.h"
+#include "custom_ops/vek_concat.h"
 #include "custom_ops/vek_datastrideconv.h"
+#include "custom_ops/vek_depthtospace.h"
+#include "custom_ops/vek_ewo.h"
+#include "custom_ops/vek_gather.h"
+#include "custom_ops/vek_l2norm.h"
+#include "custom_ops/vek_matmul.h"
+#include "custom_ops/vek_pad.h"
 #include "custom_ops/vek_permute.h"
 #include "custom_ops/vek_reshape.h"
 #include "custom_ops/vek_softmax.h"
+#include "custom_ops/vek_spacetobatch.h"
+#include "custom_ops/vek_spacetodepth.h"
 #include "support/plugin.h"
 
 namespace vek_test {
@@ -26,7 +38,19 @@ TEST(Factory, EveryNameMakesItsClass) {
   ExpectMakes<VekSoftmax>("SOFTMAX");
   ExpectMakes<VekDataStrideConv>("DATA_STRIDE_CONV");
   ExpectMakes<VekReshape>("RESHAPE");
+  ExpectMakes<VekBroadcast>("BROADCAST");
+  ExpectMakes<VekArgmax>("ARGMAX");
+  ExpectMakes<VekL2Norm>("NORMALIZE");
+  ExpectMakes<VekMatmul>("MATMUL");
   ExpectMakes<VekPermute>("PERMUTE");
+  ExpectMakes<VekConcat>("SWCONCAT");
+  ExpectMakes<VekDepthToSpace>("DEPTHTOSPACE");
+  ExpectMakes<VekPad>("PAD");
+  ExpectMakes<VekGather>("GATHER");
+  ExpectMakes<VekEwo>("ELTWISE");
+  ExpectMakes<VekSpaceToBatch>("SPACETOBATCH");
+  ExpectMakes<VekSpaceToDepth>("SPACETODEPTH");
+  ExpectMakes<VekBatchToSpace>("BATCHTOSPACE");
 }
 
 TEST(Factory, AnyOtherNameGivesNullAndSaysNothing) {
