@@ -29,6 +29,10 @@ if(VEK_SANITIZE)
   target_link_options(vek_compile_options INTERFACE -fsanitize=${VEK_SANITIZE})
 endif()
 
+if(VEK_FUZZ)
+  target_compile_options(vek_compile_options INTERFACE -fsanitize=fuzzer-no-link)
+endif()
+
 if(VEK_COVERAGE)
   target_compile_options(vek_compile_options INTERFACE --coverage -fprofile-update=atomic)
   target_link_options(vek_compile_options INTERFACE --coverage)
