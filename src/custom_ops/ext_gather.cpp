@@ -54,6 +54,10 @@ struct Slices {
   void Copy(std::uint64_t o, std::uint64_t first, std::uint64_t last) const {
     const T* src = params + o * extent * inner;
     T* dst = out + o * count * inner;
+    if (inner == 1) {
+      for (std::uint64_t j = first; j < last; ++j) dst[j] = src[indices[j]];
+      return;
+    }
     for (std::uint64_t j = first; j < last; ++j)
       detail::CopyRun(dst + j * inner, src + indices[j] * inner, inner);
   }

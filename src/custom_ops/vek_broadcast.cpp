@@ -178,6 +178,14 @@ bool Broadcast_v1(const zeb::PuxDnnBufAttrs& in, const zeb::PuxDnnBufAttrs& out,
   const unsigned in_plane = bcast_h != 0 ? in_line : H_in * in_line;
   const unsigned in_row = bcast_h != 0 ? 0 : in_line;
   const unsigned period = bcast_w != 0 ? W_in : W;
+  // Rows that lie apart, and no position wraps: one walk.
+  if ((period == 1 || period >= W) && out_line >= W && detail::ProductFits32({C, H, out_line}) &&
+      detail::ProductFits32({C, in_plane}) && detail::ProductFits32({C, H, in_row})) {
+    const std::ptrdiff_t column = period == 1 ? 0 : 1;
+    detail::CopyWalk<T>(out_data, in_data,
+                        {{C, in_plane, std::ptrdiff_t{H} * out_line}, {H, in_row, out_line}, {W, column, 1}});
+    return true;
+  }
   for (unsigned c = 0; c < C; ++c) {
     for (unsigned h = 0; h < H; ++h) {
       RepeatRow(out_data + (c * H * out_line + h * out_line), in_data + (c * in_plane + h * in_row), period,

@@ -8,114 +8,15 @@
 
 #include "axis.h"
 #include "interleave.h"
+#include "runs.h"
 #include "transpose.h"
 #include "vec.h"
 
 namespace zeb_custom_ops::detail {
 
-// Copies `count` consecutive elements.
-template <typename T>
-void CopyRun(T* dst, const T* src, std::size_t count) {
-  if (count != 0) std::memcpy(dst, src, count * sizeof(T));
-}
-
-namespace internal {
-
-// A run of `bytes` bytes, that many times 16 or more, filled with a pattern that starts anew every 16 bytes.
-inline void FillVectors(std::byte* dst, Vec<std::uint8_t> value, std::size_t bytes) {
-  std::size_t i = 0;
-  for (; i + 4 * kVecBytes <= bytes; i += 4 * kVecBytes) {
-    for (std::size_t k = 0; k < 4; ++k) Store(dst + i + k * kVecBytes, value);
-  }
-  for (; i + kVecBytes <= bytes; i += kVecBytes) Store(dst + i, value);
-}
-
-}  // namespace internal
-
-// Sets `count` consecutive elements to `value`.
-template <typename T>
-void FillRun(T* dst, T value, std::size_t count) {
-  static_assert(sizeof(T) <= 4);
-  if (count == 0) return;
-  if constexpr (sizeof(T) == 1) {
-    unsigned char byte;
-    std::memcpy(&byte, &value, 1);
-    std::memset(dst, byte, count);
-  } else {
-    Word<sizeof(T)> word;
-    std::memcpy(&word, &value, sizeof word);
-    auto* bytes = reinterpret_cast<std::byte*>(dst);
-    if (count < kLanes<T>) {
-      for (std::size_t i = 0; i < count; ++i) Store(bytes + i * sizeof(T), word);
-      return;
-    }
-    const auto vec = Broadcast<Word<sizeof(T)>>(word);
-    internal::FillVectors(bytes, reinterpret_cast<Vec<std::uint8_t>>(vec), count * sizeof(T));
-    Store(bytes + count * sizeof(T) - kVecBytes, vec);
-  }
-}
-
 namespace internal {
 
 // Below, everything is bytes: pointers, steps and run lengths.
-
-// Copies runs of `bytes` bytes whose length lies between `size` and twice that: two moves that may overlap.
-template <typename Move>
-inline void CopyTwoMoves(std::byte* dst, const std::byte* src, const Axis& rows, std::size_t bytes) {
-  const std::size_t last = bytes - sizeof(Move);
-  for (std::size_t i = 0; i < rows.extent; ++i) {
-    const Move head = Load<Move>(src);
-    const Move tail = Load<Move>(src + last);
-    Store(dst, head);
-    Store(dst + last, tail);
-    src += rows.src_step;
-    dst += rows.dst_step;
-  }
-}
-
-// Copies `rows` runs of `bytes` consecutive bytes each.
-inline void CopyRows(std::byte* dst, const std::byte* src, const Axis& rows, std::size_t bytes) {
-  using Block = Vec<std::uint8_t>;
-  if (bytes > 4 * kVecBytes) {
-    for (std::size_t i = 0; i < rows.extent; ++i) {
-      std::memcpy(dst + Offset(i, rows.dst_step), src + Offset(i, rows.src_step), bytes);
-    }
-  } else if (bytes > 2 * kVecBytes) {
-    const std::size_t last = bytes - kVecBytes;
-    for (std::size_t i = 0; i < rows.extent; ++i) {
-      const auto a = Load<Block>(src);
-      const auto b = Load<Block>(src + kVecBytes);
-      const auto c = Load<Block>(src + last - kVecBytes);
-      const auto d = Load<Block>(src + last);
-      Store(dst, a);
-      Store(dst + kVecBytes, b);
-      Store(dst + last - kVecBytes, c);
-      Store(dst + last, d);
-      src += rows.src_step;
-      dst += rows.dst_step;
-    }
-  } else if (bytes >= kVecBytes) {
-    CopyTwoMoves<Block>(dst, src, rows, bytes);
-  } else if (bytes >= 8) {
-    CopyTwoMoves<std::uint64_t>(dst, src, rows, bytes);
-  } else if (bytes >= 4) {
-    CopyTwoMoves<std::uint32_t>(dst, src, rows, bytes);
-  } else if (bytes >= 2) {
-    CopyTwoMoves<std::uint16_t>(dst, src, rows, bytes);
-  } else {
-    for (std::size_t i = 0; i < rows.extent; ++i)
-      dst[Offset(i, rows.dst_step)] = src[Offset(i, rows.src_step)];
-  }
-}
-
-// Repeats one element of each row along `count` elements.
-template <typename T>
-inline void RepeatRows(std::byte* dst, const std::byte* src, const Axis& rows, std::size_t count) {
-  for (std::size_t i = 0; i < rows.extent; ++i) {
-    FillRun(reinterpret_cast<T*>(dst + Offset(i, rows.dst_step)), Load<T>(src + Offset(i, rows.src_step)),
-            count);
-  }
-}
 
 // A plane of any two steps.
 template <typename T>
