@@ -51,6 +51,9 @@ std::uint64_t CappedElements(const std::vector<unsigned>& dims) {
   return count;
 }
 
+// What the target's processor answers to a division by zero is 0.
+unsigned Quotient(unsigned dividend, unsigned divisor) { return divisor == 0 ? 0 : dividend / divisor; }
+
 bool IsOrder(const std::vector<unsigned>& order, std::initializer_list<unsigned> expected) {
   return std::equal(order.begin(), order.end(), expected.begin(), expected.end());
 }
@@ -267,21 +270,22 @@ bool VekPermute::Permute_v1(const zeb::PuxDnnBufAttrs& in, T* in_data, unsigned 
 
 namespace {
 
-// Bytes of a dense planar buffer that its conversion from or to the given format reaches, capped. The
-// elements, but for formats that contradict themselves or the other buffer's: a change of interleaving
-// divides strides by the format's bytes, moves floats of four, and counts the planes of a batch item in
-// single precision.
+// Bytes of a dense planar buffer that its conversion from or to the given format reaches, capped. These are the
+// elements, but for formats that contradict themselves or the other buffer's: a change of interleaving divides strides
+// by the format's bytes, moves floats of four, and counts the planes of a batch item in single precision.
 std::uint64_t BytesToConvert(const std::vector<unsigned>& dims, unsigned element_bytes,
                              const zeb::PuxDnnBufAttrsMemFormat& format) {
-  const std::uint64_t count = CappedElements(dims);
-  if (format.plane_pack == 1 || count == 0 || count == kTooMany) return Capped(count, element_bytes);
+  const std::uint64_t bytes = Capped(CappedElements(dims), element_bytes);
+  const bool is_convertible = format.float_ || format.bitdepth == 8 || format.bitdepth == 16;
+  if (format.plane_pack <= 1 || !is_convertible || bytes == 0 || bytes == kTooMany) return bytes;
 
-  const unsigned format_bytes = format.bitdepth < 8 ? 1 : static_cast<unsigned>(format.bitdepth) / 8;
-  const unsigned spread = (element_bytes + format_bytes - 1) / format_bytes;
-  const unsigned width = std::max(element_bytes, spread * (format.float_ ? 4 : format_bytes));
-  const auto planes = static_cast<std::uint64_t>(std::ceil(static_cast<float>(dims[1])));
-  const std::uint64_t plane = count / dims[0] / dims[1];
-  return Capped(((dims[0] - std::uint64_t{1}) * planes + dims[1]) * plane, width);
+  const unsigned format_bytes = format.bitdepth < 8 ? 0 : static_cast<unsigned>(format.bitdepth) / 8;
+  const std::uint64_t line = Quotient(dims[3] * element_bytes, format_bytes);
+  const std::uint64_t plane = Quotient(dims[2] * dims[3] * element_bytes, format_bytes);
+  const std::uint64_t item = plane * static_cast<std::uint64_t>(std::ceil(static_cast<float>(dims[1])));
+  const std::uint64_t last =
+      (dims[0] - 1U) * item + (dims[1] - 1U) * plane + (dims[2] - 1U) * line + (dims[3] - 1U);
+  return std::max(bytes, Capped(last + 1, format.float_ ? 4 : format_bytes));
 }
 
 // Makes the description that of a dense planar buffer.
@@ -334,9 +338,6 @@ bool VekPermute::DirectAcessPermute(const zeb::PuxDnnBufAttrs& in, signed char* 
 }
 
 namespace {
-
-// What the processor's division gives.
-unsigned Quotient(unsigned dividend, unsigned divisor) { return divisor == 0 ? 0 : dividend / divisor; }
 
 constexpr std::uint64_t RoundUp(std::uint64_t value, unsigned step) {
   return step == 0 ? value : (value + step - 1) / step * step;

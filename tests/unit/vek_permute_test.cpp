@@ -1,0 +1,680 @@
+// PERMUTE: the layer, its kernels and its scratch.
+#include "custom_ops/vek_permute.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <numeric>
+#include <optional>
+
+#include "reference/vek_permute_ref.h"
+#include "support/guarded_buffer.h"
+#include "support/plugin.h"
+#include "support/random_layouts.h"
+#include "support/refusals.h"
+
+namespace vek_test {
+namespace {
+
+using reference::Bytes;
+using zeb_custom_ops::VekPermute;
+
+const std::string kFile = "vek_permute.cpp";
+const std::string kConverter = "vek_datastrideconv.cpp";
+
+// The layer with its state laid open.
+struct OpenPermute : VekPermute {
+  using VekPermute::aux_bytes_;
+  using VekPermute::aux_in_;
+  using VekPermute::aux_out_;
+  using VekPermute::axes_;
+  using VekPermute::configured_;
+  using VekPermute::in_attrs_;
+  using VekPermute::out_attrs_;
+};
+
+std::string ListText(const std::vector<unsigned>& axes) {
+  std::string text = "[";
+  for (std::size_t i = 0; i < axes.size(); ++i) text += (i == 0 ? "" : ",") + std::to_string(axes[i]);
+  return text + "]";
+}
+
+std::vector<unsigned> Permuted(const std::vector<unsigned>& dims, const std::vector<unsigned>& order) {
+  std::vector<unsigned> permuted;
+  for (std::size_t i = 0; i < dims.size(); ++i) permuted.push_back(dims[order[i]]);
+  return permuted;
+}
+
+// Executes what the reference has computed on `src` and `dst` already, and compares result, lines and all bytes.
+void ExpectSame(Layer& layer, const reference::PermuteOutcome& expected, Bytes& src, Bytes& dst,
+                std::uint64_t seed, Guard guard) {
+  const std::size_t in_bytes = (src.reach() + 3) / 4 * 4;
+  const std::size_t out_bytes = (dst.reach() + 3) / 4 * 4;
+  const GuardedBuffer source = Guarded(Bytes(seed).Front(in_bytes), guard);
+  const GuardedBuffer target = Guarded(Bytes(~seed).Front(out_bytes), guard);
+  const bool refused = !expected.error.empty();
+  ASSERT_EQ(layer.Execute({source.data()}, {target.data()}), !refused) << expected.error;
+  if (expected.error == reference::kOwnText && layer.log.size() == 1) {
+    ASSERT_EQ(layer.log[0].level + layer.log[0].file, "ERROR" + expected.file);
+  } else {
+    ASSERT_EQ(layer.log, refused ? Log{Error(expected.file, expected.error)} : Log{});
+  }
+  ASSERT_EQ(target.Get(), refused ? Bytes(~seed).Front(out_bytes) : dst.Front(out_bytes));
+  ASSERT_EQ(source.Get(), Bytes(seed).Front(in_bytes));
+}
+
+// Configures a new layer and compares one Execute with the reference. \return what the reference says.
+reference::PermuteOutcome RunSame(const std::vector<unsigned>& axes, const Buf& in, const Buf& out,
+                                  std::uint64_t seed = 1) {
+  Layer layer("PERMUTE");
+  EXPECT_TRUE(layer.Configure({{"axes", ListText(axes)}}, {in}, {out}));
+  Bytes src(seed);
+  Bytes dst(~seed);
+  const reference::PermuteOutcome expected = reference::ExecutePermute(axes, in, src, out, dst);
+  EXPECT_TRUE(src.InTest() && dst.InTest());
+  for (const Guard guard : {Guard::kBefore, Guard::kAfter})
+    ExpectSame(layer, expected, src, dst, seed, guard);
+  return expected;
+}
+
+Log OneError(const std::string& text) { return {Error(kFile, text)}; }
+
+// --- Configure.
+
+std::vector<Fault> Faults() {
+  return {{"no input", [](Setup& s) { s.in.clear(); },
+           OneError("wrong number of inputs, expected: 1, got: 0"), "in"},
+          {"two inputs", [](Setup& s) { s.in.push_back(s.in[0]); },
+           OneError("wrong number of inputs, expected: 1, got: 2"), "in"},
+          {"no output", [](Setup& s) { s.out.clear(); },
+           OneError("wrong number of outputs, expected: 1, got: 0"), "out"},
+          {"two outputs", [](Setup& s) { s.out.push_back(s.out[0]); },
+           OneError("wrong number of outputs, expected: 1, got: 2"), "out"},
+          {"no attribute", [](Setup& s) { s.attrs.clear(); },
+           OneError("expecting exactly one attribute, got: 0"), "attrs"},
+          {"two attributes",
+           [](Setup& s) {
+             s.attrs = {{"axes", "[0,1]"}, {"more", ""}};
+           },
+           OneError("expecting exactly one attribute, got: 2"), "attrs"},
+          {"another attribute",
+           [](Setup& s) {
+             s.attrs = {{"Axes", "[0,1]"}};
+           },
+           OneError("expected operation parameter: axes not found."), "attrs"},
+          {"too short a list",
+           [](Setup& s) {
+             s.attrs = {{"axes", "[]"}};
+           },
+           OneError("ERROR: Wrongly formated parameter string (too short)"), "attrs"},
+          {"an open list",
+           [](Setup& s) {
+             s.attrs = {{"axes", "[0,1,2"}};
+           },
+           OneError("ERROR: Wrongly formated parameter string for software operation"), "attrs"},
+          {"bit depths differ", [](Setup& s) { s.out[0].format.bitdepth = 8; },
+           OneError("input bitdepth: 16, differs from output bitdepth: 8")},
+          {"short input", [](Setup& s) { s.in[0].size = 239; },
+           OneError("input buffer size too small, size: 239 bytes vs expected at least: 240 bytes.")},
+          {"short output", [](Setup& s) { s.out[0].size = 239; },
+           OneError("output buffer size too small, size: 239 bytes vs expected at least: 240 bytes.")}};
+}
+
+TEST(Permute, RefusesInOrder) {
+  const Buf valid = Buf::Int(16, {2, 3, 4, 5});
+  CheckOrderOfRefusals("PERMUTE", {{{"axes", "[0,1]"}}, {valid}, {valid}}, Faults());
+}
+
+TEST(Permute, ARefusalDoesNotAskForWhatOnlyItsTextNeeds) {
+  const ScopedThreshold threshold(kNone);
+  Buf buf = Buf::Float({2, 2});
+  Layer layer("PERMUTE");
+  Buf::ResetCalls();
+  buf.size = 15;
+  EXPECT_FALSE(layer.Configure({{"axes", "[1]"}}, {buf}, {buf}));
+  EXPECT_EQ(Buf::calls[kGetSize], 1);
+  EXPECT_EQ(layer.log, Log{});
+}
+
+TEST(Permute, SizesAreCountedIn64BitsAndFloatsAreFourBytes) {
+  Buf large = Buf::Float({65536, 65536});
+  large.format.bitdepth = 8;  // contradicts itself; `float` decides
+  large.size = 7;
+  Layer layer("PERMUTE");
+  EXPECT_FALSE(layer.Configure({{"axes", "[0]"}}, {large}, {large}));
+  EXPECT_EQ(layer.log,
+            OneError("input buffer size too small, size: 7 bytes vs expected at least: 17179869184 bytes."));
+}
+
+TEST(Permute, ElementsThatAreNoNumbersReadAsZeroAndLongOnesKeepTheirLowBits) {
+  OpenPermute layer;
+  const BufAttrsList bufs = MakeList({Buf::Float({1})});
+  EXPECT_TRUE(layer.Configure({{"axes", "[x, 3,-1,4294967297]"}}, bufs, bufs));
+  EXPECT_EQ(layer.axes_, (std::vector<unsigned>{0, 3, 0xFFFFFFFF, 1}));
+}
+
+TEST(Permute, EveryConfigureAppendsItsAxes) {
+  OpenPermute layer;
+  const BufAttrsList bufs = MakeList({Buf::Float({2, 3})});
+  EXPECT_TRUE(layer.Configure({{"axes", "[1]"}}, bufs, bufs));
+  EXPECT_TRUE(layer.Configure({{"axes", "[0,1]"}}, bufs, bufs));
+  EXPECT_EQ(layer.axes_, (std::vector<unsigned>{1, 0, 1}));
+  // Also one that is refused after the attribute was read.
+  Buf small = Buf::Float({2, 3});
+  small.size = 3;
+  const BufAttrsList small_bufs = MakeList({small});
+  CaptureLog([&] { EXPECT_FALSE(layer.Configure({{"axes", "[7]"}}, small_bufs, bufs)); });
+  EXPECT_EQ(layer.axes_, (std::vector<unsigned>{1, 0, 1, 7}));
+  EXPECT_TRUE(layer.configured_);
+}
+
+TEST(Permute, ARefusedConfigureLeavesTheNewDescriptionsInPlace) {
+  OpenPermute layer;
+  const BufAttrsList old = MakeList({Buf::Float({2, 3})});
+  const BufAttrsList fresh = MakeList({Buf::Float({5, 7, 2})});
+  EXPECT_TRUE(layer.Configure({{"axes", "[1]"}}, old, old));
+  CaptureLog([&] { EXPECT_FALSE(layer.Configure({}, fresh, fresh)); });
+  EXPECT_EQ(layer.in_attrs_->GetNumDims(), 3U);
+  EXPECT_EQ(layer.out_attrs_->GetNumDims(), 3U);
+  EXPECT_TRUE(layer.configured_);
+  // Wrong counts are found before anything is kept.
+  CaptureLog([&] { EXPECT_FALSE(layer.Configure({}, MakeList({}), old)); });
+  EXPECT_EQ(layer.in_attrs_->GetNumDims(), 3U);
+}
+
+TEST(Permute, ExecuteRefusesInOrder) {
+  Layer layer("PERMUTE");
+  EXPECT_FALSE(layer.ExecuteRaw(nullptr, nullptr));
+  EXPECT_EQ(layer.log, OneError("custom layer not configured."));
+  EXPECT_TRUE(layer.Configure({{"axes", "[1]"}}, {Buf::Float({2, 3})}, {Buf::Float({3, 2})}));
+  EXPECT_FALSE(layer.ExecuteRaw(nullptr, nullptr));
+  EXPECT_EQ(layer.log, OneError("in_buffers is NULL."));
+  void* pointers[] = {nullptr};
+  EXPECT_FALSE(layer.ExecuteRaw(pointers, nullptr));
+  EXPECT_EQ(layer.log, OneError("out_buffers is NULL."));
+  EXPECT_FALSE(layer.ExecuteRaw(pointers, pointers));
+  EXPECT_EQ(layer.log, OneError("Permute_v1 input or output buffer is null."));
+}
+
+// --- The choice of a path.
+
+TEST(Permute, APartialListIsCompleted) {
+  const Buf in = Buf::Float({2, 3});
+  const Buf out = Buf::Float({3, 2});
+  const GuardedBuffer source = Guarded(std::vector<float>{1, 2, 3, 4, 5, 6});
+  const GuardedBuffer target(24);
+  for (const char* axes : {"[1]", "[1,0]", "[[1,0]]", "[1, 0]"}) {
+    Layer layer("PERMUTE");
+    ASSERT_TRUE(layer.Configure({{"axes", axes}}, {in}, {out}));
+    EXPECT_TRUE(layer.Execute({source.data()}, {target.data()}));
+    EXPECT_EQ(target.Get<float>(), (std::vector<float>{1, 4, 2, 5, 3, 6})) << axes;
+  }
+}
+
+TEST(Permute, OtherRanksThanFourAreForPlainFloatsOnly) {
+  const std::string text = "Execute() - unhandled permute case!";
+  EXPECT_EQ(RunSame({1}, Buf::Int(16, {2, 3, 4}), Buf::Int(16, {3, 2, 4})).error, text);
+  EXPECT_EQ(RunSame({1}, Buf::Int(32, {2, 3}), Buf::Int(32, {3, 2})).error, text);
+  EXPECT_EQ(RunSame({1}, Buf::Int(32, {2, 3, 1, 1}), Buf::Int(32, {3, 2})).error, text);
+  Buf odd = Buf::Int(12, {2, 3, 1, 1});
+  odd.size = 9;
+  EXPECT_EQ(RunSame({1}, odd, odd).error, text);
+  EXPECT_EQ(RunSame({1}, Buf::Int(24, {2, 3, 1, 1}), Buf::Int(24, {3, 2, 1, 1})).error,
+            "DirectAcessPermute() - unhandled bitdepth!");
+  EXPECT_EQ(RunSame({1}, Buf::Float({2, 3, 4}), Buf::Float({3, 2, 4})).error, "");
+}
+
+TEST(Permute, LayoutPathsRefuseOtherBitDepthsFirst) {
+  EXPECT_EQ(RunSame({0, 2, 3, 1}, Buf::Int(24, {2, 3}), Buf::Int(24, {2, 3})).error,
+            "UnpackToNhwc() - unhandled bitdepth!");
+  EXPECT_EQ(RunSame({0, 3, 1, 2}, Buf::Int(24, {2, 3}), Buf::Int(24, {2, 3})).error,
+            "PackToNchw() - unhandled bitdepth!");
+}
+
+TEST(Permute, LayoutPathsNeedFourDims) {
+  for (const std::vector<unsigned>& axes : {std::vector<unsigned>{0, 2, 3, 1}, {0, 3, 1, 2}}) {
+    for (const std::vector<unsigned>& dims : {std::vector<unsigned>{}, {6}, {2, 3}, {2, 3, 1}}) {
+      EXPECT_EQ(RunSame(axes, Buf::Float(dims), Buf::Float(dims)).error, reference::kOwnText);
+    }
+  }
+  EXPECT_EQ(RunSame({0, 3, 1, 2}, Buf::Float({1, 2, 3, 1}), Buf::Float({1, 2, 3})).error,
+            reference::kOwnText);
+}
+
+TEST(Permute, LayoutPathsNeedAPlanePack) {
+  Buf bad = Buf::Int(8, {1, 2, 3, 4});
+  bad.format.plane_pack = 0;
+  EXPECT_EQ(RunSame({0, 2, 3, 1}, bad, Buf::Int(8, {1, 3, 4, 2})).error, reference::kOwnText);
+  EXPECT_EQ(RunSame({0, 3, 1, 2}, Buf::Int(8, {1, 2, 3, 4}), bad).error, reference::kOwnText);
+}
+
+TEST(Permute, PackingRefusesLinesThatEndInsideAnElement) {
+  Buf out = Buf::Int(16, {1, 2, 3, 4}).Pad(1, 0);
+  EXPECT_EQ(RunSame({0, 3, 1, 2}, Buf::Int(16, {1, 3, 4, 2}), out).error,
+            "Unsupported stride in PackToNchw().");
+  out = Buf::Int(8, {1, 2, 3, 4}).Pad(1, 0);
+  EXPECT_EQ(RunSame({0, 3, 1, 2}, Buf::Int(8, {1, 3, 4, 2}), out).error, "");
+}
+
+TEST(Permute, CountsFromByteSizesMustAgree) {
+  Buf out = Buf::Float({3, 2});
+  out.size += 4;
+  EXPECT_EQ(RunSame({1}, Buf::Float({2, 3}), out).error,
+            "Permute_v1 wrong size of buffers. (input: 6 output: 7)");
+}
+
+TEST(Permute, BytesBeyondTheDimsAreWrittenToo) {
+  Buf in = Buf::Float({2, 3});
+  Buf out = Buf::Float({3, 2});
+  in.size = out.size = 40;
+  EXPECT_EQ(RunSame({1}, in, out).error, "");
+}
+
+TEST(Permute, AnAxisThatTheInputDoesNotHaveIsRefused) {
+  EXPECT_EQ(RunSame({0, 4}, Buf::Float({1, 2, 3, 4}), Buf::Float({1, 2, 3, 4})).error, reference::kOwnText);
+  EXPECT_EQ(RunSame({0, 4}, Buf::Int(8, {1, 2, 3, 4}), Buf::Int(8, {1, 2, 3, 4})).error, reference::kOwnText);
+  EXPECT_EQ(RunSame({0, 1, 2, 3, 7}, Buf::Float({1, 2, 3, 4}), Buf::Float({1, 2, 3, 4})).error, "")
+      << "a fifth axis is not looked at";
+}
+
+TEST(Permute, RepeatedAxesFollowTheIndexWalk) {
+  EXPECT_EQ(RunSame({1, 1}, Buf::Float({3, 2}), Buf::Float({3, 2})).error, "");
+  EXPECT_EQ(RunSame({0, 0, 1}, Buf::Float({3, 2, 2}), Buf::Float({3, 2, 2})).error, "");
+  // Through scratch they must stay inside it.
+  EXPECT_EQ(RunSame({3, 3, 3, 3}, Buf::Int(8, {1, 1, 2, 2}), Buf::Int(8, {1, 1, 2, 2})).error, "");
+  EXPECT_EQ(RunSame({0, 0, 1, 2}, Buf::Int(8, {2, 2, 2, 2}), Buf::Int(8, {2, 2, 2, 2})).error,
+            reference::kOwnText);
+}
+
+TEST(Permute, ATensorWithoutDimsRepeatsItsFirstElement) {
+  Buf scalar = Buf::Float({});
+  scalar.size = 12;
+  EXPECT_EQ(RunSame({0}, scalar, scalar).error, "");
+}
+
+// --- Direct access: scratch and refusals.
+
+TEST(Permute, ScratchIsAllocatedOnceAndReplacedWhenTooSmall) {
+  OpenPermute layer;
+  const auto run = [&](std::vector<unsigned> dims) {
+    const Buf in = Buf::Int(8, dims);
+    const Buf out = Buf::Int(8, {dims[0], dims[1], dims[3], dims[2]});
+    layer.axes_.clear();
+    EXPECT_TRUE(layer.Configure({{"axes", "[0,1,3,2]"}}, MakeList({in}), MakeList({out})));
+    Bytes src(3);
+    Bytes dst(4);
+    EXPECT_EQ(reference::ExecutePermute(layer.axes_, in, src, out, dst).error, "");
+    const GuardedBuffer source = Guarded(Bytes(3).Front(in.size));
+    const GuardedBuffer target(out.size);
+    void* ins[] = {source.data()};
+    void* outs[] = {target.data()};
+    EXPECT_TRUE(layer.Execute(ins, outs));
+    EXPECT_EQ(target.Get(), dst.Front(out.size));
+  };
+  EXPECT_EQ(layer.aux_in_, nullptr);
+  run({1, 2, 3, 4});
+  EXPECT_EQ(layer.aux_bytes_, 48U);
+  const signed char* held = layer.aux_in_.get();
+  run({1, 2, 3, 4});
+  run({1, 1, 3, 4});
+  EXPECT_EQ(layer.aux_in_.get(), held);
+  EXPECT_EQ(layer.aux_bytes_, 48U);
+  run({1, 20, 30, 40});
+  EXPECT_EQ(layer.aux_bytes_, 48U + 2 * 24000U);
+  run({1, 2, 3, 4});
+  EXPECT_EQ(layer.aux_bytes_, 48U + 2 * 24000U);
+}
+
+TEST(Permute, LazyBufAllocKeepsWhatIsThere) {
+  OpenPermute layer;
+  std::unique_ptr<signed char[]> buf;
+  EXPECT_TRUE(layer.LazyBufAlloc(buf, 10));
+  const signed char* held = buf.get();
+  EXPECT_NE(held, nullptr);
+  EXPECT_EQ(layer.aux_bytes_, 10U);
+  EXPECT_TRUE(layer.LazyBufAlloc(buf, 1000000));
+  EXPECT_EQ(buf.get(), held);
+  EXPECT_EQ(layer.aux_bytes_, 10U);
+  std::unique_ptr<signed char[]> empty;
+  EXPECT_TRUE(layer.LazyBufAlloc(empty, 0));
+  EXPECT_NE(empty, nullptr);
+}
+
+TEST(Permute, TheConverterSpeaksForItself) {
+  // 32-bit fixed point cannot change its interleaving, on the way in or out.
+  const Buf planar = Buf::Int(32, {1, 4, 2, 2});
+  Buf packed = planar;
+  packed.format.plane_pack = 4;
+  packed.Pad(0, 0);
+  const std::string text = " unsupported input memory format. Fixed point bitdepth:  32";
+  for (const auto& [in, out] : {std::pair(packed, planar), std::pair(planar, packed)}) {
+    const reference::PermuteOutcome outcome = RunSame({0, 1, 3, 2}, in, out);
+    EXPECT_EQ(outcome.error, text);
+    EXPECT_EQ(outcome.file, kConverter);
+  }
+}
+
+TEST(Permute, AnOutputLargerThanTheScratchIsRefused) {
+  EXPECT_EQ(RunSame({0, 1, 3, 2}, Buf::Int(8, {1, 2, 3, 4}), Buf::Int(8, {1, 2, 4, 4})).error,
+            reference::kOwnText);
+  const Buf padded = Buf::Int(8, {1, 2, 4, 4}).Pad(3, 0);
+  EXPECT_EQ(RunSame({0, 1, 3, 2}, Buf::Int(8, {1, 2, 3, 4}), padded).error, reference::kOwnText);
+}
+
+TEST(Permute, ALargerInputBufferDoesNotOverrunTheScratch) {
+  Buf in = Buf::Int(8, {1, 2, 3, 4});
+  in.size = 4000;
+  EXPECT_EQ(RunSame({0, 1, 3, 2}, in, Buf::Int(8, {1, 2, 4, 3})).error, "");
+}
+
+TEST(Permute, AnInputWhoseBytesWrapIsRefused) {
+  // Left behind by a refused Configure: 2^32 elements are 0 in 32 bits.
+  Buf large = Buf::Int(8, {65536, 65536, 1, 1});
+  large.size = 100;
+  large.strided = true;
+  Layer layer("PERMUTE");
+  const Buf small = Buf::Int(8, {1, 1, 1, 1});
+  EXPECT_TRUE(layer.Configure({{"axes", "[1]"}}, {small}, {small}));
+  EXPECT_FALSE(layer.Configure({{"axes", "[1]"}}, {large}, {small}));
+  signed char byte = 0;
+  EXPECT_FALSE(layer.Execute({&byte}, {&byte}));
+  EXPECT_EQ(layer.log, OneError("input needs more than the 0 bytes of the auxiliary buffer"));
+}
+
+TEST(Permute, DescriptionsAreClonedTwiceByDirectAccess) {
+  Layer layer("PERMUTE");
+  const Buf in = Buf::Int(8, {1, 2, 3, 4});
+  const Buf out = Buf::Int(8, {1, 2, 4, 3});
+  ASSERT_TRUE(layer.Configure({{"axes", "[0,1,3,2]"}}, {in}, {out}));
+  std::vector<signed char> data(in.size);
+  std::vector<signed char> result(out.size);
+  const ExpectNoLeakedClones no_leaks;
+  Buf::ResetCalls();
+  EXPECT_TRUE(layer.Execute({data.data()}, {result.data()}));
+  EXPECT_EQ(Buf::calls[kClone], 2);
+  EXPECT_EQ(Buf::calls[kSetLineStride], 2);
+  EXPECT_EQ(Buf::calls[kSetPlaneStride], 2);
+  EXPECT_EQ(Buf::calls[kSetPlanePack], 2);
+}
+
+// --- What only a caller of the kernels reaches.
+
+TEST(Permute, ProductStartsWhereItIsTold) {
+  VekPermute layer;
+  const std::vector<unsigned> v = {2, 3, 5};
+  EXPECT_EQ(layer.Product(v, 0), 30U);
+  EXPECT_EQ(layer.Product(v, 2), 5U);
+  EXPECT_EQ(layer.Product(v, 3), 1U);
+  EXPECT_EQ(layer.Product(v, 9), 1U);
+  EXPECT_EQ(layer.Product(v, -1), 1U);
+  EXPECT_EQ(layer.Product({65536, 65537}, 0), 65536U);
+}
+
+TEST(Permute, VerifyOutDimensionsComparesUpToTheFirstDifference) {
+  VekPermute layer;
+  const Buf in = Buf::Float({2, 3, 5});
+  const auto says = [&](const std::vector<unsigned>& axes, const std::vector<unsigned>& out_dims) {
+    bool result = true;
+    const Log log = CaptureLog([&] { result = layer.VerifyOutDimensions(axes, in, Buf::Float(out_dims)); });
+    EXPECT_EQ(result, log.empty());
+    return log;
+  };
+  EXPECT_EQ(says({}, {9}), Log{});
+  EXPECT_EQ(says({2, 0, 1}, {5, 2, 3}), Log{});
+  EXPECT_EQ(says({2, 0, 1}, {5, 3, 2}), OneError("wrong output dimension: out_dim[1] = 3, should be: 2"));
+  EXPECT_EQ(says({3}, {5}), OneError("axis 3 of 3D input as dimension 0 of 1D output"));
+  EXPECT_EQ(says({0, 1}, {2}), OneError("axis 1 of 3D input as dimension 1 of 1D output"));
+}
+
+TEST(Permute, TheKernelRefusesNullBeforeCounts) {
+  VekPermute layer;
+  float value = 0;
+  const Buf buf = Buf::Float({1});
+  const auto says = [&](float* in, float* out, unsigned out_count) {
+    return CaptureLog([&] { EXPECT_FALSE(layer.Permute_v1<float>(buf, in, 1, out, out_count)); });
+  };
+  EXPECT_EQ(says(nullptr, &value, 2), OneError("Permute_v1 input or output buffer is null."));
+  EXPECT_EQ(says(&value, nullptr, 2), OneError("Permute_v1 input or output buffer is null."));
+  EXPECT_EQ(says(&value, &value, 2), OneError("Permute_v1 wrong size of buffers. (input: 1 output: 2)"));
+}
+
+// --- Kernels against their formulas.
+
+template <typename T>
+void SweepPermutations() {
+  const int bits = 8 * static_cast<int>(sizeof(T));
+  std::uint64_t seed = 1;
+  for (const std::vector<unsigned>& dims : {std::vector<unsigned>{17},
+                                            {0},
+                                            {3, 5},
+                                            {16, 33},
+                                            {1, 64},
+                                            {2, 3, 17},
+                                            {5, 1, 16},
+                                            {3, 0, 2},
+                                            {33, 17, 4},
+                                            {2, 3, 5, 7},
+                                            {1, 16, 16, 3},
+                                            {4, 4, 4, 4},
+                                            {1, 3, 32, 17},
+                                            {2, 1, 3, 1, 17},
+                                            {3, 2, 5, 2, 4},
+                                            {2, 3, 2, 3, 2, 5}}) {
+    std::vector<unsigned> order(dims.size());
+    std::iota(order.begin(), order.end(), 0U);
+    do {
+      OpenPermute layer;
+      layer.axes_ = order;
+      const Buf in = Buf::Int(bits, dims);
+      const auto count = static_cast<unsigned>(in.Count());
+      Bytes src(seed);
+      Bytes dst(~seed);
+      ASSERT_EQ(reference::PermuteDense(sizeof(T), order, dims, src, count, dst, count), "");
+      const Guard guard = seed % 2 == 0 ? Guard::kBefore : Guard::kAfter;
+      const GuardedBuffer source = Guarded(Bytes(seed).Front(count * sizeof(T)), guard);
+      const GuardedBuffer target = Guarded(Bytes(~seed).Front(count * sizeof(T)), guard);
+      ASSERT_TRUE(layer.template Permute_v1<T>(in, source.as<T>(), count, target.as<T>(), count));
+      ASSERT_EQ(target.Get(), dst.Front(count * sizeof(T))) << ListText(dims) << " by " << ListText(order);
+      ++seed;
+    } while (std::next_permutation(order.begin(), order.end()));
+  }
+}
+
+TEST(PermuteKernel, EqualsItsFormulaForBytes) { SweepPermutations<char>(); }
+TEST(PermuteKernel, EqualsItsFormulaForHalves) { SweepPermutations<short>(); }
+TEST(PermuteKernel, EqualsItsFormulaForFloats) { SweepPermutations<float>(); }
+
+TEST(PermuteKernel, RanksBeyondAnyWalkAreServedToo) {
+  const Buf in = Buf::Float({2, 1, 3, 2, 1, 2, 2, 3, 1});
+  const std::vector<unsigned> order = {8, 3, 5, 1, 7, 2, 0, 6, 4};
+  EXPECT_EQ(RunSame(order, in, Buf::Float(Permuted(in.dims, order))).error, "");
+}
+
+struct LayoutCase {
+  unsigned N, C, H, W;
+  int pack;
+  unsigned row_pad, plane_pad;  // elements
+};
+
+std::vector<LayoutCase> LayoutCases() {
+  std::vector<LayoutCase> cases;
+  for (const unsigned C : {1U, 2U, 3U, 4U, 5U, 16U, 17U, 33U}) {
+    for (const int pack : {1, 2, 3, 4, 5, 16, 17, 40}) {
+      for (const unsigned W : {1U, 3U, 16U, 17U}) {
+        const unsigned k = static_cast<unsigned>(cases.size());
+        cases.push_back({1 + k % 2, C, 1 + k % 3, W, pack, k % 4, k % 5 == 0 ? k % 7 : 0});
+        // Plane padding of whole lines keeps every plane at a multiple of a line.
+        const unsigned row_pad = k % 3;
+        cases.push_back({2, C, 2, W, pack, row_pad, static_cast<unsigned>(pack) * W + row_pad});
+      }
+    }
+  }
+  return cases;
+}
+
+TEST(PermuteKernel, UnpackingEqualsItsFormula) {
+  for (const int bits : {8, 16, 32}) {
+    for (const LayoutCase& c : LayoutCases()) {
+      Buf in = Buf::Packed({c.N, c.C, c.H, c.W}, Buf::Planar(bits, false, c.pack));
+      in.Pad(c.row_pad * in.ElementBytes(), c.plane_pad * in.ElementBytes());
+      const Buf out = Buf::Int(bits, {c.N, c.H, c.W, c.C});
+      ASSERT_EQ(RunSame({0, 2, 3, 1}, in, out).error, "");
+      if (HasFailure()) return;
+    }
+  }
+}
+
+TEST(PermuteKernel, PackingEqualsItsFormulaAndKeepsUnusedSlots) {
+  for (const int bits : {8, 16, 32}) {
+    for (const LayoutCase& c : LayoutCases()) {
+      Buf out = Buf::Packed({c.N, c.C, c.H, c.W}, Buf::Planar(bits, false, c.pack));
+      out.Pad(c.row_pad * out.ElementBytes(), c.plane_pad * out.ElementBytes());
+      ASSERT_EQ(RunSame({0, 3, 1, 2}, Buf::Int(bits, {c.N, c.H, c.W, c.C}), out).error, "");
+      if (HasFailure()) return;
+    }
+  }
+}
+
+TEST(PermuteKernel, PackingStepsOverTheInputsPaddingThatItsDescriptionDenies) {
+  Buf in = Buf::Int(8, {2, 3, 4, 5}).Pad(0, 6);
+  in.strided = false;
+  for (const int pack : {1, 2, 5, 8}) {
+    Buf out = Buf::Packed({2, 5, 3, 4}, Buf::Planar(8, false, pack)).Pad(3, 2);
+    EXPECT_EQ(RunSame({0, 3, 1, 2}, in, out).error, "");
+  }
+}
+
+TEST(PermuteKernel, MalformedStridesFollowTheFormulas) {
+  const auto with_strides = [](Buf buf, unsigned line, unsigned plane) {
+    buf.line_stride = line;
+    buf.plane_stride = plane;
+    buf.strided = false;
+    return buf;
+  };
+  const Buf nhwc = Buf::Int(8, {2, 3, 4, 5});
+  for (const int pack : {1, 2, 5, 8}) {
+    const Buf nchw = Buf::Packed({2, 5, 3, 4}, Buf::Planar(8, false, pack));
+    for (const auto& [line, plane] :
+         {std::pair(0U, 0U), {0U, 12U}, {3U, 9U}, {3U, 40U}, {7U, 7U}, {33U, 100U}}) {
+      SCOPED_TRACE(testing::Message() << "pack " << pack << ", line " << line << ", plane " << plane);
+      EXPECT_EQ(RunSame({0, 2, 3, 1}, with_strides(nchw, line, plane), nhwc).error, "");
+      EXPECT_EQ(RunSame({0, 3, 1, 2}, nhwc, with_strides(nchw, line, plane)).error, "");
+    }
+  }
+}
+
+TEST(PermuteKernel, UnpackingRoundsThePositionUpToAMultipleOfTheLine) {
+  // Planes of two 4-byte lines and 3 bytes of padding: the second plane begins at 11, its second row at 16.
+  const Buf in = Buf::Int(8, {1, 2, 2, 3}).Pad(1, 3);
+  const Buf out = Buf::Int(8, {1, 2, 3, 2});
+  std::vector<std::uint8_t> data(in.size);
+  std::iota(data.begin(), data.end(), std::uint8_t{0});
+  const GuardedBuffer source = Guarded(data);
+  const GuardedBuffer target(out.size);
+  Layer layer("PERMUTE");
+  ASSERT_TRUE(layer.Configure({{"axes", "[0,2,3,1]"}}, {in}, {out}));
+  EXPECT_TRUE(layer.Execute({source.data()}, {target.data()}));
+  EXPECT_EQ(target.Get(), (std::vector<std::uint8_t>{0, 11, 1, 12, 2, 13, 4, 16, 5, 17, 6, 18}));
+}
+
+// --- Round trips and random cases.
+
+TEST(Permute, APermutationAndItsInverseRestoreTheBytes) {
+  for (const int bits : {8, 16, 32}) {
+    for (const int pack : {1, 4, 16}) {
+      std::vector<unsigned> order = {0, 1, 2, 3};
+      do {
+        std::vector<unsigned> inverse(4);
+        for (unsigned i = 0; i < 4; ++i) inverse[order[i]] = i;
+        const Format format = Buf::Planar(bits, bits == 32, pack);
+        const Buf first = Buf::Packed({2, 21, 5, 7}, Buf::Planar(bits, bits == 32));
+        const Buf second = Buf::Packed(Permuted(first.dims, order), format).Pad(8, 0);
+        GuardedBuffer data(first.size);
+        Random random(static_cast<std::uint64_t>(bits * 100 + pack));
+        data.FillRandom(random);
+        const GuardedBuffer permuted(second.size);
+        const GuardedBuffer restored(first.size);
+        Layer there("PERMUTE");
+        Layer back("PERMUTE");
+        ASSERT_TRUE(there.Configure({{"axes", ListText(order)}}, {first}, {second}));
+        ASSERT_TRUE(there.Execute({data.data()}, {permuted.data()}));
+        ASSERT_TRUE(back.Configure({{"axes", ListText(inverse)}}, {second}, {first}));
+        ASSERT_TRUE(back.Execute({permuted.data()}, {restored.data()}));
+        ASSERT_EQ(restored.Get(), data.Get()) << bits << " bits, pack " << pack << ", " << ListText(order);
+      } while (std::next_permutation(order.begin(), order.end()));
+    }
+  }
+}
+
+// Axes as attributes have them: permutations mostly, also the layout changes, parts, repeats and strangers.
+std::vector<unsigned> RandomAxes(Random& random, std::size_t rank) {
+  if (random.OneIn(4)) return {0, 2, 3, 1};
+  if (random.OneIn(4)) return {0, 3, 1, 2};
+  std::vector<unsigned> axes(rank);
+  std::iota(axes.begin(), axes.end(), 0U);
+  std::shuffle(axes.begin(), axes.end(), std::mt19937_64(random()));
+  if (random.OneIn(4)) axes.resize(random.Between(0, static_cast<unsigned>(rank)));
+  if (random.OneIn(10)) axes.push_back(random.Between(0, 7));
+  if (random.OneIn(10) && !axes.empty())
+    axes[random.Between(0, static_cast<unsigned>(axes.size()) - 1)] = random.Between(0, 7);
+  if (axes.empty()) axes.push_back(0);
+  return axes;
+}
+
+TEST(Permute, RandomPermutationsEqualTheFormulas) {
+  const ScopedThreshold threshold(kInfo);
+  const ExpectNoLeakedClones no_leaks;
+  ForRandomCases(2000, [](Random& random) {
+    Layer layer("PERMUTE");
+    bool configured = false;
+    std::vector<unsigned> axes;  // of all calls of Configure
+    std::optional<Buf> in;
+    std::optional<Buf> out;
+    // One shape mostly, sometimes another after it: scratch, axes and descriptions stay.
+    for (unsigned round = random.OneIn(4) ? 3 : 1; round > 0; --round) {
+      const std::size_t rank = random.OneIn(3) ? random.Between(0, 6) : 4;
+      const std::vector<unsigned> dims = RandomDims(random, rank, 600);
+      const std::vector<unsigned> new_axes = RandomAxes(random, rank);
+      Format in_format = RandomFormat(random);
+      Format out_format = in_format;
+      if (!random.OneIn(3)) in_format.plane_pack = RandomPlanePack(random);
+      if (!random.OneIn(3)) out_format.plane_pack = RandomPlanePack(random);
+      if (random.OneIn(50)) out_format.bitdepth = random.OneOf({8, 16, 32});
+      if (random.OneIn(50)) out_format.float_ = !out_format.float_;
+      const std::vector<unsigned> order = reference::CompletedOrder(new_axes, rank);
+      const bool fits = std::all_of(order.begin(), order.begin() + static_cast<std::ptrdiff_t>(rank),
+                                    [&](unsigned axis) { return axis < rank; });
+      std::vector<unsigned> out_dims = fits && !random.OneIn(15) ? Permuted(dims, order) : dims;
+      if (random.OneIn(30)) out_dims = RandomDims(random, random.Between(1, 5), 600);
+      in = RandomLayout(random, dims, in_format);
+      out = RandomLayout(random, out_dims, out_format);
+      if (random.OneIn(2)) in->Pad(0, 0);
+      if (random.OneIn(2)) out->Pad(0, 0);
+
+      std::string refusal;
+      AttrMap attrs = {{"axes", ListText(new_axes)}};
+      if (random.OneIn(60)) {
+        attrs["axes"] = random.OneOf({"1,2", "[1,", "[[1,2", "abc"});
+        refusal = "ERROR: Wrongly formated parameter string for software operation";
+      } else {
+        axes.insert(axes.end(), new_axes.begin(), new_axes.end());
+        refusal = reference::ConfigurePermute(*in, *out);
+      }
+      ASSERT_EQ(layer.Configure(attrs, {*in}, {*out}), refusal.empty());
+      ASSERT_EQ(layer.log, refusal.empty() ? Log{} : OneError(refusal));
+      configured = configured || refusal.empty();
+      if (!configured) continue;
+
+      const std::uint64_t seed = random();
+      Bytes src(seed);
+      Bytes dst(~seed);
+      const reference::PermuteOutcome expected = reference::ExecutePermute(axes, *in, src, *out, dst);
+      if (!src.InTest() || !dst.InTest()) continue;
+      ExpectSame(layer, expected, src, dst, seed, random.OneIn(2) ? Guard::kBefore : Guard::kAfter);
+      if (testing::Test::HasFailure()) return;
+    }
+  });
+}
+
+}  // namespace
+}  // namespace vek_test
