@@ -122,6 +122,7 @@ inline Words LowWords(Halves<LongWords> v) {
 }
 
 inline Doubles Fma(Doubles a, Doubles b, Doubles c) { return vfmaq_f64(c, a, b); }
+inline Floats Fma(Floats a, Floats b, Floats c) { return vfmaq_f32(c, a, b); }
 
 // table[index modulo 256], lane by lane.
 inline LongWords LookUp(const std::uint64_t* table, LongWords index) {
@@ -152,6 +153,7 @@ inline Words LowWords(Halves<LongWords> v) {
 }
 
 inline Doubles Fma(Doubles a, Doubles b, Doubles c) { return _mm256_fmadd_pd(a, b, c); }
+inline Floats Fma(Floats a, Floats b, Floats c) { return _mm256_fmadd_ps(a, b, c); }
 
 // table[index modulo 256], lane by lane.
 inline LongWords LookUp(const std::uint64_t* table, LongWords index) {
