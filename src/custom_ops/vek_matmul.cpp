@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstring>
-#include <type_traits>
 
 #include "detail/attr_text.h"
 #include "detail/checks.h"
@@ -106,6 +105,8 @@ struct Matrix {
   const float* At(std::size_t row, std::size_t column) const {
     return data + row * row_step + column * column_step;
   }
+  // The part from an element on.
+  Matrix From(std::size_t row, std::size_t column) const { return {At(row, column), row_step, column_step}; }
   Matrix Transposed() const { return {data, column_step, row_step}; }
 };
 
@@ -119,27 +120,7 @@ void AddProducts(const Matrix& a, const float* b, std::size_t b_step, std::size_
   for (std::size_t i = 0; i < rows; ++i) {
     for (std::size_t v = 0; v < vectors; ++v) s[i][v].Load(sums + i * sums_step + v * detail::kFloatLanes);
   }
-  std::size_t k = 0;
-#if defined(__aarch64__)
-  // Four steps of a row of A from one load: the products take a lane of it as it is.
-  if (a.column_step == 1) {
-    for (; k + 4 <= depth; k += 4) {
-      detail::Floats a_values[rows];
-      for (std::size_t i = 0; i < rows; ++i) a_values[i] = detail::Load(a.At(i, k));
-      const auto step = [&](auto lane) {
-        for (std::size_t v = 0; v < vectors; ++v) {
-          const detail::Floats b_values = detail::Load(b + (k + lane) * b_step + v * detail::kFloatLanes);
-          for (std::size_t i = 0; i < rows; ++i) s[i][v].Add(vmulq_laneq_f32(b_values, a_values[i], lane));
-        }
-      };
-      step(std::integral_constant<int, 0>());
-      step(std::integral_constant<int, 1>());
-      step(std::integral_constant<int, 2>());
-      step(std::integral_constant<int, 3>());
-    }
-  }
-#endif
-  for (; k < depth; ++k) {
+  for (std::size_t k = 0; k < depth; ++k) {
     detail::Floats b_values[vectors];
     for (std::size_t v = 0; v < vectors; ++v)
       b_values[v] = detail::Load(b + k * b_step + v * detail::kFloatLanes);
@@ -183,9 +164,9 @@ void SumBlock(const Matrix& a, std::size_t rows, const Matrix& b, std::size_t co
   std::fill_n(sums, rows * kPanel, 0.0);
   for (std::size_t k = 0; k < K; k += kBlockDepth) {
     const std::size_t depth = std::min(kBlockDepth, K - k);
-    PackPanel({b.At(k, 0), b.row_step, b.column_step}, depth, columns, panel);
+    PackPanel(b.From(k, 0), depth, columns, panel);
     for (std::size_t i = 0; i < rows; i += kTileRows) {
-      const Matrix tile = {a.At(i, k), a.row_step, a.column_step};
+      const Matrix tile = a.From(i, k);
       double* const tile_sums = sums + i * kPanel;
       switch (rows - i) {
         case 1:
@@ -204,21 +185,76 @@ void SumBlock(const Matrix& a, std::size_t rows, const Matrix& b, std::size_t co
   }
 }
 
-// out (M x P, dense) = a (M x K) times b (K x P).
-void Multiply(float* out, const Matrix& a, const Matrix& b, std::size_t M, std::size_t K, std::size_t P) {
+// Rounds a row of sums to its outputs, `out_step` elements apart.
+void RoundRow(const double* sums, std::size_t columns, float* out, std::size_t out_step) {
+  std::size_t j = 0;
+  if (out_step == 1) {
+    for (; j + detail::kFloatLanes <= columns; j += detail::kFloatLanes) {
+      detail::WideSums s;
+      s.Load(sums + j);
+      detail::Store(out + j, s.Rounded());
+    }
+  }
+  for (; j < columns; ++j) out[j * out_step] = static_cast<float>(sums[j]);
+}
+
+// out = a (M x K) times b (K x P); the output (i, j) goes to out[i * row_step + j * column_step].
+void MultiplyBlocks(float* out, std::size_t row_step, std::size_t column_step, const Matrix& a,
+                    const Matrix& b, std::size_t M, std::size_t K, std::size_t P) {
   double sums[kBlockRows * kPanel];
   for (std::size_t i = 0; i < M; i += kBlockRows) {
     const std::size_t rows = std::min(kBlockRows, M - i);
     for (std::size_t j = 0; j < P; j += kPanel) {
       const std::size_t columns = std::min(kPanel, P - j);
-      SumBlock({a.At(i, 0), a.row_step, a.column_step}, rows, {b.At(0, j), b.row_step, b.column_step},
-               columns, K, sums);
+      SumBlock(a.From(i, 0), rows, b.From(0, j), columns, K, sums);
       for (std::size_t row = 0; row < rows; ++row) {
-        for (std::size_t column = 0; column < columns; ++column) {
-          out[(i + row) * P + j + column] = static_cast<float>(sums[row * kPanel + column]);
-        }
+        RoundRow(sums + row * kPanel, columns, out + (i + row) * row_step + j * column_step, column_step);
       }
     }
+  }
+}
+
+// The same into a dense output, for so few rows that packing B, which is dense, would not pay. A wide block of
+// sums is kept instead, and B is read in long stretches of a few rows, as prefetchers like it.
+template <std::size_t rows>
+void MultiplyFewRows(float* out, const Matrix& a, const Matrix& b, std::size_t K, std::size_t P) {
+  constexpr std::size_t kColumns = 512;
+  constexpr std::size_t kDepth = 16;
+  constexpr std::size_t kVectors = kTileRows * kPanelVectors / rows;
+  constexpr std::size_t kStep = kVectors * detail::kFloatLanes;
+  const std::size_t whole_vectors = P - P % detail::kFloatLanes;
+  double sums[rows * kColumns];
+  for (std::size_t first = 0; first < whole_vectors; first += kColumns) {
+    const std::size_t columns = std::min(kColumns, whole_vectors - first);
+    std::fill_n(sums, rows * kColumns, 0.0);
+    for (std::size_t k = 0; k < K; k += kDepth) {
+      const std::size_t depth = std::min(kDepth, K - k);
+      const Matrix a_part = a.From(0, k);
+      std::size_t j = 0;
+      for (; j + kStep <= columns; j += kStep) {
+        AddProducts<rows, kVectors>(a_part, b.At(k, first + j), P, depth, sums + j, kColumns);
+      }
+      for (; j < columns; j += detail::kFloatLanes) {
+        AddProducts<rows, 1>(a_part, b.At(k, first + j), P, depth, sums + j, kColumns);
+      }
+    }
+    for (std::size_t i = 0; i < rows; ++i) RoundRow(sums + i * kColumns, columns, out + i * P + first, 1);
+  }
+  MultiplyBlocks(out + whole_vectors, P, 1, a, b.From(0, whole_vectors), rows, K, P - whole_vectors);
+}
+
+// out (M x P, dense) = a (M x K) times b (K x P), both dense.
+void Multiply(float* out, const Matrix& a, const Matrix& b, std::size_t M, std::size_t K, std::size_t P) {
+  if (P < kTileRows && P < M) {  // the other way round: few rows, many columns
+    MultiplyBlocks(out, 1, P, b.Transposed(), a.Transposed(), P, K, M);
+  } else if (M == 1) {
+    MultiplyFewRows<1>(out, a, b, K, P);
+  } else if (M == 2) {
+    MultiplyFewRows<2>(out, a, b, K, P);
+  } else if (M == 3) {
+    MultiplyFewRows<3>(out, a, b, K, P);
+  } else {
+    MultiplyBlocks(out, P, 1, a, b, M, K, P);
   }
 }
 
@@ -231,8 +267,7 @@ void MultiplyByTransposed(float* out, const Matrix& a, std::size_t M, std::size_
     const std::size_t last_row = j + columns;
     for (std::size_t i = 0; i < last_row; i += kBlockRows) {
       const std::size_t rows = std::min(kBlockRows, last_row - i);
-      SumBlock({a.At(i, 0), a.row_step, a.column_step}, rows, {b.At(0, j), b.row_step, b.column_step},
-               columns, K, sums);
+      SumBlock(a.From(i, 0), rows, b.From(0, j), columns, K, sums);
       for (std::size_t column = 0; column < columns; ++column) {
         for (std::size_t row = 0; row < rows && i + row <= j + column; ++row) {
           const float rounded = static_cast<float>(sums[row * kPanel + column]);

@@ -177,6 +177,7 @@ struct WideSums {
   void Load(const double* src) { sums = _mm512_loadu_pd(src); }
   void Store(double* dst) const { _mm512_storeu_pd(dst, sums); }
   void Add(Floats v) { sums += _mm512_maskz_cvtps_pd(0xFF, v); }
+  Floats Rounded() const { return _mm512_maskz_cvtpd_ps(0xFF, sums); }
 #else
   Doubles low;
   Doubles high;
@@ -203,6 +204,20 @@ struct WideSums {
       low[i] += static_cast<double>(v[i]);
       high[i] += static_cast<double>(v[i + kDoubleLanes]);
     }
+#endif
+  }
+  Floats Rounded() const {
+#if VEK_HAS_VECTOR_FMA
+    return Narrow({low, high});
+#elif defined(__SSE2__)
+    return _mm_movelh_ps(_mm_cvtpd_ps(low), _mm_cvtpd_ps(high));
+#else
+    Floats v;
+    for (int i = 0; i < kDoubleLanes; ++i) {
+      v[i] = static_cast<float>(low[i]);
+      v[i + kDoubleLanes] = static_cast<float>(high[i]);
+    }
+    return v;
 #endif
   }
 #endif
