@@ -5,11 +5,49 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <cstdint>
 #include <span>
 
 #include "detail/lanes.h"
 
 namespace zeb_custom_ops::detail {
+
+namespace internal {
+
+// Stores the vectors at(i) to out[i] ...; `count` is at least a vector's. Where it is no multiple of that, or
+// the target not aligned, a vector overlaps the next one; it is computed before anything is written, since
+// later the operands may be results.
+template <typename At>
+inline void StoreRun(float* out, std::size_t count, At at) {
+  std::size_t i = 0;
+  Floats first = {};
+  if constexpr (kVectorBytes > 16) {  // wide stores across cache lines are slow
+    i = -(reinterpret_cast<std::uintptr_t>(out) / sizeof(float)) % kFloatLanes;
+    if (i != 0) first = at(0);
+  }
+  const std::size_t begin = i;
+  Floats last = {};
+  const bool overlaps = (count - begin) % kFloatLanes != 0;
+  if (overlaps) last = at(count - kFloatLanes);
+#if defined(__aarch64__)
+  // Loads and stores of pairs, and four results under way at a time.
+  for (; i + 4 * kFloatLanes <= count; i += 4 * kFloatLanes) {
+    const Floats r0 = at(i);
+    const Floats r1 = at(i + kFloatLanes);
+    const Floats r2 = at(i + 2 * kFloatLanes);
+    const Floats r3 = at(i + 3 * kFloatLanes);
+    Store(out + i, r0);
+    Store(out + i + kFloatLanes, r1);
+    Store(out + i + 2 * kFloatLanes, r2);
+    Store(out + i + 3 * kFloatLanes, r3);
+  }
+#endif
+  for (; i + kFloatLanes <= count; i += kFloatLanes) Store(out + i, at(i));
+  if (overlaps) Store(out + count - kFloatLanes, last);
+  if (begin != 0) Store(out, first);
+}
+
+}  // namespace internal
 
 // out[i] = op(in[i])
 template <typename Op>
@@ -18,22 +56,7 @@ inline void MapRun(const float* in, float* out, std::size_t count, Op op) {
     if (count != 0) StoreSome(out, op(LoadSome(in, count)), count);
     return;
   }
-  // The last vector overlaps the one before it. It is read first: later, the values may be results.
-  const std::size_t last = count - kFloatLanes;
-  const Floats last_result = op(Load(in + last));
-  std::size_t i = 0;
-  for (; i + 4 * kFloatLanes <= count; i += 4 * kFloatLanes) {
-    const Floats r0 = op(Load(in + i));
-    const Floats r1 = op(Load(in + i + kFloatLanes));
-    const Floats r2 = op(Load(in + i + 2 * kFloatLanes));
-    const Floats r3 = op(Load(in + i + 3 * kFloatLanes));
-    Store(out + i, r0);
-    Store(out + i + kFloatLanes, r1);
-    Store(out + i + 2 * kFloatLanes, r2);
-    Store(out + i + 3 * kFloatLanes, r3);
-  }
-  for (; i < last; i += kFloatLanes) Store(out + i, op(Load(in + i)));
-  Store(out + last, last_result);
+  internal::StoreRun(out, count, [in, op](std::size_t i) { return op(Load(in + i)); });
 }
 
 // out[i] = op(a[i], b[i])
@@ -43,21 +66,7 @@ inline void ZipRun(const float* a, const float* b, float* out, std::size_t count
     if (count != 0) StoreSome(out, op(LoadSome(a, count), LoadSome(b, count)), count);
     return;
   }
-  const std::size_t last = count - kFloatLanes;
-  const Floats last_result = op(Load(a + last), Load(b + last));
-  std::size_t i = 0;
-  for (; i + 4 * kFloatLanes <= count; i += 4 * kFloatLanes) {
-    const Floats r0 = op(Load(a + i), Load(b + i));
-    const Floats r1 = op(Load(a + i + kFloatLanes), Load(b + i + kFloatLanes));
-    const Floats r2 = op(Load(a + i + 2 * kFloatLanes), Load(b + i + 2 * kFloatLanes));
-    const Floats r3 = op(Load(a + i + 3 * kFloatLanes), Load(b + i + 3 * kFloatLanes));
-    Store(out + i, r0);
-    Store(out + i + kFloatLanes, r1);
-    Store(out + i + 2 * kFloatLanes, r2);
-    Store(out + i + 3 * kFloatLanes, r3);
-  }
-  for (; i < last; i += kFloatLanes) Store(out + i, op(Load(a + i), Load(b + i)));
-  Store(out + last, last_result);
+  internal::StoreRun(out, count, [a, b, op](std::size_t i) { return op(Load(a + i), Load(b + i)); });
 }
 
 // One loop over two operands and a dense output: `extent` steps, each moving so many elements on in a and in
