@@ -3,8 +3,8 @@
 
 #include "custom_ops/vek_gather.h"
 #include "detail/checks.h"
+#include "detail/runs.h"
 #include "detail/sizes.h"
-#include "detail/walk.h"
 
 namespace zeb_custom_ops {
 
@@ -40,26 +40,67 @@ unsigned getSizeOfDimension(const std::vector<unsigned>& dims, unsigned index) {
 
 namespace {
 
-// The slices of one kernel call. Positions are 64-bit: none within the capacity wraps.
+// Slices of `inner` elements, `count` of them for each outer position, gathered along an axis of `extent` slices.
+// Positions are 64-bit: none within the capacity wraps.
 template <typename T>
 struct Slices {
   const T* params;
   const std::uint32_t* indices;
   T* out;
-  std::uint64_t extent;  // of the axis
-  std::uint64_t inner;   // elements of one slice
-  std::uint64_t count;   // indices
+  std::uint64_t extent;
+  std::uint64_t inner;
+  std::uint64_t count;
 
-  // Copies the slices of the indices `first` to `last` of one outer position.
-  void Copy(std::uint64_t o, std::uint64_t first, std::uint64_t last) const {
-    const T* src = params + o * extent * inner;
-    T* dst = out + o * count * inner;
-    if (inner == 1) {
-      for (std::uint64_t j = first; j < last; ++j) dst[j] = src[indices[j]];
-      return;
+  // Copies the first `slices` slices in the order of the output.
+  void Copy(std::uint64_t slices) const {
+    const std::uint64_t whole = slices / count;
+    switch (inner * sizeof(T)) {
+      case 1:
+        return CopyWords<std::uint8_t>(whole, slices % count);
+      case 2:
+        return CopyWords<std::uint16_t>(whole, slices % count);
+      case 4:
+        return CopyWords<std::uint32_t>(whole, slices % count);
+      case 8:
+        return CopyWords<std::uint64_t>(whole, slices % count);
+      default:
+        for (std::uint64_t o = 0; o < whole; ++o) CopyOne(o, count);
+        return CopyOne(whole, slices % count);
     }
-    for (std::uint64_t j = first; j < last; ++j)
-      detail::CopyRun(dst + j * inner, src + indices[j] * inner, inner);
+  }
+
+ private:
+  const std::byte* Source(std::uint64_t o) const {
+    return reinterpret_cast<const std::byte*>(params + o * extent * inner);
+  }
+  std::byte* Target(std::uint64_t o) const { return reinterpret_cast<std::byte*>(out + o * count * inner); }
+
+  void CopyOne(std::uint64_t o, std::uint64_t slices) const {
+    detail::GatherRows(Target(o), Source(o), indices, slices, inner * sizeof(T));
+  }
+
+  // Slices that fit a register: each index is read once for several outer positions.
+  template <typename W>
+  void CopyWords(std::uint64_t whole, std::uint64_t rest) const {
+    std::uint64_t o = 0;
+    for (; o + 8 <= whole; o += 8) CopyColumns<W, 8>(o, count);
+    for (; o < whole; ++o) CopyColumns<W, 1>(o, count);
+    CopyColumns<W, 1>(o, rest);
+  }
+  template <typename W, std::size_t rows>
+  void CopyColumns(std::uint64_t o, std::uint64_t slices) const {
+    const std::byte* from[rows];
+    std::byte* to[rows];
+    for (std::size_t i = 0; i < rows; ++i) {
+      from[i] = Source(o + i);
+      to[i] = Target(o + i);
+    }
+    for (std::size_t j = 0; j < slices; ++j) {
+      const std::size_t index = indices[j];
+      W word[rows];
+      for (std::size_t i = 0; i < rows; ++i) word[i] = detail::Load<W>(from[i] + index * sizeof(W));
+      for (std::size_t i = 0; i < rows; ++i) detail::Store(to[i] + j * sizeof(W), word[i]);
+    }
   }
 };
 
@@ -91,12 +132,7 @@ bool Gather_v1(const T* params, const std::vector<unsigned>& params_dims, const 
   const std::uint64_t slices_asked = all_indices_good ? slices : static_cast<std::uint64_t>(bad - indices);
   const std::uint64_t slices_written = std::min(slices_asked, slices_fitting);
 
-  if (inner != 0) {
-    const Slices<T> walk{params, indices, out, extent, inner, count};
-    const std::uint64_t whole = slices_written / count;
-    for (std::uint64_t o = 0; o < whole; ++o) walk.Copy(o, 0, count);
-    walk.Copy(whole, 0, slices_written % count);
-  }
+  if (inner != 0) Slices<T>{params, indices, out, extent, inner, count}.Copy(slices_written);
 
   VEK_REQUIRE(slices_fitting >= slices_asked, "Operation broken (avoiding memory corruption)");
   VEK_REQUIRE(all_indices_good, "Operation broken (in_idx >= axis Size, %d, %d)", AsInt(*bad), AsInt(extent));

@@ -8,6 +8,7 @@
 #include "detail/attr_text.h"
 #include "detail/checks.h"
 #include "detail/element.h"
+#include "detail/positions.h"
 #include "detail/sizes.h"
 #include "detail/walk.h"
 
@@ -122,15 +123,28 @@ bool VekBroadcast::Execute(void** in_buffers, void** out_buffers) {
 
 namespace {
 
+using detail::Axis;
+
 // dst[x] = src[x mod period]; a period of 0 repeats nothing.
 template <typename T>
 void RepeatRow(T* dst, const T* src, unsigned period, unsigned count) {
-  if (count == 0) return;
-  if (period == 1) return detail::FillRun(dst, *src, count);
   if (period == 0) period = count;
   for (unsigned x = 0; x < count; x += std::min(period, count - x)) {
     detail::CopyRun(dst + x, src, std::min(period, count - x));
   }
+}
+
+// The same for every row of planes of rows, which must not overlap.
+template <typename T>
+void RepeatRows(T* dst, const T* src, const Axis& planes, const Axis& rows, unsigned period, unsigned count) {
+  if (period == 0 || period >= count) return detail::CopyWalk(dst, src, {planes, rows, {count, 1, 1}});
+  detail::CopyWalk(dst, src, {planes, rows, {count / period, 0, period}, {period, 1, 1}});
+  const unsigned whole = count / period * period;
+  detail::CopyWalk(dst + whole, src, {planes, rows, {count - whole, 1, 1}});
+}
+
+Axis Along(std::size_t extent, std::uint64_t src_step, std::uint64_t dst_step) {
+  return {extent, static_cast<std::ptrdiff_t>(src_step), static_cast<std::ptrdiff_t>(dst_step)};
 }
 
 }  // namespace
@@ -147,50 +161,60 @@ bool Broadcast_v1(const zeb::PuxDnnBufAttrs& in, const zeb::PuxDnnBufAttrs& out,
   const unsigned W_in = in.GetWidth();
   const unsigned in_line = in.GetLineStride() / static_cast<unsigned>(sizeof(T));
   const unsigned out_line = out.GetLineStride() / static_cast<unsigned>(sizeof(T));
-  const unsigned plane = H * W;
+  if (bcast_c == 0 && bcast_h == 0 && bcast_w == 0) return true;
 
-  // Positions wrap in 32 bits.
-  if (bcast_c != 0) {
-    unsigned first_copy = 1;
-    if (bcast_h != 0) {
-      if (bcast_w != 0) {
-        // Deliberate: the second row follows the first one's elements, not its line stride.
-        RepeatRow(out_data, in_data, W_in, W);
-        T* row = out_data + W;
-        for (unsigned h = 1; h < H; ++h, row += out_line) detail::CopyRun(row, out_data, W);
-      } else {
-        T* row = out_data;
-        for (unsigned h = 0; h < H; ++h, row += out_line) detail::CopyRun(row, in_data, W);
-      }
-    } else if (bcast_w != 0) {
-      for (unsigned h = 0; h < H; ++h) RepeatRow(out_data + h * out_line, in_data + h * in_line, W_in, W);
-    } else {
-      // Deliberate: a dense block, also where the input's rows are padded.
-      first_copy = 0;
-    }
-    // Deliberate: planes are repeated as dense blocks, also where the output's rows are padded.
-    const T* first_plane = first_copy == 0 ? in_data : out_data;
-    for (unsigned c = first_copy; c < C; ++c) detail::CopyRun(out_data + c * plane, first_plane, plane);
-    return true;
-  }
-
-  if (bcast_h == 0 && bcast_w == 0) return true;
-  const unsigned in_plane = bcast_h != 0 ? in_line : H_in * in_line;
-  const unsigned in_row = bcast_h != 0 ? 0 : in_line;
+  // From row to row and from channel to channel of the input; with the channel flag there is one channel. Positions
+  // wrap in 32 bits.
   const unsigned period = bcast_w != 0 ? W_in : W;
-  // Rows that lie apart, and no position wraps: one walk.
-  if ((period == 1 || period >= W) && out_line >= W && detail::ProductFits32({C, H, out_line}) &&
-      detail::ProductFits32({C, in_plane}) && detail::ProductFits32({C, H, in_row})) {
-    const std::ptrdiff_t column = period == 1 ? 0 : 1;
-    detail::CopyWalk<T>(out_data, in_data,
-                        {{C, in_plane, std::ptrdiff_t{H} * out_line}, {H, in_row, out_line}, {W, column, 1}});
+  const unsigned in_row = bcast_h != 0 ? 0 : in_line;
+  const std::uint64_t in_plane = bcast_h != 0 ? in_line : std::uint64_t{H_in} * in_line;
+  const std::uint64_t out_plane = std::uint64_t{H} * out_line;
+  const std::uint64_t dense_plane = std::uint64_t{H} * W;
+  const unsigned planes = bcast_c != 0 ? 1 : C;
+  const bool rows_apart = H <= 1 || out_line >= W;
+  const bool walks = rows_apart && detail::FitsIn32({{planes, in_plane}, {H, in_row}, {W, 1}}) &&
+                     detail::FitsIn32({{planes, out_plane}, {H + 1ULL, out_line}, {W, 1}}) &&
+                     detail::FitsIn32({{C, dense_plane}, {dense_plane, 1}});
+
+  if (bcast_c != 0 && bcast_h != 0 && walks && out_line == W && C != 0 && H != 0) {
+    // All rows of all planes are the same, and they touch.
+    RepeatRows(out_data, in_data, {1, 0, 0}, Along(std::uint64_t{C} * H, 0, W), period, W);
     return true;
   }
-  for (unsigned c = 0; c < C; ++c) {
-    for (unsigned h = 0; h < H; ++h) {
-      RepeatRow(out_data + (c * H * out_line + h * out_line), in_data + (c * in_plane + h * in_row), period,
-                W);
+  const T* first_plane = out_data;
+  unsigned first_copy = 1;
+  if (bcast_c != 0 && bcast_h == 0 && bcast_w == 0) {
+    // Deliberate: a dense block of the input, also where its rows are padded.
+    first_plane = in_data;
+    first_copy = 0;
+  } else if (bcast_c != 0 && bcast_h != 0 && bcast_w != 0) {
+    // Deliberate: the second row follows the first one's elements, not its line stride.
+    RepeatRows(out_data, in_data, {1, 0, 0}, {1, 0, 0}, period, W);
+    if (walks && H > 1) {
+      detail::CopyWalk(out_data + W, out_data, {Along(H - 1, 0, out_line), {W, 1, 1}});
+    } else {
+      T* row = out_data + W;
+      for (unsigned h = 1; h < H; ++h, row += out_line) detail::CopyRun(row, out_data, W);
     }
+  } else if (walks) {
+    RepeatRows(out_data, in_data, Along(planes, in_plane, out_plane), Along(H, in_row, out_line), period, W);
+  } else {
+    for (unsigned c = 0; c < planes; ++c) {
+      for (unsigned h = 0; h < H; ++h) {
+        RepeatRow(out_data + static_cast<unsigned>(c * out_plane + std::uint64_t{h} * out_line),
+                  in_data + static_cast<unsigned>(c * in_plane + std::uint64_t{h} * in_row), period, W);
+      }
+    }
+  }
+  if (bcast_c == 0) return true;
+
+  // Deliberate: planes are repeated as dense blocks, also where the output's rows are padded.
+  if (walks && first_copy < C) {
+    detail::CopyWalk(out_data + first_copy * dense_plane, first_plane,
+                     {Along(C - first_copy, 0, dense_plane), Along(dense_plane, 1, 1)});
+  } else {
+    const auto plane = static_cast<unsigned>(dense_plane);
+    for (unsigned c = first_copy; c < C; ++c) detail::CopyRun(out_data + c * plane, first_plane, plane);
   }
   return true;
 }

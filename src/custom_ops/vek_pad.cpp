@@ -119,7 +119,50 @@ bool AreApart(const Shape& shape, const Steps& steps) {
 
 using Pads = std::array<unsigned, 8>;  // p0 to p7
 
-// A tensor whose interior has been written, or will be, and whose border is to be filled.
+// One loop of a walk inside a tensor: `extent` steps of `step` elements.
+struct Loop {
+  std::uint64_t extent = 1;
+  std::uint64_t step = 0;
+};
+
+detail::Axis Along(std::uint64_t extent, std::uint64_t src_step, std::uint64_t dst_step) {
+  return {extent, static_cast<std::ptrdiff_t>(src_step), static_cast<std::ptrdiff_t>(dst_step)};
+}
+
+// --- The border of one axis, in units: elements of a row, rows of a plane, planes of an item, or items.
+
+enum PadMode { kReflect = 1, kEdge = 2, kSymmetric = 3, kConstant = 4 };
+
+// `copied` units, the first from `src` to `dst` and the others that many steps on, then `filled` units from
+// `fill_dst` on.
+struct Side {
+  unsigned copied = 0;
+  unsigned dst = 0;
+  unsigned src = 0;
+  int dst_step = 0;
+  int src_step = 0;
+  unsigned filled = 0;
+  unsigned fill_dst = 0;
+};
+using Border = std::array<Side, 2>;  // before and after the interior
+
+Border BorderOf(int mode, unsigned before, unsigned extent, unsigned after) {
+  const unsigned behind = before + extent;
+  if (mode == kConstant) return {Side{0, 0, 0, 0, 0, before, 0}, Side{0, 0, 0, 0, 0, after, behind}};
+  if (mode == kEdge)
+    return {Side{before, 0, before, 1, 0, 0, 0}, Side{after, behind, behind - 1, 1, 0, 0, 0}};
+  // Mirrored as far as the interior reaches; what lies farther out becomes 0.
+  const unsigned skipped = mode == kReflect ? 1 : 0;
+  const unsigned supply = extent > skipped ? extent - skipped : 0;
+  const unsigned left = std::min(supply, before);
+  const unsigned right = std::min(supply, after);
+  return {Side{left, before - 1, before + skipped, -1, 1, before - left, 0},
+          Side{right, behind, behind - 1 - skipped, 1, -1, after - right, behind + right}};
+}
+
+// --- A tensor whose interior is written and whose border is filled from it, in place: the columns beside the
+// interior rows, then whole rows, planes and batch items, so that the corners come out right.
+
 template <typename T>
 struct Bordered {
   T* data;
@@ -127,146 +170,129 @@ struct Bordered {
   Shape whole;
   Steps steps;
   Pads pads;
+  int mode;
+  T constant;
 
-  // The pads and the interior make up the whole tensor, no position wraps and no two elements meet.
+  // The pads and the interior make up the whole tensor, no position wraps, no two elements meet, and an edge that is
+  // repeated exists.
   bool IsWellFormed() const {
     const auto adds_up = [](unsigned before, unsigned extent, unsigned after, unsigned sum) {
       return std::uint64_t{before} + extent + after == sum;
     };
     return adds_up(pads[0], interior.N, pads[1], whole.N) && adds_up(pads[2], interior.C, pads[3], whole.C) &&
            adds_up(pads[4], interior.H, pads[5], whole.H) && adds_up(pads[6], interior.W, pads[7], whole.W) &&
+           (mode != kEdge || (interior.N != 0 && interior.C != 0 && interior.H != 0 && interior.W != 0)) &&
            detail::FitsIn32(
                {{whole.N, steps.batch}, {whole.C, steps.plane}, {whole.H, steps.line}, {whole.W, 1}}) &&
            AreApart(whole, steps);
   }
-};
 
-// --- The rules of the border. A rule fills the border units before and after an interior of `extent` units:
-// elements of a row, rows of a plane, planes of a batch item, or batch items.
-
-template <typename T>
-struct ConstantRule {
-  T fill;
-
-  template <typename Copy, typename Fill>
-  void Apply(unsigned before, unsigned extent, unsigned after, Copy, Fill fill_units) const {
-    fill_units(0U, before);
-    fill_units(before + extent, after);
+  void Pad() const {
+    if (!IsWellFormed()) return PadPlainly();
+    for (unsigned n = 0; n < interior.N; ++n) {
+      PadPlanes(n, 0, interior.C);
+      PadChannels(n);
+    }
+    PadBatches();
   }
-};
 
-template <typename T>
-struct EdgeRule {
-  static constexpr T fill = 0;
-
-  template <typename Copy, typename Fill>
-  void Apply(unsigned before, unsigned extent, unsigned after, Copy copy_unit, Fill) const {
-    for (unsigned k = 0; k < before; ++k) copy_unit(k, before);
-    for (unsigned k = 0; k < after; ++k) copy_unit(before + extent + k, before + extent - 1);
+  // The parts of a well-formed tensor. Planes of several channels are taken together.
+  void PadPlanes(unsigned n, unsigned c, unsigned planes) const {
+    const unsigned plane = steps.Position(std::uint64_t{n} + pads[0], std::uint64_t{c} + pads[2], 0);
+    const unsigned row = plane + steps.Position(0, 0, pads[4]);
+    PadAxis(row, 1, Columns(), {Loop{planes, steps.plane}, Loop{interior.H, steps.line}});
+    PadAxis(plane, steps.line, Rows(), {Loop{planes, steps.plane}, Loop{whole.W, 1}});
   }
-};
-
-template <typename T>
-struct MirrorRule {
-  unsigned skipped;  // 1: the edge unit is not repeated, 0: it is
-  static constexpr T fill = 0;
-
-  template <typename Copy, typename Fill>
-  void Apply(unsigned before, unsigned extent, unsigned after, Copy copy_unit, Fill fill_units) const {
-    const unsigned supply = extent > skipped ? extent - skipped : 0;
-    const unsigned left = std::min(supply, before);
-    const unsigned right = std::min(supply, after);
-    for (unsigned k = 0; k < left; ++k) copy_unit(before - 1 - k, before + skipped + k);
-    fill_units(0U, before - left);
-    for (unsigned k = 0; k < right; ++k) copy_unit(before + extent + k, before + extent - 1 - skipped - k);
-    fill_units(before + extent + right, after - right);
+  void PadChannels(unsigned n) const {
+    PadAxis(steps.Position(std::uint64_t{n} + pads[0], 0, 0), steps.plane, Channels(),
+            {Loop{whole.H, steps.line}, Loop{whole.W, 1}});
   }
-};
+  void PadBatches() const {
+    PadAxis(0, steps.batch, Batches(),
+            {Loop{whole.C, steps.plane}, Loop{whole.H, steps.line}, Loop{whole.W, 1}});
+  }
 
-// --- The border, from the inside out.
+ private:
+  using Loops = std::array<Loop, 3>;  // outermost first; those that are not given take one step
 
-// Element by element upward: a target behind its source in the same row sees what was just written.
-template <typename T>
-void CopyUpward(T* dst, const T* src, std::size_t count) {
-  if (dst >= src + count || src >= dst + count) return detail::CopyRun(dst, src, count);
-  for (std::size_t i = 0; i < count; ++i) dst[i] = src[i];
-}
+  Border Columns() const { return BorderOf(mode, pads[6], interior.W, pads[7]); }
+  Border Rows() const { return BorderOf(mode, pads[4], interior.H, pads[5]); }
+  Border Channels() const { return BorderOf(mode, pads[2], interior.C, pads[3]); }
+  Border Batches() const { return BorderOf(mode, pads[0], interior.N, pads[1]); }
 
-// Copies or fills `planes` planes of the whole tensor; rows that touch are one run.
-template <typename T>
-void CopyPlanes(const Bordered<T>& t, unsigned dst, unsigned src, unsigned planes) {
-  for (unsigned c = 0; c < planes; ++c) {
-    for (unsigned h = 0; h < t.whole.H; ++h) {
-      const unsigned row = t.steps.Position(0, c, h);
-      CopyUpward(t.data + (dst + row), t.data + (src + row), t.whole.W);
+  // Element by element, in the order of the kernels.
+  void PadPlainly() const {
+    for (unsigned n = 0; n < interior.N; ++n) {
+      const unsigned item = steps.Position(std::uint64_t{n} + pads[0], 0, 0);
+      for (unsigned c = 0; c < interior.C; ++c) {
+        const unsigned plane = item + steps.Position(0, std::uint64_t{c} + pads[2], 0);
+        for (unsigned h = 0; h < interior.H; ++h) {
+          PadAxisPlainly(plane + steps.Position(0, 0, std::uint64_t{h} + pads[4]), 1, Columns(), {});
+        }
+        PadAxisPlainly(plane, steps.line, Rows(), {Loop{whole.W, 1}});
+      }
+      PadAxisPlainly(item, steps.plane, Channels(), {Loop{whole.H, steps.line}, Loop{whole.W, 1}});
+    }
+    PadAxisPlainly(0, steps.batch, Batches(),
+                   {Loop{whole.C, steps.plane}, Loop{whole.H, steps.line}, Loop{whole.W, 1}});
+  }
+
+  // `origin` is where unit 0 of the axis starts, `step` leads to the next one; the loops run inside a unit or, where
+  // rows are taken together, around it.
+  void PadAxis(unsigned origin, std::uint64_t step, const Border& border, const Loops& loops) const {
+    const auto along = [&](const Loop& loop, bool copied) {
+      return Along(loop.extent, copied ? loop.step : 0, loop.step);
+    };
+    const auto signed_step = static_cast<std::ptrdiff_t>(step);
+    const T fill = mode == kConstant ? constant : T{0};
+    for (const Side& side : border) {
+      if (side.copied != 0) {
+        detail::CopyWalk(data + (origin + side.dst * step), data + (origin + side.src * step),
+                         {{side.copied, side.src_step * signed_step, side.dst_step * signed_step},
+                          along(loops[0], true),
+                          along(loops[1], true),
+                          along(loops[2], true)});
+      }
+      if (side.filled != 0) {
+        detail::CopyWalk(data + (origin + side.fill_dst * step), &fill,
+                         {{side.filled, 0, signed_step},
+                          along(loops[0], false),
+                          along(loops[1], false),
+                          along(loops[2], false)});
+      }
     }
   }
-}
 
-template <typename T>
-void FillPlanes(const Bordered<T>& t, unsigned dst, unsigned planes, T value) {
-  for (unsigned c = 0; c < planes; ++c) {
-    for (unsigned h = 0; h < t.whole.H; ++h) {
-      detail::FillRun(t.data + (dst + t.steps.Position(0, c, h)), value, t.whole.W);
+  void PadAxisPlainly(unsigned origin, std::uint64_t step, const Border& border, const Loops& loops) const {
+    const auto unit = [&](unsigned i) { return static_cast<unsigned>(origin + i * step); };
+    const auto for_elements = [&](auto body) {
+      for (std::uint64_t i = 0; i < loops[0].extent; ++i) {
+        for (std::uint64_t j = 0; j < loops[1].extent; ++j) {
+          for (std::uint64_t k = 0; k < loops[2].extent; ++k) {
+            body(static_cast<unsigned>(i * loops[0].step + j * loops[1].step + k * loops[2].step));
+          }
+        }
+      }
+    };
+    const T fill = mode == kConstant ? constant : T{0};
+    for (const Side& side : border) {
+      for (unsigned i = 0; i < side.copied; ++i) {
+        const unsigned dst = unit(side.dst + i * static_cast<unsigned>(side.dst_step));
+        const unsigned src = unit(side.src + i * static_cast<unsigned>(side.src_step));
+        for_elements([&](unsigned at) { data[dst + at] = data[src + at]; });
+      }
+      for (unsigned i = 0; i < side.filled; ++i) {
+        const unsigned dst = unit(side.fill_dst + i);
+        for_elements([&](unsigned at) { data[dst + at] = fill; });
+      }
     }
   }
-}
-
-// The columns beside the interior rows of one plane, then the rows above and below.
-template <typename T, typename Rule>
-void PadPlane(const Bordered<T>& t, const Rule& rule, unsigned n, unsigned c) {
-  const Pads& p = t.pads;
-  const unsigned plane = t.steps.Position(std::uint64_t{n} + p[0], std::uint64_t{c} + p[2], 0);
-  for (unsigned h = 0; h < t.interior.H; ++h) {
-    const unsigned row = plane + t.steps.Position(0, 0, std::uint64_t{h} + p[4]);
-    rule.Apply(
-        p[6], t.interior.W, p[7], [&](unsigned dst, unsigned src) { t.data[row + dst] = t.data[row + src]; },
-        [&](unsigned dst, unsigned count) { detail::FillRun(t.data + (row + dst), rule.fill, count); });
-  }
-  const auto row = [&](unsigned h) { return t.data + (plane + t.steps.Position(0, 0, h)); };
-  rule.Apply(
-      p[4], t.interior.H, p[5],
-      [&](unsigned dst, unsigned src) { CopyUpward(row(dst), row(src), t.whole.W); },
-      [&](unsigned dst, unsigned count) {
-        for (unsigned h = 0; h < count; ++h) detail::FillRun(row(dst + h), rule.fill, t.whole.W);
-      });
-}
-
-// The planes before and after those of one batch item's interior.
-template <typename T, typename Rule>
-void PadChannels(const Bordered<T>& t, const Rule& rule, unsigned n) {
-  const auto plane = [&](unsigned c) { return t.steps.Position(std::uint64_t{n} + t.pads[0], c, 0); };
-  rule.Apply(
-      t.pads[2], t.interior.C, t.pads[3],
-      [&](unsigned dst, unsigned src) { CopyPlanes(t, plane(dst), plane(src), 1); },
-      [&](unsigned dst, unsigned count) { FillPlanes(t, plane(dst), count, rule.fill); });
-}
-
-// The batch items before and after those of the interior.
-template <typename T, typename Rule>
-void PadBatches(const Bordered<T>& t, const Rule& rule) {
-  const auto batch = [&](unsigned n) { return t.steps.Position(n, 0, 0); };
-  rule.Apply(
-      t.pads[0], t.interior.N, t.pads[1],
-      [&](unsigned dst, unsigned src) { CopyPlanes(t, batch(dst), batch(src), t.whole.C); },
-      [&](unsigned dst, unsigned count) {
-        for (unsigned n = 0; n < count; ++n) FillPlanes(t, batch(dst + n), t.whole.C, rule.fill);
-      });
-}
-
-template <typename T, typename Rule>
-void PadBorder(const Bordered<T>& t, const Rule& rule) {
-  for (unsigned n = 0; n < t.interior.N; ++n) {
-    for (unsigned c = 0; c < t.interior.C; ++c) PadPlane(t, rule, n, c);
-    PadChannels(t, rule, n);
-  }
-  PadBatches(t, rule);
-}
+};
 
 template <typename T>
-bool MirrorBorder(const Bordered<T>& t, bool reflect) {
+bool MirrorBorder(const Bordered<T>& t) {
   VEK_REQUIRE(t.data != nullptr, "Pad_reflect_v1 input or output buffer is null.");
-  PadBorder(t, MirrorRule<T>{reflect ? 1U : 0U});
+  t.Pad();
   return true;
 }
 
@@ -280,7 +306,7 @@ struct Interior {
   Steps src_steps;   // from one group of channels to the next
   Steps dst_steps;   // from one channel to the next
   unsigned pack;     // channels of a group, side by side in the source's pixels
-  std::uint64_t p0;  // elements of the target before the interior along N ...
+  std::uint64_t p0;  // what lies before the interior in the target along N ...
   std::uint64_t p2;
   std::uint64_t p4;
   std::uint64_t p6;
@@ -292,7 +318,8 @@ struct Interior {
     return detail::FitsIn32({{shape.N, src_steps.batch},
                              {Groups(), src_steps.plane},
                              {shape.H, src_steps.line},
-                             {shape.W, pack}}) &&
+                             {shape.W, pack},
+                             {pack, 1}}) &&
            detail::FitsIn32({{shape.N + p0, dst_steps.batch},
                              {shape.C + p2, dst_steps.plane},
                              {shape.H + p4, dst_steps.line},
@@ -300,48 +327,46 @@ struct Interior {
            AreApart(shape, dst_steps);
   }
 
-  // One group of channels becomes so many planes.
-  void CopyGroup(unsigned n, unsigned g) const {
-    const unsigned c = g * pack;
-    const unsigned channels = std::min(pack, shape.C - c);
-    const unsigned src_at = src_steps.Position(n, g, 0);
-    const unsigned dst_at = static_cast<unsigned>(dst_steps.Position(n + p0, c + p2, p4) + p6);
-    detail::CopyWalk(dst + dst_at, src + src_at,
-                     {Along(shape.H, src_steps.line, dst_steps.line), Along(shape.W, pack, 1),
-                      Along(channels, 1, dst_steps.plane)});
-  }
-
-  // The same, element by element.
-  void CopyGroupPlainly(unsigned n, unsigned g) const {
-    const unsigned c = g * pack;
-    const unsigned channels = std::min(pack, shape.C - c);
-    for (unsigned h = 0; h < shape.H; ++h) {
-      const unsigned src_row = src_steps.Position(n, g, h);
-      const unsigned dst_row = static_cast<unsigned>(dst_steps.Position(n + p0, c + p2, h + p4) + p6);
-      for (unsigned w = 0; w < shape.W; ++w) {
-        for (unsigned i = 0; i < channels; ++i) {
-          dst[dst_row + dst_steps.Position(0, i, 0) + w] = src[src_row + w * pack + i];
-        }
-      }
-    }
+  // Groups of channels of one batch item become planes.
+  void CopyGroups(unsigned n, unsigned first, unsigned last) const {
+    const unsigned filled = std::min(last, shape.C / pack);
+    CopyEqualGroups(n, first, filled, pack);
+    CopyEqualGroups(n, filled, last, shape.C % pack);
   }
 
   void Copy() const {
-    const bool well_formed = IsWellFormed();
-    for (unsigned n = 0; n < shape.N; ++n) {
-      for (unsigned g = 0; g < Groups(); ++g) {
-        if (well_formed) {
-          CopyGroup(n, g);
-        } else {
-          CopyGroupPlainly(n, g);
-        }
-      }
-    }
+    if (!IsWellFormed()) return CopyPlainly();
+    for (unsigned n = 0; n < shape.N; ++n) CopyGroups(n, 0, Groups());
   }
 
  private:
-  static detail::Axis Along(std::size_t extent, std::uint64_t src_step, std::uint64_t dst_step) {
-    return {extent, static_cast<std::ptrdiff_t>(src_step), static_cast<std::ptrdiff_t>(dst_step)};
+  void CopyEqualGroups(unsigned n, unsigned first, unsigned last, unsigned channels) const {
+    if (first >= last) return;
+    const std::uint64_t c = std::uint64_t{first} * pack;
+    const auto dst_at = static_cast<unsigned>(dst_steps.Position(n + p0, c + p2, p4) + p6);
+    detail::CopyWalk(
+        dst + dst_at, src + src_steps.Position(n, first, 0),
+        {Along(last - first, src_steps.plane, pack * dst_steps.plane), Along(channels, 1, dst_steps.plane),
+         Along(shape.H, src_steps.line, dst_steps.line), Along(shape.W, pack, 1)});
+  }
+
+  // Element by element, pixel by pixel.
+  void CopyPlainly() const {
+    for (unsigned n = 0; n < shape.N; ++n) {
+      for (unsigned g = 0; g < Groups(); ++g) {
+        const unsigned c = g * pack;
+        const unsigned channels = std::min(pack, shape.C - c);
+        for (unsigned h = 0; h < shape.H; ++h) {
+          const unsigned src_row = src_steps.Position(n, g, h);
+          const auto dst_row = static_cast<unsigned>(dst_steps.Position(n + p0, c + p2, h + p4) + p6);
+          for (unsigned w = 0; w < shape.W; ++w) {
+            for (unsigned i = 0; i < channels; ++i) {
+              dst[dst_row + dst_steps.Position(0, i, 0) + w] = src[src_row + w * pack + i];
+            }
+          }
+        }
+      }
+    }
   }
 };
 
@@ -352,40 +377,28 @@ bool BuffersGiven(const void* in_data, const void* out_data) {
 
 // --- Both.
 
-// Where nothing overlaps, the border of a plane is filled while its interior is still in the cache.
-template <typename T, typename Rule>
-void CopyAndPad(const Interior<T>& interior, const Bordered<T>& whole, const Rule& rule) {
-  if (!whole.IsWellFormed() || !interior.IsWellFormed() || interior.p0 != whole.pads[0]) {
-    interior.Copy();
-    PadBorder(whole, rule);
-    return;
-  }
-  for (unsigned n = 0; n < interior.shape.N; ++n) {
-    for (unsigned g = 0; g < interior.Groups(); ++g) {
-      interior.CopyGroup(n, g);
-      const unsigned end = std::min((g + 1) * interior.pack, interior.shape.C);
-      for (unsigned c = g * interior.pack; c < end; ++c) PadPlane(whole, rule, n, c);
-    }
-    PadChannels(whole, rule, n);
-  }
-  PadBatches(whole, rule);
-}
-
-enum PadMode { kReflect = 1, kEdge = 2, kSymmetric = 3, kConstant = 4 };
-
 template <typename T>
-void CopyAndPad(const Interior<T>& interior, const Bordered<T>& whole, int mode, T value) {
-  switch (mode) {
-    case kReflect:
-    case kSymmetric:
-      return CopyAndPad(interior, whole, MirrorRule<T>{mode == kReflect ? 1U : 0U});
-    case kEdge:
-      return CopyAndPad(interior, whole, EdgeRule<T>{});
-    case kConstant:
-      return CopyAndPad(interior, whole, ConstantRule<T>{value});
-    default:
-      return interior.Copy();
+void CopyAndPad(const Interior<T>& interior, const Bordered<T>& whole) {
+  if (whole.mode < kReflect || whole.mode > kConstant) return interior.Copy();
+  if (!interior.IsWellFormed() || !whole.IsWellFormed() || interior.p0 != whole.pads[0]) {
+    interior.Copy();
+    return whole.Pad();
   }
+  // The border of a few planes is filled while their interior is still in the cache.
+  constexpr std::uint64_t kCachedBytes = 16384;
+  const std::uint64_t group_bytes = std::max<std::uint64_t>(1, interior.pack * whole.steps.plane * sizeof(T));
+  const auto block = static_cast<unsigned>(std::max<std::uint64_t>(1, kCachedBytes / group_bytes));
+  const unsigned groups = interior.Groups();
+  for (unsigned n = 0; n < interior.shape.N; ++n) {
+    for (unsigned g = 0; g < groups; g += std::min(block, groups - g)) {
+      const unsigned end = g + std::min(block, groups - g);
+      interior.CopyGroups(n, g, end);
+      const unsigned c = g * interior.pack;
+      whole.PadPlanes(n, c, end == groups ? interior.shape.C - c : (end - g) * interior.pack);
+    }
+    whole.PadChannels(n);
+  }
+  whole.PadBatches();
 }
 
 Interior<float> DenseInterior(const zeb::PuxDnnBufAttrs& in, const zeb::PuxDnnBufAttrs& out, unsigned p0,
@@ -395,16 +408,16 @@ Interior<float> DenseInterior(const zeb::PuxDnnBufAttrs& in, const zeb::PuxDnnBu
 }
 
 Bordered<float> DenseBordered(const zeb::PuxDnnBufAttrs& in, const zeb::PuxDnnBufAttrs& out, const Pads& pads,
-                              float* out_data) {
+                              int mode, unsigned constant, float* out_data) {
   const Shape whole(out);
-  return {out_data, Shape(in), whole, DenseSteps(whole), pads};
+  return {out_data, Shape(in), whole, DenseSteps(whole), pads, mode, static_cast<float>(constant)};
 }
 
 template <typename T>
 Bordered<T> StridedBordered(const zeb::PuxDnnBufAttrs& in, const zeb::PuxDnnBufAttrs& out, const Pads& pads,
-                            T* out_data) {
+                            int mode, T constant, T* out_data) {
   const Shape whole(out);
-  return {out_data, Shape(in), whole, StridedSteps<T>(out, whole.C), pads};
+  return {out_data, Shape(in), whole, StridedSteps<T>(out, whole.C), pads, mode, constant};
 }
 
 }  // namespace
@@ -441,8 +454,7 @@ bool VekPad::Execute(void** in_buffers, void** out_buffers) {
     const Pads& p = pad_shape_;
     CopyAndPad(DenseInterior(*in_attrs_, *out_attrs_, p[0], p[2], p[4], p[6],
                              static_cast<const float*>(in_data), static_cast<float*>(out_data)),
-               DenseBordered(*in_attrs_, *out_attrs_, p, static_cast<float*>(out_data)), pad_mode_,
-               static_cast<float>(pad_));
+               DenseBordered(*in_attrs_, *out_attrs_, p, pad_mode_, pad_, static_cast<float*>(out_data)));
     return true;
   }
 
@@ -454,7 +466,8 @@ bool VekPad::Execute(void** in_buffers, void** out_buffers) {
         VEK_REQUIRE(in_format.plane_pack >= 1, "plane_pack of the input = %d, but should be at least 1",
                     in_format.plane_pack);
         const Bordered<T> whole =
-            StridedBordered(*in_attrs_, *out_attrs_, pad_shape_, static_cast<T*>(out_data));
+            StridedBordered(*in_attrs_, *out_attrs_, pad_shape_, pad_mode_,
+                            detail::FillValue<T>(pad_, out_format.exp), static_cast<T*>(out_data));
         // Deliberate: the interior moves down by p0 planes, while the border counts p0 in batch items.
         Interior<T> interior{static_cast<const T*>(in_data),
                              whole.data,
@@ -467,7 +480,7 @@ bool VekPad::Execute(void** in_buffers, void** out_buffers) {
                              pad_shape_[4],
                              pad_shape_[6]};
         interior.src_steps = StridedSteps<T>(*in_attrs_, interior.Groups());
-        CopyAndPad(interior, whole, pad_mode_, detail::FillValue<T>(pad_, out_format.exp));
+        CopyAndPad(interior, whole);
         return true;
       },
       [] {
@@ -486,21 +499,23 @@ bool CopyBuffer_v1(const zeb::PuxDnnBufAttrs& in, const zeb::PuxDnnBufAttrs& out
 bool Pad_reflectsymm_v1(const zeb::PuxDnnBufAttrs& in, const zeb::PuxDnnBufAttrs& out, unsigned p0,
                         unsigned p1, unsigned p2, unsigned p3, unsigned p4, unsigned p5, unsigned p6,
                         unsigned p7, bool reflect, float* out_data) {
-  return MirrorBorder(DenseBordered(in, out, {p0, p1, p2, p3, p4, p5, p6, p7}, out_data), reflect);
+  return MirrorBorder(
+      DenseBordered(in, out, {p0, p1, p2, p3, p4, p5, p6, p7}, reflect ? kReflect : kSymmetric, 0, out_data));
 }
 
 template <typename T>
 bool Pad_reflectsymm_v1(const zeb::PuxDnnBufAttrs& in, const zeb::PuxDnnBufAttrs& out, unsigned p0,
                         unsigned p1, unsigned p2, unsigned p3, unsigned p4, unsigned p5, unsigned p6,
                         unsigned p7, bool reflect, T* out_data) {
-  return MirrorBorder(StridedBordered(in, out, {p0, p1, p2, p3, p4, p5, p6, p7}, out_data), reflect);
+  return MirrorBorder(StridedBordered(in, out, {p0, p1, p2, p3, p4, p5, p6, p7},
+                                      reflect ? kReflect : kSymmetric, T{0}, out_data));
 }
 
 bool Pad_edge_repli_v1(const zeb::PuxDnnBufAttrs& in, const zeb::PuxDnnBufAttrs& out, unsigned p0,
                        unsigned p1, unsigned p2, unsigned p3, unsigned p4, unsigned p5, unsigned p6,
                        unsigned p7, float* out_data) {
   VEK_REQUIRE(out_data != nullptr, "Pad_edge_repli_v1 input or output buffer is null.");
-  PadBorder(DenseBordered(in, out, {p0, p1, p2, p3, p4, p5, p6, p7}, out_data), EdgeRule<float>{});
+  DenseBordered(in, out, {p0, p1, p2, p3, p4, p5, p6, p7}, kEdge, 0, out_data).Pad();
   return true;
 }
 
@@ -508,8 +523,7 @@ bool Pad_const_v1(const zeb::PuxDnnBufAttrs& in, const zeb::PuxDnnBufAttrs& out,
                   unsigned p1, unsigned p2, unsigned p3, unsigned p4, unsigned p5, unsigned p6, unsigned p7,
                   float* out_data) {
   VEK_REQUIRE(out_data != nullptr, "Pad_const_v1 input or output buffer is null.");
-  PadBorder(DenseBordered(in, out, {p0, p1, p2, p3, p4, p5, p6, p7}, out_data),
-            ConstantRule<float>{static_cast<float>(pad)});
+  DenseBordered(in, out, {p0, p1, p2, p3, p4, p5, p6, p7}, kConstant, pad, out_data).Pad();
   return true;
 }
 

@@ -1,159 +1,287 @@
-// Runs of consecutive elements: copies, fills, and many short rows of either without a call for each.
+// Runs of consecutive elements, and rows of them: many short runs at a fixed distance. A run of up to 64 bytes
+// is a few moves that may overlap, picked once for all rows, so that a short row costs no function call.
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
 
 #include "axis.h"
-#include "transpose.h"
 #include "vec.h"
 
 namespace zeb_custom_ops::detail {
 
 namespace internal {
 
-// The row from which on the C library's call costs nothing beside its work.
+// Below, everything is bytes: pointers, steps and run lengths.
+
+using Block = Vec<std::uint8_t>;
+inline constexpr std::size_t kShortRun = 4 * kVecBytes;
+
+// A short run: `moves` moves side by side, of which the last one ends where the run ends.
+template <typename Move, std::size_t moves>
+struct ShortRun {
+  Move part[moves];
+
+  [[gnu::always_inline]] static ShortRun From(const std::byte* src, std::size_t last) {
+    ShortRun run;
+    for (std::size_t k = 0; k + 1 < moves; ++k) run.part[k] = Load<Move>(src + k * sizeof(Move));
+    run.part[moves - 1] = Load<Move>(src + (moves > 1 ? last : 0));
+    return run;
+  }
+  [[gnu::always_inline]] static ShortRun Filled(Block pattern) {
+    ShortRun run;
+    for (Move& move : run.part) std::memcpy(&move, &pattern, sizeof move);
+    return run;
+  }
+  [[gnu::always_inline]] void To(std::byte* dst, std::size_t last) const {
+    for (std::size_t k = 0; k + 1 < moves; ++k) Store(dst + k * sizeof(Move), part[k]);
+    Store(dst + (moves > 1 ? last : 0), part[moves - 1]);
+  }
+};
+
+// Calls `body(run, last)` with a ShortRun for runs of `bytes` bytes, 1 to 64; `last` is where its last move starts.
+template <typename Body>
+[[gnu::always_inline]] inline void WithShortRun(std::size_t bytes, const Body& body) {
+  const auto with = [&]<typename Move, std::size_t moves>(ShortRun<Move, moves> run) {
+    body(run, bytes - sizeof(Move));
+  };
+  if (bytes > 3 * kVecBytes) {
+    with(ShortRun<Block, 4>{});
+  } else if (bytes > 2 * kVecBytes) {
+    with(ShortRun<Block, 3>{});
+  } else if (bytes > kVecBytes) {
+    with(ShortRun<Block, 2>{});
+  } else if (bytes == kVecBytes) {
+    with(ShortRun<Block, 1>{});
+  } else if (bytes > 8) {
+    with(ShortRun<std::uint64_t, 2>{});
+  } else if (bytes == 8) {
+    with(ShortRun<std::uint64_t, 1>{});
+  } else if (bytes > 4) {
+    with(ShortRun<std::uint32_t, 2>{});
+  } else if (bytes == 4) {
+    with(ShortRun<std::uint32_t, 1>{});
+  } else if (bytes == 3) {
+    with(ShortRun<std::uint16_t, 2>{});
+  } else if (bytes == 2) {
+    with(ShortRun<std::uint16_t, 1>{});
+  } else {
+    with(ShortRun<std::uint8_t, 1>{});
+  }
+}
+
+// The run from which on the C library's call costs nothing beside its work.
 inline constexpr std::size_t kCallBytes = 512;
 
-// Calls `body` with the widest word that fits into a run of 1 to 15 bytes: two such words, the second ending where
-// the run ends, cover it.
-template <typename Body>
-inline void WithWordOf(std::size_t bytes, const Body& body) {
-  if (bytes >= 8) return body(std::uint64_t{});
-  if (bytes >= 4) return body(std::uint32_t{});
-  if (bytes >= 2) return body(std::uint16_t{});
-  body(std::uint8_t{});
-}
-
 // Copies one run of 64 bytes or more.
-inline void CopyLongRow(std::byte* dst, const std::byte* src, std::size_t bytes) {
-  constexpr std::size_t kStep = 4 * kVecBytes;
+inline void CopyLongRun(std::byte* dst, const std::byte* src, std::size_t bytes) {
+  if (bytes > kCallBytes) {
+    std::memcpy(dst, src, bytes);
+    return;
+  }
   const auto copy = [=](std::size_t at) {
-    Vec<std::uint8_t> v[4];
-    for (std::size_t i = 0; i < 4; ++i) v[i] = Load<Vec<std::uint8_t>>(src + at + i * kVecBytes);
-    for (std::size_t i = 0; i < 4; ++i) Store(dst + at + i * kVecBytes, v[i]);
+    ShortRun<Block, 4>::From(src + at, kShortRun - kVecBytes).To(dst + at, kShortRun - kVecBytes);
   };
   std::size_t at = 0;
-  for (; at + kStep <= bytes; at += kStep) copy(at);
-  if (at < bytes) copy(bytes - kStep);
+  for (; at + kShortRun <= bytes; at += kShortRun) copy(at);
+  if (at < bytes) copy(bytes - kShortRun);
 }
 
-// Copies rows as the moves that start at the given bytes of each; moves may overlap. Four rows at a time.
-template <typename Move, std::size_t moves>
-inline void CopyRowsBy(std::byte* dst, const std::byte* src, const Axis& rows,
-                       const std::size_t (&at)[moves]) {
-  const RowSteps dst_rows(rows.dst_step);
-  const RowSteps src_rows(rows.src_step);
-  const auto copy = [&](auto count) {
-    Move v[count][moves];
-    for (std::size_t i = 0; i < count; ++i) {
-      for (std::size_t k = 0; k < moves; ++k) v[i][k] = Load<Move>(Row(src, src_rows, i) + at[k]);
-    }
-    for (std::size_t i = 0; i < count; ++i) {
-      for (std::size_t k = 0; k < moves; ++k) Store(Row(dst, dst_rows, i) + at[k], v[i][k]);
-    }
-  };
-  std::size_t left = rows.extent;
-  for (; left >= 4; left -= 4, src += src_rows.four, dst += dst_rows.four) {
-    copy(std::integral_constant<std::size_t, 4>{});
+// Where the rows of a source start: at a fixed distance, or where a list of indices says.
+struct SteppedRows {
+  const std::byte* at;
+  std::ptrdiff_t step;
+
+  const std::byte* Row(std::ptrdiff_t i) const { return at + i * step; }
+  void Advance(std::ptrdiff_t rows) { at += rows * step; }
+};
+struct IndexedRows {
+  const std::byte* base;
+  const std::uint32_t* index;
+  std::size_t step;
+
+  const std::byte* Row(std::ptrdiff_t i) const { return base + index[i] * step; }
+  void Advance(std::ptrdiff_t rows) { index += rows; }
+};
+
+struct NoRows {
+  const std::byte* Row(std::ptrdiff_t) const { return nullptr; }
+  void Advance(std::ptrdiff_t) {}
+};
+
+// Calls `row(to, from)` for each of `rows` rows, four at a time.
+template <typename Source, typename Row>
+[[gnu::always_inline]] inline void ForRows(std::byte* dst, std::ptrdiff_t step, Source source,
+                                           std::size_t rows, const Row& row) {
+  for (; rows >= 4; rows -= 4, dst += 4 * step, source.Advance(4)) {
+    row(dst, source.Row(0));
+    row(dst + step, source.Row(1));
+    row(dst + 2 * step, source.Row(2));
+    row(dst + 3 * step, source.Row(3));
   }
-  for (; left > 0; --left, src += src_rows.one, dst += dst_rows.one) {
-    copy(std::integral_constant<std::size_t, 1>{});
+  for (; rows > 0; --rows, dst += step, source.Advance(1)) row(dst, source.Row(0));
+}
+
+// Copies `rows` runs of `bytes` bytes.
+template <typename Source>
+inline void CopyRowsFrom(std::byte* dst, std::ptrdiff_t step, Source source, std::size_t rows,
+                         std::size_t bytes) {
+  if (bytes > kShortRun) {
+    for (; rows > 0; --rows, dst += step, source.Advance(1)) CopyLongRun(dst, source.Row(0), bytes);
+  } else if (bytes > 0) {
+    WithShortRun(bytes, [=](auto run, std::size_t last) {
+      ForRows(dst, step, source, rows,
+              [=](std::byte* to, const std::byte* from) { decltype(run)::From(from, last).To(to, last); });
+    });
   }
 }
 
 }  // namespace internal
 
-// Copies rows of `bytes` consecutive bytes each; steps are bytes.
-inline void CopyRows(std::byte* dst, const std::byte* src, const Axis& rows, std::size_t bytes) {
-  using Block = Vec<std::uint8_t>;
-  if (bytes > internal::kCallBytes) {
-    for (std::size_t i = 0; i < rows.extent; ++i) {
-      std::memcpy(dst + Offset(i, rows.dst_step), src + Offset(i, rows.src_step), bytes);
+// Copies `rows` runs of `bytes` bytes side by side: those that `indices` picks from a source of such runs.
+inline void GatherRows(std::byte* dst, const std::byte* src, const std::uint32_t* indices, std::size_t rows,
+                       std::size_t bytes) {
+  internal::CopyRowsFrom(dst, static_cast<std::ptrdiff_t>(bytes), internal::IndexedRows{src, indices, bytes},
+                         rows, bytes);
+}
+
+namespace internal {
+
+// Copies one run of `bytes` bytes to `rows` rows.
+inline void RepeatRun(std::byte* dst, std::ptrdiff_t dst_step, std::size_t rows, const std::byte* src,
+                      std::size_t bytes) {
+  if (rows == 0 || bytes == 0) return;
+  constexpr std::size_t kCached = 8192;
+  if (dst_step == static_cast<std::ptrdiff_t>(bytes) && bytes < kShortRun) {
+    // Short rows that touch are a pattern: what stands is copied behind itself, until there is enough of it to be
+    // copied on and on from the cache.
+    std::memcpy(dst, src, bytes);
+    const std::size_t total = rows * bytes;
+    std::size_t period = bytes;
+    for (std::size_t done = bytes; done < total;) {
+      const std::size_t count = std::min(period, total - done);
+      std::memcpy(dst + done, dst, count);
+      done += count;
+      if (period < kCached) period = done;
     }
-  } else if (bytes > 4 * kVecBytes) {
-    for (std::size_t i = 0; i < rows.extent; ++i) {
-      internal::CopyLongRow(dst + Offset(i, rows.dst_step), src + Offset(i, rows.src_step), bytes);
+    return;
+  }
+  if (bytes > kCached / 4) return CopyRowsFrom(dst, dst_step, SteppedRows{src, 0}, rows, bytes);
+  // Slices of the run, held in registers, go down a block of rows that stays in the cache.
+  const std::size_t block = std::max<std::size_t>(4, kCached / bytes);
+  for (std::size_t first = 0; first < rows; first += block) {
+    const std::size_t count = std::min(block, rows - first);
+    std::byte* to = dst + static_cast<std::ptrdiff_t>(first) * dst_step;
+    std::size_t at = 0;
+    for (; bytes - at > kShortRun; at += kShortRun) {
+      const auto slice = ShortRun<Block, 4>::From(src + at, kShortRun - kVecBytes);
+      ForRows(to + at, dst_step, NoRows{}, count,
+              [=](std::byte* row, const std::byte*) { slice.To(row, kShortRun - kVecBytes); });
     }
-  } else if (bytes > 2 * kVecBytes) {
-    internal::CopyRowsBy<Block, 4>(dst, src, rows, {0, kVecBytes, bytes - 2 * kVecBytes, bytes - kVecBytes});
-  } else if (bytes > kVecBytes) {
-    internal::CopyRowsBy<Block, 2>(dst, src, rows, {0, bytes - kVecBytes});
-  } else if (bytes == kVecBytes) {
-    internal::CopyRowsBy<Block, 1>(dst, src, rows, {0});
-  } else if (bytes > 0) {
-    internal::WithWordOf(bytes, [&](auto word) {
-      using Move = decltype(word);
-      if (bytes == sizeof(Move)) {
-        internal::CopyRowsBy<Move, 1>(dst, src, rows, {0});
-      } else {
-        internal::CopyRowsBy<Move, 2>(dst, src, rows, {0, bytes - sizeof(Move)});
-      }
+    WithShortRun(bytes - at, [&](auto run, std::size_t last) {
+      const auto slice = decltype(run)::From(src + at, last);
+      ForRows(to + at, dst_step, NoRows{}, count,
+              [=](std::byte* row, const std::byte*) { slice.To(row, last); });
     });
   }
 }
 
+// Fills `bytes` bytes, 16 or more, with a pattern that starts anew every 16 bytes; `bytes` is a multiple of the
+// width of the elements that the pattern is made of.
+inline void FillVectors(std::byte* dst, Block pattern, std::size_t bytes) {
+  std::byte* const end = dst + bytes;
+  for (; end - dst >= std::ptrdiff_t{8 * kVecBytes}; dst += 8 * kVecBytes) {
+    for (std::size_t k = 0; k < 8; ++k) Store(dst + k * kVecBytes, pattern);
+  }
+  for (; end - dst >= std::ptrdiff_t{kVecBytes}; dst += kVecBytes) Store(dst, pattern);
+  Store(end - kVecBytes, pattern);
+}
+
+// A vector that holds `value` in every lane.
+template <typename T>
+inline Block Pattern(T value) {
+  Word<sizeof(T)> word;
+  std::memcpy(&word, &value, sizeof word);
+  return reinterpret_cast<Block>(Broadcast<Word<sizeof(T)>>(word));
+}
+
+}  // namespace internal
+
 // Copies `count` consecutive elements.
 template <typename T>
-inline void CopyRun(T* dst, const T* src, std::size_t count) {
+void CopyRun(T* dst, const T* src, std::size_t count) {
   const std::size_t bytes = count * sizeof(T);
-  if (bytes == 0) return;
   if (bytes >= kVecBytes) {
     std::memcpy(dst, src, bytes);
-    return;
+  } else if (bytes != 0) {
+    internal::WithShortRun(bytes, [=](auto run, std::size_t last) {
+      decltype(run)::From(reinterpret_cast<const std::byte*>(src), last)
+          .To(reinterpret_cast<std::byte*>(dst), last);
+    });
   }
-  auto* const to = reinterpret_cast<std::byte*>(dst);
-  const auto* const from = reinterpret_cast<const std::byte*>(src);
-  internal::WithWordOf(bytes, [&](auto word) {
-    using Move = decltype(word);
-    const auto head = Load<Move>(from);
-    const auto tail = Load<Move>(from + bytes - sizeof(Move));
-    Store(to, head);
-    Store(to + bytes - sizeof(Move), tail);
-  });
 }
 
 // Sets `count` consecutive elements to `value`.
 template <typename T>
-inline void FillRun(T* dst, T value, std::size_t count) {
+void FillRun(T* dst, T value, std::size_t count) {
   static_assert(sizeof(T) <= 4);
   const std::size_t bytes = count * sizeof(T);
-  if (bytes == 0) return;
-  Word<sizeof(T)> word;
-  std::memcpy(&word, &value, sizeof word);
-  auto* const to = reinterpret_cast<std::byte*>(dst);
-  if constexpr (sizeof(T) == 1) {
-    if (bytes > internal::kCallBytes) {
-      std::memset(dst, word, bytes);
+  auto* to = reinterpret_cast<std::byte*>(dst);
+  if (bytes > internal::kCallBytes) {
+    // The C library knows how to fill memory without reading it first.
+    unsigned char byte[sizeof(T)];
+    std::memcpy(byte, &value, sizeof(T));
+    if (std::all_of(byte, byte + sizeof(T), [&](unsigned char b) { return b == byte[0]; })) {
+      std::memset(to, byte[0], bytes);
       return;
     }
   }
-  const auto vec = Broadcast(word);
-  if (bytes < kVecBytes) {
-    const std::uint64_t pattern = reinterpret_cast<Vec<std::uint64_t>>(vec)[0];
-    internal::WithWordOf(bytes, [&](auto move) {
-      using Move = decltype(move);
-      Store(to, static_cast<Move>(pattern));
-      Store(to + bytes - sizeof(Move), static_cast<Move>(pattern));
+  const internal::Block pattern = internal::Pattern(value);
+  if (bytes >= kVecBytes) {
+    internal::FillVectors(to, pattern, bytes);
+  } else if (bytes != 0) {
+    internal::WithShortRun(bytes,
+                           [&](auto run, std::size_t last) { decltype(run)::Filled(pattern).To(to, last); });
+  }
+}
+
+namespace internal {
+
+// Repeats one element of each row along `count` elements.
+template <typename T, typename Source>
+inline void RepeatElements(std::byte* dst, std::ptrdiff_t step, Source source, std::size_t rows,
+                           std::size_t count) {
+  const std::size_t bytes = count * sizeof(T);
+  if (bytes > 2 * kVecBytes) {
+    for (; rows > 0; --rows, dst += step, source.Advance(1)) {
+      FillVectors(dst, Pattern(Load<T>(source.Row(0))), bytes);
+    }
+  } else if (bytes > 0) {
+    WithShortRun(bytes, [=](auto run, std::size_t last) {
+      ForRows(dst, step, source, rows, [=](std::byte* to, const std::byte* from) {
+        decltype(run)::Filled(Pattern(Load<T>(from))).To(to, last);
+      });
     });
-    return;
   }
-  std::size_t at = 0;
-  for (; at + 4 * kVecBytes <= bytes; at += 4 * kVecBytes) {
-    for (std::size_t i = 0; i < 4; ++i) Store(to + at + i * kVecBytes, vec);
+}
+
+}  // namespace internal
+
+// Copies rows of `bytes` consecutive bytes each; steps are bytes, a source step of 0 repeats.
+inline void CopyRows(std::byte* dst, const std::byte* src, const Axis& rows, std::size_t bytes) {
+  if (rows.src_step == 0 && rows.extent > 1) {
+    return internal::RepeatRun(dst, rows.dst_step, rows.extent, src, bytes);
   }
-  for (; at + kVecBytes <= bytes; at += kVecBytes) Store(to + at, vec);
-  Store(to + bytes - kVecBytes, vec);
+  internal::CopyRowsFrom(dst, rows.dst_step, internal::SteppedRows{src, rows.src_step}, rows.extent, bytes);
 }
 
 // Repeats one element of each row along `count` elements of the target; steps are bytes.
 template <typename T>
 inline void RepeatRows(std::byte* dst, const std::byte* src, const Axis& rows, std::size_t count) {
-  for (std::size_t i = 0; i < rows.extent; ++i) {
-    FillRun(reinterpret_cast<T*>(dst + Offset(i, rows.dst_step)), Load<T>(src + Offset(i, rows.src_step)),
-            count);
-  }
+  internal::RepeatElements<T>(dst, rows.dst_step, internal::SteppedRows{src, rows.src_step}, rows.extent,
+                              count);
 }
 
 }  // namespace zeb_custom_ops::detail

@@ -22,11 +22,9 @@ namespace internal {
 template <typename T>
 inline void CopyPlane(std::byte* dst, const std::byte* src, const Axis& rows, const Axis& columns) {
   for (std::size_t i = 0; i < rows.extent; ++i) {
-    std::byte* to = dst + Offset(i, rows.dst_step);
-    const std::byte* from = src + Offset(i, rows.src_step);
-    for (std::size_t j = 0; j < columns.extent; ++j) {
-      Store(to + Offset(j, columns.dst_step), Load<T>(from + Offset(j, columns.src_step)));
-    }
+    ForRows(dst + Offset(i, rows.dst_step), columns.dst_step,
+            SteppedRows{src + Offset(i, rows.src_step), columns.src_step}, columns.extent,
+            [](std::byte* to, const std::byte* from) { Store(to, Load<T>(from)); });
   }
 }
 
