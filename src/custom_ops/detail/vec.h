@@ -11,6 +11,13 @@ namespace zeb_custom_ops::detail {
 
 inline constexpr std::size_t kVecBytes = 16;
 
+// Whether the target shuffles single bytes freely: all do but the baseline of x86-64.
+#if defined(__SSE2__) && !defined(__SSSE3__)
+inline constexpr bool kShufflesBytes = false;
+#else
+inline constexpr bool kShufflesBytes = true;
+#endif
+
 // The unsigned integer of a width in bytes: elements move as these, whatever they mean.
 template <std::size_t width>
 struct WordOf;

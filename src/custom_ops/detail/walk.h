@@ -100,6 +100,7 @@ void WithFew(std::size_t extent, const Body& body) {
 template <typename T>
 bool WalkInterleaved(std::byte* dst, const std::byte* src, Loops& loops, const Axis& d, const Axis& s) {
   constexpr std::ptrdiff_t kUnit = sizeof(T);
+  if (sizeof(T) == 1 && !kShufflesBytes && (d.extent == 3 || s.extent == 3)) return false;
   if (d.extent <= 4 && s.dst_step == Offset(d.extent, kUnit)) {
     WithFew(d.extent, [&](auto k) {
       const Axis rows = loops.TakeLast();
