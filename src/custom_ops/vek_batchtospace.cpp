@@ -141,17 +141,19 @@ void VekBatchToSpace::batchtospace(const zeb::PuxDnnBufAttrs& in_attrs, const ze
   if (C_out == C && std::uint64_t{crop_top} + H_out <= H_uncropped &&
       std::uint64_t{crop_left} + W_out <= W_uncropped &&
       detail::ProductFits32({N_out, C, H, block_height, W, block_width})) {
-    const std::size_t planes = N_out * C;
-    detail::ForEachPatch(
-        detail::BlockGrid{planes, block_height, block_width, crop_top, crop_left, H_out, W_out, H, W}, 0,
-        planes,
-        [&](std::size_t picture_offset, std::size_t phase_offset, std::span<const detail::Axis> axes) {
-          std::array<detail::Axis, 4> back;
-          std::transform(axes.begin(), axes.end(), back.begin(), [](const detail::Axis& axis) {
-            return detail::Axis{axis.extent, axis.dst_step, axis.src_step};
+    const detail::BlockGrid grid = {N_out * C, block_height, block_width, crop_top, crop_left,
+                                    H_out,     W_out,        H,           W};
+    detail::ForPlanes(grid, sizeof(T), [&](std::size_t plane, std::size_t planes) {
+      detail::ForEachPatch(
+          grid, plane, planes,
+          [&](std::size_t picture_offset, std::size_t phase_offset, std::span<const detail::Axis> axes) {
+            std::array<detail::Axis, 4> back;
+            std::transform(axes.begin(), axes.end(), back.begin(), [](const detail::Axis& axis) {
+              return detail::Axis{axis.extent, axis.dst_step, axis.src_step};
+            });
+            detail::CopyWalk(out + picture_offset, in + phase_offset, std::span<const detail::Axis>(back));
           });
-          detail::CopyWalk(out + picture_offset, in + phase_offset, std::span<const detail::Axis>(back));
-        });
+    });
     return;
   }
 

@@ -146,34 +146,42 @@ void FillFrame(T* plane, std::size_t H, std::size_t W, detail::Steps rows, detai
   detail::FillRun(gap, value, static_cast<std::size_t>(end - gap));
 }
 
-// The output of whole blocks: padding and input cover it once.
+// The output of whole blocks.
 template <typename T>
 void WriteBlocks(const detail::BlockGrid& grid, const T* in, T* out, T padding) {
   const bool padded = grid.top != 0 || grid.left != 0 || grid.H_phase * grid.block_height != grid.H ||
                       grid.W_phase * grid.block_width != grid.W;
-  // Padding and input of a few planes at a time, so that what both touch is still in the cache.
-  constexpr std::size_t kChunkBytes = 16384;
-  const std::size_t chunk =
-      padded ? std::max<std::size_t>(1, kChunkBytes / (grid.PhaseOffset(0, 1, 0) / grid.planes * sizeof(T)))
-             : grid.planes;
-  for (std::size_t plane = 0; plane < grid.planes; plane += chunk) {
-    const std::size_t planes = std::min(chunk, grid.planes - plane);
+  // Short rows are padded whole before the input comes over them: that takes less than a gap per row.
+  constexpr std::size_t kShortRowBytes = 64;
+  const bool short_rows = grid.W_phase * sizeof(T) < kShortRowBytes;
+
+  detail::ForPlanes(grid, sizeof(T), [&](std::size_t plane, std::size_t planes) {
+    const auto for_phases = [&](auto&& fill) {
+      for (std::size_t bh = 0; bh < grid.block_height; ++bh) {
+        for (std::size_t bw = 0; bw < grid.block_width; ++bw) {
+          fill(out + grid.PhaseOffset(bh, bw, plane), bh, bw);
+        }
+      }
+    };
+    const std::size_t plane_size = grid.H_phase * grid.W_phase;
+    if (padded && short_rows) {
+      for_phases(
+          [&](T* phase, std::size_t, std::size_t) { detail::FillRun(phase, padding, planes * plane_size); });
+    }
     detail::ForEachPatch(
         grid, plane, planes,
         [&](std::size_t picture_offset, std::size_t phase_offset, std::span<const detail::Axis> axes) {
           detail::CopyWalk(out + phase_offset, in + picture_offset, axes);
         });
-    if (!padded) continue;
-    for (std::size_t bh = 0; bh < grid.block_height; ++bh) {
-      const detail::Steps rows = grid.Rows(bh);
-      for (std::size_t bw = 0; bw < grid.block_width; ++bw) {
-        const detail::Steps columns = grid.Columns(bw);
-        for (std::size_t p = plane; p < plane + planes; ++p) {
-          FillFrame(out + grid.PhaseOffset(bh, bw, p), grid.H_phase, grid.W_phase, rows, columns, padding);
+    if (padded && !short_rows) {
+      for_phases([&](T* phase, std::size_t bh, std::size_t bw) {
+        for (std::size_t p = 0; p < planes; ++p) {
+          FillFrame(phase + p * plane_size, grid.H_phase, grid.W_phase, grid.Rows(bh), grid.Columns(bw),
+                    padding);
         }
-      }
+      });
     }
-  }
+  });
 }
 
 }  // namespace

@@ -54,6 +54,18 @@ struct BlockGrid {
   }
 };
 
+// Calls body(first_plane, plane_count) for a few planes at a time: rows that lie side by side in a picture belong
+// to phases that lie far apart, and so all of them stay in the cache.
+template <typename Body>
+void ForPlanes(const BlockGrid& grid, std::size_t width, Body&& body) {
+  constexpr std::size_t kChunkBytes = 65536;
+  const std::size_t chunk =
+      std::max<std::size_t>(1, kChunkBytes / std::max<std::size_t>(1, grid.H * grid.W * width));
+  for (std::size_t plane = 0; plane < grid.planes; plane += chunk) {
+    body(plane, std::min(chunk, grid.planes - plane));
+  }
+}
+
 // Covers what the pictures and their phases have in common, for some of the planes, by walks: calls
 // walk(picture_offset, phase_offset, axes), where the axes have the picture's steps as `src_step`, the
 // phases' as `dst_step`.
