@@ -2,6 +2,7 @@
 #include "custom_ops/vek_argmax.h"
 
 #include <algorithm>
+#include <cmath>
 #include <cstddef>
 #include <cstring>
 #include <limits>
@@ -189,6 +190,163 @@ void SearchEach(const float* in, const Searches& s, unsigned top_k, std::span<Pa
   }
 }
 
+// --- The same in vectors. All positions lie inside the data and below 2^31.
+
+using detail::Floats;
+using detail::Ints;
+constexpr std::size_t kWidth = detail::kFloatLanes;
+
+// The largest value of `len` neighbours: blocks that hold nothing larger are passed over, the last one that does
+// is searched. Equal values go to the later block, so that the highest index is found.
+Pair FindLargestInRow(const float* row, std::size_t len) {
+  constexpr std::size_t kBlock = 16 * kWidth;
+  if (len < kBlock || std::isnan(row[0]))
+    return FindLargest(row, 0, {static_cast<unsigned>(len), 1, 1, 0, 1});
+  const Floats least = detail::Splat(-std::numeric_limits<float>::infinity());
+  float largest = least[0];
+  std::size_t where = 0;
+  for (std::size_t start = 0; start < len; start += kBlock) {
+    const std::size_t block = std::min(start, len - kBlock);  // the last one may overlap its neighbour
+    Floats max[4] = {least, least, least, least};
+    for (std::size_t i = 0; i < 16; ++i)
+      max[i % 4] = detail::Max(detail::Load(row + block + i * kWidth), max[i % 4]);
+    float found = detail::MaxLane(detail::Max(detail::Max(max[0], max[1]), detail::Max(max[2], max[3])));
+    if (std::isnan(found)) {
+      found = least[0];
+      for (std::size_t i = 0; i < kBlock; ++i) found = row[block + i] > found ? row[block + i] : found;
+    }
+    if (found >= largest) {
+      largest = found;
+      where = block;
+    }
+  }
+  std::size_t k = where + kBlock - 1;
+  while (row[k] != largest) --k;
+  return {row[k], static_cast<unsigned>(k)};
+}
+
+// The largest values of `vectors` vectors of searches that start side by side.
+template <std::size_t vectors>
+void FindLargestSideBySide(const float* in, const Searches& s, Floats (&value)[vectors],
+                           Ints (&index)[vectors]) {
+  for (std::size_t v = 0; v < vectors; ++v) {
+    value[v] = detail::Load(in + v * kWidth);
+    index[v] = Ints{};
+  }
+  Ints k = {};
+  for (unsigned i = 1; i < s.len; ++i) {
+    in += s.step;
+    k += 1;
+    for (std::size_t v = 0; v < vectors; ++v) {
+      const Floats next = detail::Load(in + v * kWidth);
+      const Ints takes = value[v] <= next;
+      value[v] = takes ? next : value[v];
+      index[v] = takes ? k : index[v];
+    }
+  }
+}
+
+template <std::size_t vectors>
+void FindLargestColumns(const float* in, const Searches& s, float* out, bool indices) {
+  Floats value[vectors];
+  Ints index[vectors];
+  FindLargestSideBySide(in, s, value, index);
+  for (std::size_t v = 0; v < vectors; ++v) {
+    detail::Store(out + v * kWidth, indices ? __builtin_convertvector(index[v], Floats) : value[v]);
+  }
+}
+
+void FindLargestInVectors(const float* in, const Searches& s, Writer& writer) {
+  for (std::size_t run = 0; run < s.runs; ++run, in += s.run_step) {
+    std::size_t i = 0;
+    if (s.step == 1) {
+      for (; i < s.columns; ++i) writer.Write(FindLargestInRow(in + i, s.len));
+      continue;
+    }
+    for (; i + 4 * kWidth <= s.columns; i += 4 * kWidth) {
+      FindLargestColumns<4>(in + i, s, writer.out + i, writer.indices);
+    }
+    for (; i + kWidth <= s.columns; i += kWidth) {
+      FindLargestColumns<1>(in + i, s, writer.out + i, writer.indices);
+    }
+    if (i < s.columns && s.columns >= kWidth) {  // the last vector overlaps its neighbour
+      i = s.columns - kWidth;
+      FindLargestColumns<1>(in + i, s, writer.out + i, writer.indices);
+      i = s.columns;
+    }
+    writer.out += i;
+    for (; i < s.columns; ++i) writer.Write(FindLargest(in, static_cast<unsigned>(i), s));
+  }
+}
+
+// One search over neighbours. A value below the root's does not exceed it, whatever its index; four vectors of
+// such values are passed over at a time.
+void SelectTopInRow(const float* row, std::size_t len, std::span<Pair> list) {
+  SelectTop(
+      list, [&](std::size_t k) { return row[k]; },
+      [&](const auto& offer) {
+        std::size_t k = list.size();
+        for (; k + 4 * kWidth <= len; k += 4 * kWidth) {
+          const Floats root = detail::Splat(list[0].value);
+          Ints below = detail::Load(row + k) < root;
+          for (std::size_t v = 1; v < 4; ++v) below &= detail::Load(row + k + v * kWidth) < root;
+          if (detail::AllLanes(below)) continue;
+          for (std::size_t i = 0; i < 4 * kWidth; ++i) offer(k + i);
+        }
+        for (; k < len; ++k) offer(k);
+      });
+}
+
+// A vector of searches that start side by side; `lists` holds `ranks` pairs for each.
+void SelectTopSideBySide(const float* in, const Searches& s, std::span<Pair> lists, std::size_t ranks) {
+  Floats root;
+  for (std::size_t lane = 0; lane < kWidth; ++lane) {
+    const std::span<Pair> list = lists.subspan(lane * ranks, ranks);
+    for (std::size_t k = 0; k < ranks; ++k) list[k] = {in[lane + k * s.step], static_cast<unsigned>(k)};
+    MakeHeap(list);
+    root[lane] = list[0].value;
+  }
+  for (std::size_t k = ranks; k < s.len; ++k) {
+    const Floats next = detail::Load(in + k * s.step);
+    if (detail::AllLanes(next < root)) continue;
+    for (std::size_t lane = 0; lane < kWidth; ++lane) {
+      const std::span<Pair> list = lists.subspan(lane * ranks, ranks);
+      const Pair pair = {next[lane], static_cast<unsigned>(k)};
+      if (!Exceeds(pair, list[0])) continue;
+      Sift(list, 0, pair);
+      root[lane] = list[0].value;
+    }
+  }
+  for (std::size_t lane = 0; lane < kWidth; ++lane) SortHeap(lists.subspan(lane * ranks, ranks));
+}
+
+// `lists` holds `ranks` pairs for each lane of a vector.
+void SelectTopInVectors(const float* in, const Searches& s, std::span<Pair> lists, std::size_t ranks,
+                        Writer& writer) {
+  const auto write = [&](std::span<const Pair> pairs) {
+    for (const Pair& pair : pairs) writer.Write(pair);
+  };
+  const std::span<Pair> list = lists.first(ranks);
+  for (std::size_t run = 0; run < s.runs; ++run, in += s.run_step) {
+    std::size_t i = 0;
+    for (; s.step != 1 && i + kWidth <= s.columns; i += kWidth) {
+      SelectTopSideBySide(in + i, s, lists, ranks);
+      write(lists);
+    }
+    for (; i < s.columns; ++i) {
+      if (s.step == 1) {
+        SelectTopInRow(in + i, s.len, list);
+      } else {
+        SelectTop(in, static_cast<unsigned>(i), s, list);
+      }
+      write(list);
+    }
+  }
+}
+
+// Lists up to this many pairs stay on the stack.
+constexpr std::size_t kPairsOnStack = 512;
+
 }  // namespace
 
 bool VekArgmax::Argmax_v1(const zeb::PuxDnnBufAttrs& in, float* in_data, unsigned int in_count,
@@ -236,6 +394,25 @@ bool VekArgmax::Argmax_v1(const zeb::PuxDnnBufAttrs& in, float* in_data, unsigne
   if (outer == 0 || slices == 0 || ranks == 0) return true;
 
   Writer writer = {.out = out_data, .indices = !out_max_val_ || both, .values = out_max_val_};
+  if (detail::ProductFits32({N, C, H, W}) && detail::ProductFits32({slices, outer, top_k_, 2}) &&
+      s.len <= std::numeric_limits<std::int32_t>::max()) {
+    if (top_k_ == 1) {
+      FindLargestInVectors(in_data, s, writer);
+    } else {
+      Pair on_stack[kPairsOnStack];
+      std::vector<Pair> on_heap;
+      std::span<Pair> lists = on_stack;
+      if (ranks * kWidth > kPairsOnStack) {
+        on_heap.resize(ranks * kWidth);
+        lists = on_heap;
+      }
+      SelectTopInVectors(in_data, s, lists.first(ranks * kWidth), ranks, writer);
+    }
+    const auto count = static_cast<std::size_t>(writer.out - out_data);
+    for (unsigned o = 1; o < outer; ++o) std::memcpy(out_data + o * count, out_data, count * sizeof(float));
+    return true;
+  }
+
   std::vector<Pair> list(top_k_ == 1 ? 0 : ranks);
   for (unsigned o = 0; o < outer; ++o) SearchEach(in_data, s, top_k_, list, writer);
   return true;
