@@ -74,11 +74,34 @@ void Zero(signed char* dst, std::size_t bytes) {
   if (bytes != 0) std::memset(dst, 0, bytes);
 }
 
-// One row: cut, or filled up with zeros.
-void CopyRow(signed char* dst, std::size_t dst_row, const signed char* src, std::size_t src_row) {
+constexpr std::byte kZeros[64] = {};
+
+// Rows that follow each other on both sides, each cut or filled up with zeros.
+void CopyRows(signed char* dst, std::size_t dst_row, const signed char* src, std::size_t src_row,
+              std::size_t count) {
+  auto* to = reinterpret_cast<std::byte*>(dst);
+  const auto* from = reinterpret_cast<const std::byte*>(src);
   const std::size_t copied = std::min(src_row, dst_row);
-  detail::CopyRun(dst, src, copied);
-  Zero(dst + copied, dst_row - copied);
+  const std::size_t zeros = dst_row - copied;
+  const auto src_step = static_cast<std::ptrdiff_t>(src_row);
+  const auto dst_step = static_cast<std::ptrdiff_t>(dst_row);
+
+  // Elements and zeros of a few rows in turn, while the rows are in the nearest cache.
+  constexpr std::size_t kBlockBytes = 8192;
+  const std::size_t block = zeros == 0 ? count : std::max<std::size_t>(kBlockBytes / dst_row, 1);
+  while (count > 0) {
+    const std::size_t rows = std::min(block, count);
+    detail::CopyRows(to, from, {rows, src_step, dst_step}, copied);
+    if (zeros <= sizeof kZeros) {
+      detail::CopyRows(to + copied, kZeros, {rows, 0, dst_step}, zeros);
+    } else {
+      for (std::size_t i = 0; i < rows; ++i) Zero(dst + i * dst_row + copied, zeros);
+    }
+    from += rows * src_row;
+    to += rows * dst_row;
+    dst += rows * dst_row;
+    count -= rows;
+  }
 }
 
 // A copy of rows on its way through both buffers. It goes through the target from front to back, so that each
@@ -95,11 +118,9 @@ class RowCopy {
       Advance(count * dst_row);
       return;
     }
-    for (std::size_t i = 0; i < count; ++i) {
-      CopyRow(dst_, dst_row, src_, src_row);
-      src_ += src_row;
-      Advance(dst_row);
-    }
+    CopyRows(dst_, dst_row, src_, src_row, count);
+    src_ += count * src_row;
+    Advance(count * dst_row);
   }
 
   // Steps over padding. What lies beyond the bytes to fill with zeros is left alone.
@@ -145,9 +166,13 @@ void CopyPlanes(const signed char* src, const zeb::PuxDnnBufAttrs& src_attrs,
   const std::uint64_t planes = empty ? 0 : N * ((std::uint64_t{C} + plane_pack - 1) / plane_pack);
 
   RowCopy copy(src, dst, dst_bytes);
-  for (std::uint64_t plane = 0; plane < planes; ++plane) {
-    copy.Rows(H, src_line, dst_line);
-    copy.Pad(src_pad, dst_pad);
+  if (src_pad == 0 && dst_pad == 0) {
+    copy.Rows(planes * H, src_line, dst_line);
+  } else {
+    for (std::uint64_t plane = 0; plane < planes; ++plane) {
+      copy.Rows(H, src_line, dst_line);
+      copy.Pad(src_pad, dst_pad);
+    }
   }
   copy.Finish();
 }
@@ -167,6 +192,9 @@ std::uint64_t WalkedBytes(const std::vector<unsigned>& dims, const std::vector<u
 void CopyDimension(std::size_t dim, const std::vector<unsigned>& dims, const std::vector<unsigned>& in_pads,
                    const std::vector<unsigned>& out_pads, RowCopy& copy) {
   if (dim + 1 == dims.size()) return copy.Rows(1, in_pads.back(), out_pads.back());
+  if (dim + 2 == dims.size() && in_pads[dim] == 0 && out_pads[dim] == 0) {
+    return copy.Rows(dims[dim], in_pads.back(), out_pads.back());
+  }
   for (unsigned i = 0; i < dims[dim]; ++i) {
     CopyDimension(dim + 1, dims, in_pads, out_pads, copy);
     copy.Pad(in_pads[dim], out_pads[dim]);
@@ -254,7 +282,7 @@ void CopyDimensionWrapping(std::size_t dim, const std::vector<unsigned>& dims, c
                            const std::vector<unsigned>& in_pads, unsigned& in_off, signed char* dst,
                            const std::vector<unsigned>& out_pads, unsigned& out_off) {
   if (dim + 1 >= dims.size()) {
-    CopyRow(dst + out_off, out_pads.back(), src + in_off, in_pads.back());
+    CopyRows(dst + out_off, out_pads.back(), src + in_off, in_pads.back(), 1);
     in_off += in_pads.back();
     out_off += out_pads.back();
     return;

@@ -295,6 +295,12 @@ void DescribeDense(zeb::PuxDnnBufAttrs& attrs, const std::vector<unsigned>& dims
   attrs.SetPlanePack(1);
 }
 
+// Whether a description and its dense one have the same layout, so that converting is copying.
+bool IsDense(const zeb::PuxDnnBufAttrs& attrs, const zeb::PuxDnnBufAttrs& dense) {
+  return attrs.GetMemFormat().plane_pack == 1 && attrs.GetLineStride() == dense.GetLineStride() &&
+         attrs.GetPlaneStride() == dense.GetPlaneStride();
+}
+
 }  // namespace
 
 template <typename T>
@@ -307,7 +313,8 @@ bool VekPermute::DirectAcessPermute(const zeb::PuxDnnBufAttrs& in, signed char* 
   VEK_REQUIRE(BytesToConvert(in_dims, sizeof(T), in.GetMemFormat()) <= bytes,
               "input needs more than the %d bytes of the auxiliary buffer", AsInt(bytes));
 
-  // Scratch stays as it is from call to call, unless an earlier shape made it too small.
+  // Scratch is allocated whether or not this shape goes through it, and stays as it is from call to call, unless an
+  // earlier shape made it too small.
   const auto allocate = [&](std::unique_ptr<signed char[]>& buf, unsigned& capacity) {
     if (capacity < bytes) buf.reset();
     if (buf == nullptr) capacity = bytes;
@@ -316,25 +323,34 @@ bool VekPermute::DirectAcessPermute(const zeb::PuxDnnBufAttrs& in, signed char* 
   VEK_REQUIRE(allocate(aux_in_, aux_in_capacity_) && allocate(aux_out_, aux_out_capacity_),
               "failed to allocate auxiliary buffers of size: %d bytes", AsInt(bytes));
 
-  std::unique_ptr<zeb::PuxDnnBufAttrs> dense = in.Clone();
-  DescribeDense(*dense, in_dims, sizeof(T));
-  if (!convertStride(in_data, std::min(in_bytes, bytes), in, aux_in_.get(), bytes, *dense)) return false;
-
-  const std::vector<unsigned> order = CompletedOrder(axes_, dense->GetNumDims());
-  VEK_REQUIRE(!NamesOnlyDims(order, in_dims.size()) || IsPermutation(order, in_dims.size()) ||
-                  StaysInside(order, in_dims, count),
-              "repeated axes lead outside the %d elements of the input", AsInt(count));
-  if (!Permute_v1(*dense, reinterpret_cast<T*>(aux_in_.get()), count, reinterpret_cast<T*>(aux_out_.get()),
-                  count)) {
+  const std::unique_ptr<zeb::PuxDnnBufAttrs> dense_in = in.Clone();
+  DescribeDense(*dense_in, in_dims, sizeof(T));
+  // Dense data needs no copy of its own.
+  const bool may_skip = bytes != 0 && in_data != out_data;
+  signed char* permute_from = aux_in_.get();
+  if (may_skip && IsDense(in, *dense_in) && in_bytes >= bytes) {
+    permute_from = in_data;
+  } else if (!convertStride(in_data, std::min(in_bytes, bytes), in, aux_in_.get(), bytes, *dense_in)) {
     return false;
   }
 
+  const std::vector<unsigned> order = CompletedOrder(axes_, AsUnsigned(in_dims.size()));
+  VEK_REQUIRE(!NamesOnlyDims(order, in_dims.size()) || IsPermutation(order, in_dims.size()) ||
+                  StaysInside(order, in_dims, count),
+              "repeated axes lead outside the %d elements of the input", AsInt(count));
+
   const std::vector<unsigned> out_dims = out.GetDims();
-  VEK_REQUIRE(BytesToConvert(out_dims, sizeof(T), out.GetMemFormat()) <= bytes,
-              "output needs more than the %d bytes of the auxiliary buffer", AsInt(bytes));
-  dense = out.Clone();
-  DescribeDense(*dense, out_dims, sizeof(T));
-  return convertStride(aux_out_.get(), bytes, *dense, out_data, out_bytes, out);
+  const bool output_fits = BytesToConvert(out_dims, sizeof(T), out.GetMemFormat()) <= bytes;
+  const std::unique_ptr<zeb::PuxDnnBufAttrs> dense_out = out.Clone();
+  DescribeDense(*dense_out, out_dims, sizeof(T));
+  const bool is_last_step = may_skip && output_fits && IsDense(out, *dense_out);
+  signed char* permute_to = is_last_step ? out_data : aux_out_.get();
+  if (!Permute_v1(*dense_in, reinterpret_cast<T*>(permute_from), count, reinterpret_cast<T*>(permute_to),
+                  count)) {
+    return false;
+  }
+  VEK_REQUIRE(output_fits, "output needs more than the %d bytes of the auxiliary buffer", AsInt(bytes));
+  return is_last_step || convertStride(aux_out_.get(), bytes, *dense_out, out_data, out_bytes, out);
 }
 
 namespace {

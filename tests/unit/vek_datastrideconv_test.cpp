@@ -229,6 +229,32 @@ TEST(ConvertStride, WiderRowsEndInZerosAndPlanePaddingIsZero) {
             (std::vector<signed char>{1, 2, 0, 3, 4, 0, 0, 0, 5, 6, 0, 7, 8, 0, 0, 0}));
 }
 
+TEST(ConvertStride, RowsOfEveryLengthEqualTheFormula) {
+  for (const unsigned in_line : {1U, 7U, 8U, 15U, 16U, 17U, 31U, 33U, 63U, 65U, 200U, 600U}) {
+    for (const unsigned more : {1U, 2U, 8U, 15U, 16U, 40U, 63U, 64U, 65U, 100U, 300U}) {
+      for (const unsigned rows : {1U, 3U, 5U, 30U}) {
+        for (const unsigned plane_pad : {0U, 5U}) {
+          const Buf narrow = Bytes4D({1, 2, rows, in_line}, 1, 0, plane_pad);
+          const Buf wide = Bytes4D({1, 2, rows, in_line}, 1, more, plane_pad / 2);
+          for (const auto& [in, out] : {std::pair(narrow, wide), std::pair(wide, narrow)}) {
+            Bytes src(in_line);
+            Bytes dst(more);
+            ASSERT_EQ(reference::ConvertStride(src, in.size, in, dst, out.size, out), "");
+            std::vector<signed char> data(in.size);
+            for (unsigned i = 0; i < in.size; ++i) data[i] = static_cast<signed char>(src.Get(i));
+            const std::vector<signed char> got = Convert(in, data, out);
+            const std::vector<std::uint8_t> expected = dst.Front(out.size);
+            ASSERT_TRUE(
+                std::equal(got.begin(), got.end(), expected.begin(),
+                           [](signed char a, std::uint8_t b) { return static_cast<std::uint8_t>(a) == b; }))
+                << rows << " rows of " << in.line_stride << " bytes to " << out.line_stride;
+          }
+        }
+      }
+    }
+  }
+}
+
 TEST(ConvertStride, TheSourcesOwnRowPaddingIsData) {
   EXPECT_EQ(Convert(Bytes4D({1, 1, 2, 2}, 1, 1), Ramp(6), Bytes4D({1, 1, 2, 2}, 1, 2)),
             (std::vector<signed char>{1, 2, 3, 0, 4, 5, 6, 0}));

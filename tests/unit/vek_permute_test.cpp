@@ -323,6 +323,13 @@ TEST(Permute, ScratchIsAllocatedOnceAndReplacedWhenTooSmall) {
   EXPECT_EQ(layer.aux_bytes_, 48U + 2 * 24000U);
   run({1, 2, 3, 4});
   EXPECT_EQ(layer.aux_bytes_, 48U + 2 * 24000U);
+
+  // Half of it could not be had: the other half is asked for again, alone.
+  layer.aux_out_.reset();
+  run({1, 2, 3, 4});
+  EXPECT_EQ(layer.aux_bytes_, 48U + 2 * 24000U + 24U);
+  run({1, 4, 3, 4});
+  EXPECT_EQ(layer.aux_bytes_, 48U + 2 * 24000U + 24U + 48U);
 }
 
 TEST(Permute, LazyBufAllocKeepsWhatIsThere) {
@@ -379,6 +386,31 @@ TEST(Permute, AnInputWhoseBytesWrapIsRefused) {
   signed char byte = 0;
   EXPECT_FALSE(layer.Execute({&byte}, {&byte}));
   EXPECT_EQ(layer.log, OneError("input needs more than the 0 bytes of the auxiliary buffer"));
+}
+
+TEST(Permute, DirectAccessRunsInPlaceThroughItsScratch) {
+  for (const unsigned row_pad : {0U, 3U}) {
+    const Buf in = Buf::Int(8, {1, 2, 3, 4}).Pad(row_pad, 0);
+    const Buf out = Buf::Int(8, {1, 2, 4, 3});
+    Bytes src(1);
+    Bytes dst(2);
+    EXPECT_EQ(reference::ExecutePermute({0, 1, 3, 2}, in, src, out, dst).error, "");
+    const GuardedBuffer data = Guarded(Bytes(1).Front(in.size));
+    Layer layer("PERMUTE");
+    ASSERT_TRUE(layer.Configure({{"axes", "[0,1,3,2]"}}, {in}, {out}));
+    EXPECT_TRUE(layer.Execute({data.data()}, {data.data()}));
+    std::vector<std::uint8_t> got = data.Get();
+    got.resize(out.size);
+    EXPECT_EQ(got, dst.Front(out.size));
+  }
+}
+
+TEST(Permute, EmptyTensorsNeedNoData) {
+  const Buf empty = Buf::Int(8, {1, 0, 3, 3});
+  Layer layer("PERMUTE");
+  ASSERT_TRUE(layer.Configure({{"axes", "[0,1,3,2]"}}, {empty}, {empty}));
+  EXPECT_TRUE(layer.Execute({nullptr}, {nullptr}));
+  EXPECT_EQ(layer.log, Log{});
 }
 
 TEST(Permute, DescriptionsAreClonedTwiceByDirectAccess) {
