@@ -21,6 +21,7 @@ set(DOXYGEN_SEARCHENGINE NO)
 set(DOXYGEN_GENERATE_LATEX NO)
 set(DOXYGEN_HAVE_DOT NO)
 set(DOXYGEN_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/api)
-doxygen_add_docs(api_pages ${PROJECT_SOURCE_DIR}/include ${PROJECT_SOURCE_DIR}/docs/integrating.md
+doxygen_add_docs(api_pages
+  ${PROJECT_SOURCE_DIR}/include ${PROJECT_SOURCE_DIR}/docs/integrating.md ${PROJECT_SOURCE_DIR}/docs/operators.md
   COMMENT "Generating API pages in ${DOXYGEN_OUTPUT_DIRECTORY}/html")
 install(DIRECTORY ${DOXYGEN_OUTPUT_DIRECTORY}/html DESTINATION ${CMAKE_INSTALL_DOCDIR} OPTIONAL)
