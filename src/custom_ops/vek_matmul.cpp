@@ -84,16 +84,23 @@ bool VekMatmul::Execute(void** in_buffers, void** out_buffers) {
 
 namespace {
 
-// How the blocks are cut. A tile of outputs stays in registers while it runs along k; the wider registers and
-// the more of them, the larger the tile.
-#if defined(__aarch64__) || defined(__AVX512F__)
+// How the blocks are cut. A tile of sums stays in registers while it runs along k, with room beside it for the
+// products of one step.
+#if defined(__aarch64__)
+constexpr bool kLoadsAhead = true;  // a step's values while the products of the one before are added
+constexpr std::size_t kTileRows = 3;
+constexpr std::size_t kPanelVectors = 2;
+#elif defined(__AVX512F__)
+constexpr bool kLoadsAhead = false;
+constexpr std::size_t kTileRows = 4;
 constexpr std::size_t kPanelVectors = 2;
 #else
+constexpr bool kLoadsAhead = false;
+constexpr std::size_t kTileRows = 4;
 constexpr std::size_t kPanelVectors = 1;
 #endif
-constexpr std::size_t kTileRows = 4;
 constexpr std::size_t kPanel = kPanelVectors * detail::kFloatLanes;  // columns of a tile
-constexpr std::size_t kBlockRows = 64;                               // rows of sums kept while B is packed
+constexpr std::size_t kBlockRows = 60;                               // rows of sums kept while B is packed
 constexpr std::size_t kBlockDepth = 256;                             // steps of k packed at a time
 
 // One matrix as the kernel reads it: element (row, column) is data[row * row_step + column * column_step].
@@ -110,8 +117,8 @@ struct Matrix {
   Matrix Transposed() const { return {data, column_step, row_step}; }
 };
 
-// The sums of `rows` x (`vectors` vectors) outputs, `depth` steps of k further: every output adds its
-// products, each rounded to single precision, in increasing k. `b` holds whole vectors of columns, `b_step`
+// The sums of `rows` x (`vectors` vectors) outputs, `depth` steps of k further, at least one: every output adds
+// its products, each rounded to single precision, in increasing k. `b` holds whole vectors of columns, `b_step`
 // elements from k to k; `sums` holds `sums_step` sums per row.
 template <std::size_t rows, std::size_t vectors>
 void AddProducts(const Matrix& a, const float* b, std::size_t b_step, std::size_t depth, double* sums,
@@ -120,18 +127,55 @@ void AddProducts(const Matrix& a, const float* b, std::size_t b_step, std::size_
   for (std::size_t i = 0; i < rows; ++i) {
     for (std::size_t v = 0; v < vectors; ++v) s[i][v].Load(sums + i * sums_step + v * detail::kFloatLanes);
   }
-  for (std::size_t k = 0; k < depth; ++k) {
-    detail::Floats b_values[vectors];
-    for (std::size_t v = 0; v < vectors; ++v)
+
+  float a_values[rows];
+  detail::Floats b_values[vectors];
+  detail::Floats products[rows][vectors];
+  const auto load = [&](std::size_t k) {
+    for (std::size_t v = 0; v < vectors; ++v) {
       b_values[v] = detail::Load(b + k * b_step + v * detail::kFloatLanes);
+    }
+    for (std::size_t i = 0; i < rows; ++i) a_values[i] = *a.At(i, k);
+  };
+  const auto multiply = [&] {
     for (std::size_t i = 0; i < rows; ++i) {
-      const detail::Floats a_value = detail::Splat(*a.At(i, k));
-      for (std::size_t v = 0; v < vectors; ++v) s[i][v].Add(b_values[v] * a_value);
+      for (std::size_t v = 0; v < vectors; ++v) products[i][v] = b_values[v] * detail::Splat(a_values[i]);
+    }
+  };
+  const auto add = [&] {
+    for (std::size_t i = 0; i < rows; ++i) {
+      for (std::size_t v = 0; v < vectors; ++v) s[i][v].Add(products[i][v]);
+    }
+  };
+  if constexpr (kLoadsAhead) {
+    load(0);
+    for (std::size_t k = 1; k < depth; ++k) {
+      multiply();
+      load(k);
+      add();
+    }
+    multiply();
+    add();
+  } else {
+    for (std::size_t k = 0; k < depth; ++k) {
+      load(k);
+      multiply();
+      add();
     }
   }
+
   for (std::size_t i = 0; i < rows; ++i) {
     for (std::size_t v = 0; v < vectors; ++v) s[i][v].Store(sums + i * sums_step + v * detail::kFloatLanes);
   }
+}
+
+// The same for `rows` rows of a packed panel, a tile's or fewer.
+template <std::size_t tile_rows = kTileRows>
+void AddTile(std::size_t rows, const Matrix& a, const float* panel, std::size_t depth, double* sums) {
+  if constexpr (tile_rows > 1) {
+    if (rows < tile_rows) return AddTile<tile_rows - 1>(rows, a, panel, depth, sums);
+  }
+  AddProducts<tile_rows, kPanelVectors>(a, panel, kPanel, depth, sums, kPanel);
 }
 
 // Lays `depth` rows of up to kPanel columns of B side by side, zeros behind them.
@@ -166,21 +210,7 @@ void SumBlock(const Matrix& a, std::size_t rows, const Matrix& b, std::size_t co
     const std::size_t depth = std::min(kBlockDepth, K - k);
     PackPanel(b.From(k, 0), depth, columns, panel);
     for (std::size_t i = 0; i < rows; i += kTileRows) {
-      const Matrix tile = a.From(i, k);
-      double* const tile_sums = sums + i * kPanel;
-      switch (rows - i) {
-        case 1:
-          AddProducts<1, kPanelVectors>(tile, panel, kPanel, depth, tile_sums, kPanel);
-          break;
-        case 2:
-          AddProducts<2, kPanelVectors>(tile, panel, kPanel, depth, tile_sums, kPanel);
-          break;
-        case 3:
-          AddProducts<3, kPanelVectors>(tile, panel, kPanel, depth, tile_sums, kPanel);
-          break;
-        default:
-          AddProducts<kTileRows, kPanelVectors>(tile, panel, kPanel, depth, tile_sums, kPanel);
-      }
+      AddTile(rows - i, a.From(i, k), panel, depth, sums + i * kPanel);
     }
   }
 }
@@ -245,7 +275,7 @@ void MultiplyFewRows(float* out, const Matrix& a, const Matrix& b, std::size_t K
 
 // out (M x P, dense) = a (M x K) times b (K x P), both dense.
 void Multiply(float* out, const Matrix& a, const Matrix& b, std::size_t M, std::size_t K, std::size_t P) {
-  if (P < kTileRows && P < M) {  // the other way round: few rows, many columns
+  if (P <= 3 && P < M) {  // the other way round: few rows, many columns
     MultiplyBlocks(out, 1, P, b.Transposed(), a.Transposed(), P, K, M);
   } else if (M == 1) {
     MultiplyFewRows<1>(out, a, b, K, P);
