@@ -263,6 +263,20 @@ TYPED_TEST(BatchToSpaceKernel, EqualsTheFormula) {
   }
 }
 
+TEST(BatchToSpace, PlanesLargerThanTheCacheHoldsEqualTheFormula) {
+  Random random(5);
+  const Buf in = Buf::Int(8, {4, 3, 101, 105});
+  const Buf out = Buf::Int(8, {1, 3, 199, 205});
+  Outcome outcome;
+  outcome.bitdepth = 8;
+  BatchToSpaceMoves(outcome, 2, 2, 1, 3, Nchw(in), Nchw(out));
+  CheckMoves(outcome, random, Guard::kAfter, [&](void* from, void* to) {
+    zeb_custom_ops::VekBatchToSpace().batchtospace(in, out, static_cast<char*>(from), static_cast<char*>(to),
+                                                   2, 2, 1, 3);
+    return true;
+  });
+}
+
 Setup Generate(Random& random) {
   const unsigned block_height = random.Between(1, 4);
   const unsigned block_width = random.Between(1, 4);

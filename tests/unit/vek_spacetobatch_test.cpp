@@ -332,6 +332,21 @@ TYPED_TEST(SpaceToBatchKernel, EqualsTheFormula) {
   }
 }
 
+TEST(SpaceToBatch, PlanesLargerThanTheCacheHoldsEqualTheFormula) {
+  Random random(5);
+  const Buf in = Buf::Int(8, {1, 3, 199, 205});
+  const Buf out = Buf::Int(8, {4, 3, 101, 105});
+  Outcome outcome;
+  outcome.bitdepth = 8;
+  outcome.fill = 77;
+  SpaceToBatchMoves(outcome, 2, 2, 1, 3, Nchw(in), Nchw(out));
+  CheckMoves(outcome, random, Guard::kAfter, [&](void* from, void* to) {
+    zeb_custom_ops::VekSpaceToBatch().spacetobatch(in, out, static_cast<char*>(from), static_cast<char*>(to),
+                                                   2, 2, 1, 3, 77);
+    return true;
+  });
+}
+
 Setup GenerateValid(Random& random) {
   const unsigned block_height = random.Between(1, 4);
   const unsigned block_width = random.Between(1, 4);

@@ -232,6 +232,21 @@ TYPED_TEST(SpaceToDepthKernel, EqualsTheFormula) {
   }
 }
 
+TEST(SpaceToDepth, RowsLongerThanTheCacheHoldsEqualTheFormula) {
+  Random random(6);
+  for (unsigned width : {30U, 4000U, 40000U}) {
+    const Buf in = Buf::Int(8, {1, 1, 120000 / width / 2 * 2, width});
+    const Buf out = Buf::Int(8, {1, 4, in.dims[2] / 2, width / 2});
+    Outcome outcome;
+    outcome.bitdepth = 8;
+    SpaceToDepthMoves(outcome, 2, Nchw(in), Nchw(out));
+    CheckMoves(outcome, random, Guard::kAfter, [&](void* from, void* to) {
+      zeb_custom_ops::spacetodepth(in, out, static_cast<char*>(from), static_cast<char*>(to), 2);
+      return true;
+    });
+  }
+}
+
 Setup Generate(Random& random) {
   const unsigned b = random.Between(1, 4);
   std::vector<unsigned> dims = {random.Between(0, 3), random.Extent(), random.Extent(), random.Extent()};
