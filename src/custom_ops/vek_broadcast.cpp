@@ -171,7 +171,7 @@ bool Broadcast_v1(const zeb::PuxDnnBufAttrs& in, const zeb::PuxDnnBufAttrs& out,
   const std::uint64_t out_plane = std::uint64_t{H} * out_line;
   const std::uint64_t dense_plane = std::uint64_t{H} * W;
   const unsigned planes = bcast_c != 0 ? 1 : C;
-  const bool rows_apart = H <= 1 || out_line >= W;
+  const bool rows_apart = out_line >= W || (H <= 1 && planes <= 1);
   const bool walks = rows_apart && detail::FitsIn32({{planes, in_plane}, {H, in_row}, {W, 1}}) &&
                      detail::FitsIn32({{planes, out_plane}, {H + 1ULL, out_line}, {W, 1}}) &&
                      detail::FitsIn32({{C, dense_plane}, {dense_plane, 1}});

@@ -277,6 +277,18 @@ TEST(Broadcast, PlanesAreRepeatedAsDenseBlocksWhateverTheLineStride) {
   }
 }
 
+TEST(Broadcast, RowsLongerThanTheLineStrideAreWrittenOneAfterAnother) {
+  Random random(26);
+  for (unsigned H : {1U, 3U}) {
+    for (unsigned flags = 1; flags < 8; ++flags) {
+      Buf out = Buf::Float({1, 20, H, 65});
+      out.line_stride = 56;
+      out.plane_stride = 0;
+      ExpectFormula(Buf::Float({1, 1, 1, 1}), out, flags, random);
+    }
+  }
+}
+
 TEST(Broadcast, OnlyTheFirstBatchItemIsWritten) {
   Random random(4);
   const Buf in = Buf::Float({2, 1, 1, 3});
