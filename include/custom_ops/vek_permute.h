@@ -67,9 +67,9 @@ class ZEB_EXPORT VekPermute : public zeb::PuxDnnCustomLayer {
   bool Permute_v1(const zeb::PuxDnnBufAttrs& in, T* in_data, unsigned int in_count, T* out_data,
                   unsigned int out_count);
 
-  /// Permutes four-dimensional data in any layout: makes a dense planar copy of the input in the first
-  /// scratch buffer, permutes it into the second, and converts that to the output's layout. Instances:
-  /// `float`, `short`, `char`.
+  /// Permutes four-dimensional data in any layout: makes a dense planar copy of the input in the first scratch
+  /// buffer, permutes it into the second, and converts that to the output's layout. A side that is dense already
+  /// does without its copy, unless input and output are one buffer. Instances: `float`, `short`, `char`.
   ///
   /// \param in         the input's shape and layout.
   /// \param in_data    input data.

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <new>
 #include <numeric>
 #include <optional>
 
@@ -12,6 +13,19 @@
 #include "support/plugin.h"
 #include "support/random_layouts.h"
 #include "support/refusals.h"
+
+namespace {
+
+long g_allocations_left = -1;  // without exceptions, before one fails; -1: all succeed
+
+}  // namespace
+
+// Serves the library too.
+void* operator new[](std::size_t bytes, const std::nothrow_t&) noexcept {
+  if (g_allocations_left == 0) return nullptr;
+  if (g_allocations_left > 0) --g_allocations_left;
+  return ::operator new[](bytes);
+}
 
 namespace vek_test {
 namespace {
@@ -330,6 +344,26 @@ TEST(Permute, ScratchIsAllocatedOnceAndReplacedWhenTooSmall) {
   EXPECT_EQ(layer.aux_bytes_, 48U + 2 * 24000U + 24U);
   run({1, 4, 3, 4});
   EXPECT_EQ(layer.aux_bytes_, 48U + 2 * 24000U + 24U + 48U);
+}
+
+TEST(Permute, ScratchThatCannotBeHadIsSaidAndAskedForAgain) {
+  OpenPermute layer;
+  const BufAttrsList in = MakeList({Buf::Int(8, {1, 2, 3, 4})});
+  const BufAttrsList out = MakeList({Buf::Int(8, {1, 2, 4, 3})});
+  EXPECT_TRUE(layer.Configure({{"axes", "[0,1,3,2]"}}, in, out));
+  std::vector<signed char> data(24);
+  std::vector<signed char> result(24);
+  void* ins[] = {data.data()};
+  void* outs[] = {result.data()};
+  for (const long succeed : {0L, 1L}) {
+    g_allocations_left = succeed;
+    const Log log = CaptureLog([&] { EXPECT_FALSE(layer.Execute(ins, outs)); });
+    g_allocations_left = -1;
+    EXPECT_EQ(log, OneError("failed to allocate auxiliary buffers of size: 24 bytes"));
+  }
+  EXPECT_EQ(layer.aux_bytes_, 24U + 48U) << "what failed counts as asked for";
+  EXPECT_TRUE(layer.Execute(ins, outs));
+  EXPECT_EQ(layer.aux_bytes_, 96U);
 }
 
 TEST(Permute, LazyBufAllocKeepsWhatIsThere) {
