@@ -556,7 +556,8 @@ struct Pair {
     model->budget = &budget;
     model->log.clear();
     const unsigned nulls = bytes.Below(32);
-    const bool same_inputs = bytes.OneIn(5);
+    // One buffer for all inputs, where all hold the same kind of elements.
+    const bool same_inputs = bytes.OneIn(5) && model->Computes();
 
     std::vector<std::unique_ptr<Memory>> memories;
     Arrays arrays;
