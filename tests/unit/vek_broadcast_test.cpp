@@ -280,11 +280,15 @@ TEST(Broadcast, PlanesAreRepeatedAsDenseBlocksWhateverTheLineStride) {
 TEST(Broadcast, RowsLongerThanTheLineStrideAreWrittenOneAfterAnother) {
   Random random(26);
   for (unsigned H : {1U, 3U}) {
-    for (unsigned flags = 1; flags < 8; ++flags) {
-      Buf out = Buf::Float({1, 20, H, 65});
-      out.line_stride = 56;
-      out.plane_stride = 0;
-      ExpectFormula(Buf::Float({1, 1, 1, 1}), out, flags, random);
+    for (unsigned in_line_stride : {0U, 4U, 56U}) {
+      for (unsigned flags = 1; flags < 8; ++flags) {
+        Buf in = Buf::Float({1, 20, H, 65});
+        Buf out = in;
+        in.line_stride = in_line_stride;
+        out.line_stride = 56;
+        in.plane_stride = out.plane_stride = 0;
+        ExpectFormula(in, out, flags, random);
+      }
     }
   }
 }
