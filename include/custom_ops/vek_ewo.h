@@ -15,9 +15,10 @@ namespace zeb_custom_ops {
 
 /// One element-wise function of float tensors. With A for input 0, B for input 1:
 ///
-///     method 0:  out[n, c, h, w] = A[n, c, h, w] * B[n, c, h, w]     an operand may repeat along any
-///     dimension method 6:  out[n, c, h, w] = A[n, c, h, w] / B[n, c, h, w]     likewise method 1:  out[i] =
-///     A[i] + k method 7:  out[i] = powf(A[i], k), or 1 / A[i] when k is exactly -1
+///     method 0:  out[n, c, h, w] = A[n, c, h, w] * B[n, c, h, w]     an operand may repeat along any dimension
+///     method 6:  out[n, c, h, w] = A[n, c, h, w] / B[n, c, h, w]     likewise
+///     method 1:  out[i] = A[i] + k
+///     method 7:  out[i] = powf(A[i], k), or 1 / A[i] when k is exactly -1
 ///
 /// - Formats: 32-bit float, planar, unpadded, of any rank; N, C, H and W are what the accessors of input 0
 ///   say (of the full operand, where the other holds one value per plane).

@@ -19,7 +19,7 @@ namespace zeb_custom_ops {
 ///     out[n, i, j] = sum over k of A[n, i, k] * A[n, j, k]     one input, "trans_b" = "1"
 ///
 /// - Formats: 32-bit float, planar, of any rank; the matrices are what the four accessors say, taken as
-/// dense.
+///   dense.
 /// - Attributes: "trans_b", mandatory; set by the text "1" alone, any other text clears it. Two inputs in
 ///   different buffers make it irrelevant; two inputs in the same buffer count as one.
 /// - Buffers: one or two inputs, one output. The output must overlap no input.
