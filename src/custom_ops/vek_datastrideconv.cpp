@@ -74,8 +74,6 @@ void Zero(signed char* dst, std::size_t bytes) {
   if (bytes != 0) std::memset(dst, 0, bytes);
 }
 
-constexpr std::byte kZeros[64] = {};
-
 // Rows that follow each other on both sides, each cut or filled up with zeros.
 void CopyRows(signed char* dst, std::size_t dst_row, const signed char* src, std::size_t src_row,
               std::size_t count) {
@@ -87,19 +85,15 @@ void CopyRows(signed char* dst, std::size_t dst_row, const signed char* src, std
   const auto dst_step = static_cast<std::ptrdiff_t>(dst_row);
 
   // Elements and zeros of a few rows in turn, while the rows are in the nearest cache.
+  constexpr std::byte kZero{0};
   constexpr std::size_t kBlockBytes = 8192;
   const std::size_t block = zeros == 0 ? count : std::max<std::size_t>(kBlockBytes / dst_row, 1);
   while (count > 0) {
     const std::size_t rows = std::min(block, count);
     detail::CopyRows(to, from, {rows, src_step, dst_step}, copied);
-    if (zeros <= sizeof kZeros) {
-      detail::CopyRows(to + copied, kZeros, {rows, 0, dst_step}, zeros);
-    } else {
-      for (std::size_t i = 0; i < rows; ++i) Zero(dst + i * dst_row + copied, zeros);
-    }
+    detail::RepeatRows<std::uint8_t>(to + copied, &kZero, {rows, 0, dst_step}, zeros);
     from += rows * src_row;
     to += rows * dst_row;
-    dst += rows * dst_row;
     count -= rows;
   }
 }

@@ -16,8 +16,16 @@ namespace internal {
 
 // Below, everything is bytes: pointers, steps and run lengths.
 
-using Block = Vec<std::uint8_t>;
-inline constexpr std::size_t kShortRun = 4 * kVecBytes;
+// The widest move that the target has.
+#if defined(__AVX__)
+inline constexpr std::size_t kBlockBytes = 2 * kVecBytes;
+#else
+inline constexpr std::size_t kBlockBytes = kVecBytes;
+#endif
+typedef std::uint8_t Block __attribute__((vector_size(kBlockBytes)));
+
+// Up to here the moves of a run stand in registers; a longer one is worth aligned stores.
+inline constexpr std::size_t kShortRun = 64;
 
 // A short run: `moves` moves side by side, of which the last one ends where the run ends.
 template <typename Move, std::size_t moves>
@@ -41,20 +49,24 @@ struct ShortRun {
   }
 };
 
-// Calls `body(run, last)` with a ShortRun for runs of `bytes` bytes, 1 to 64; `last` is where its last move starts.
+// Calls `body(run, last)` with a ShortRun for runs of 1 to kShortRun bytes; `last` is where its last move starts.
 template <typename Body>
 [[gnu::always_inline]] inline void WithShortRun(std::size_t bytes, const Body& body) {
   const auto with = [&]<typename Move, std::size_t moves>(ShortRun<Move, moves> run) {
     body(run, bytes - sizeof(Move));
   };
-  if (bytes > 3 * kVecBytes) {
+  if (bytes > 3 * kBlockBytes) {
     with(ShortRun<Block, 4>{});
-  } else if (bytes > 2 * kVecBytes) {
+  } else if (bytes > 2 * kBlockBytes) {
     with(ShortRun<Block, 3>{});
-  } else if (bytes > kVecBytes) {
+  } else if (bytes > kBlockBytes) {
     with(ShortRun<Block, 2>{});
-  } else if (bytes == kVecBytes) {
+  } else if (bytes == kBlockBytes) {
     with(ShortRun<Block, 1>{});
+  } else if (kBlockBytes > kVecBytes && bytes > kVecBytes) {
+    with(ShortRun<Vec<std::uint8_t>, 2>{});
+  } else if (kBlockBytes > kVecBytes && bytes == kVecBytes) {
+    with(ShortRun<Vec<std::uint8_t>, 1>{});
   } else if (bytes > 8) {
     with(ShortRun<std::uint64_t, 2>{});
   } else if (bytes == 8) {
@@ -75,18 +87,27 @@ template <typename Body>
 // The run from which on the C library's call costs nothing beside its work.
 inline constexpr std::size_t kCallBytes = 512;
 
-// Copies one run of 64 bytes or more.
+// The first address from `at` on that a vector may start at without crossing a cache line, and one vector on.
+inline std::size_t BytesToAligned(const std::byte* at) {
+  return kBlockBytes - reinterpret_cast<std::uintptr_t>(at) % kBlockBytes;
+}
+
+// Copies one run that is not short. All stores but the first and the last are aligned, because a store that
+// crosses a cache line costs two.
 inline void CopyLongRun(std::byte* dst, const std::byte* src, std::size_t bytes) {
   if (bytes > kCallBytes) {
     std::memcpy(dst, src, bytes);
     return;
   }
-  const auto copy = [=](std::size_t at) {
-    ShortRun<Block, 4>::From(src + at, kShortRun - kVecBytes).To(dst + at, kShortRun - kVecBytes);
-  };
-  std::size_t at = 0;
-  for (; at + kShortRun <= bytes; at += kShortRun) copy(at);
-  if (at < bytes) copy(bytes - kShortRun);
+  const auto copy = [=](std::size_t at) { Store(dst + at, Load<Block>(src + at)); };
+  copy(0);
+  std::size_t at = BytesToAligned(dst);
+  for (; at + kShortRun <= bytes; at += kShortRun) {
+    ShortRun<Block, kShortRun / kBlockBytes>::From(src + at, kShortRun - kBlockBytes)
+        .To(dst + at, kShortRun - kBlockBytes);
+  }
+  for (; at + kBlockBytes < bytes; at += kBlockBytes) copy(at);
+  copy(bytes - kBlockBytes);
 }
 
 // Where the rows of a source start: at a fixed distance, or where a list of indices says.
@@ -104,11 +125,6 @@ struct IndexedRows {
 
   const std::byte* Row(std::ptrdiff_t i) const { return base + index[i] * step; }
   void Advance(std::ptrdiff_t rows) { index += rows; }
-};
-
-struct NoRows {
-  const std::byte* Row(std::ptrdiff_t) const { return nullptr; }
-  void Advance(std::ptrdiff_t) {}
 };
 
 // Calls `row(to, from)` for each of `rows` rows, four at a time.
@@ -152,51 +168,33 @@ namespace internal {
 // Copies one run of `bytes` bytes to `rows` rows.
 inline void RepeatRun(std::byte* dst, std::ptrdiff_t dst_step, std::size_t rows, const std::byte* src,
                       std::size_t bytes) {
-  if (rows == 0 || bytes == 0) return;
   constexpr std::size_t kCached = 8192;
-  if (dst_step == static_cast<std::ptrdiff_t>(bytes) && bytes < kShortRun) {
-    // Short rows that touch are a pattern: what stands is copied behind itself, until there is enough of it to be
-    // copied on and on from the cache.
-    std::memcpy(dst, src, bytes);
-    const std::size_t total = rows * bytes;
-    std::size_t period = bytes;
-    for (std::size_t done = bytes; done < total;) {
-      const std::size_t count = std::min(period, total - done);
-      std::memcpy(dst + done, dst, count);
-      done += count;
-      if (period < kCached) period = done;
-    }
-    return;
+  if (dst_step != static_cast<std::ptrdiff_t>(bytes) || bytes > kCached) {
+    return CopyRowsFrom(dst, dst_step, SteppedRows{src, 0}, rows, bytes);
   }
-  if (bytes > kCached / 4) return CopyRowsFrom(dst, dst_step, SteppedRows{src, 0}, rows, bytes);
-  // Slices of the run, held in registers, go down a block of rows that stays in the cache.
-  const std::size_t block = std::max<std::size_t>(4, kCached / bytes);
-  for (std::size_t first = 0; first < rows; first += block) {
-    const std::size_t count = std::min(block, rows - first);
-    std::byte* to = dst + static_cast<std::ptrdiff_t>(first) * dst_step;
-    std::size_t at = 0;
-    for (; bytes - at > kShortRun; at += kShortRun) {
-      const auto slice = ShortRun<Block, 4>::From(src + at, kShortRun - kVecBytes);
-      ForRows(to + at, dst_step, NoRows{}, count,
-              [=](std::byte* row, const std::byte*) { slice.To(row, kShortRun - kVecBytes); });
-    }
-    WithShortRun(bytes - at, [&](auto run, std::size_t last) {
-      const auto slice = decltype(run)::From(src + at, last);
-      ForRows(to + at, dst_step, NoRows{}, count,
-              [=](std::byte* row, const std::byte*) { slice.To(row, last); });
-    });
+  if (rows == 0 || bytes == 0) return;
+  // Rows that touch are a pattern: what stands is copied behind itself, until there is enough of it to be copied on
+  // and on from the cache.
+  std::memcpy(dst, src, bytes);
+  const std::size_t total = rows * bytes;
+  std::size_t period = bytes;
+  for (std::size_t done = bytes; done < total;) {
+    const std::size_t count = std::min(period, total - done);
+    std::memcpy(dst + done, dst, count);
+    done += count;
+    if (period < kCached) period = done;
   }
 }
 
-// Fills `bytes` bytes, 16 or more, with a pattern that starts anew every 16 bytes; `bytes` is a multiple of the
+// Fills `bytes` bytes, a vector or more, with a pattern that starts anew every vector; `bytes` is a multiple of the
 // width of the elements that the pattern is made of.
 inline void FillVectors(std::byte* dst, Block pattern, std::size_t bytes) {
   std::byte* const end = dst + bytes;
-  for (; end - dst >= std::ptrdiff_t{8 * kVecBytes}; dst += 8 * kVecBytes) {
-    for (std::size_t k = 0; k < 8; ++k) Store(dst + k * kVecBytes, pattern);
+  for (; end - dst >= std::ptrdiff_t{8 * kBlockBytes}; dst += 8 * kBlockBytes) {
+    for (std::size_t k = 0; k < 8; ++k) Store(dst + k * kBlockBytes, pattern);
   }
-  for (; end - dst >= std::ptrdiff_t{kVecBytes}; dst += kVecBytes) Store(dst, pattern);
-  Store(end - kVecBytes, pattern);
+  for (; end - dst >= std::ptrdiff_t{kBlockBytes}; dst += kBlockBytes) Store(dst, pattern);
+  Store(end - kBlockBytes, pattern);
 }
 
 // A vector that holds `value` in every lane.
@@ -204,7 +202,8 @@ template <typename T>
 inline Block Pattern(T value) {
   Word<sizeof(T)> word;
   std::memcpy(&word, &value, sizeof word);
-  return reinterpret_cast<Block>(Broadcast<Word<sizeof(T)>>(word));
+  typedef Word<sizeof(T)> Words __attribute__((vector_size(kBlockBytes)));
+  return reinterpret_cast<Block>(Words{} + word);
 }
 
 }  // namespace internal
@@ -213,7 +212,7 @@ inline Block Pattern(T value) {
 template <typename T>
 void CopyRun(T* dst, const T* src, std::size_t count) {
   const std::size_t bytes = count * sizeof(T);
-  if (bytes >= kVecBytes) {
+  if (bytes >= internal::kBlockBytes) {
     std::memcpy(dst, src, bytes);
   } else if (bytes != 0) {
     internal::WithShortRun(bytes, [=](auto run, std::size_t last) {
@@ -239,7 +238,7 @@ void FillRun(T* dst, T value, std::size_t count) {
     }
   }
   const internal::Block pattern = internal::Pattern(value);
-  if (bytes >= kVecBytes) {
+  if (bytes >= internal::kBlockBytes) {
     internal::FillVectors(to, pattern, bytes);
   } else if (bytes != 0) {
     internal::WithShortRun(bytes,
@@ -254,7 +253,7 @@ template <typename T, typename Source>
 inline void RepeatElements(std::byte* dst, std::ptrdiff_t step, Source source, std::size_t rows,
                            std::size_t count) {
   const std::size_t bytes = count * sizeof(T);
-  if (bytes > 2 * kVecBytes) {
+  if (bytes > 2 * kBlockBytes) {
     for (; rows > 0; --rows, dst += step, source.Advance(1)) {
       FillVectors(dst, Pattern(Load<T>(source.Row(0))), bytes);
     }

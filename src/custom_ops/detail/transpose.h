@@ -142,13 +142,14 @@ inline void ForBlocks(std::size_t extent, std::size_t tile, std::size_t per_bloc
   if (tiles * tile < extent) body(extent - tile, 1);
 }
 
-// Transposes d_extent rows of s_extent elements in blocks of a cache line of 64 rows of the target, or as many more
-// bytes of as many fewer rows: its lines are written whole, and what they take from the source is still at hand.
+// Transposes d_extent rows of s_extent elements in blocks of a cache line of 32 or 64 rows of the target, or as many
+// more bytes of as many fewer rows: its lines are written whole, and what they take from the source, two lines of a
+// row at most, is still at hand.
 template <typename T, std::size_t m, std::size_t n, bool src_dense, bool dst_dense>
 void TransposeBlocks(std::byte* dst, std::ptrdiff_t dst_stride, const std::byte* src,
                      std::ptrdiff_t src_stride, std::size_t d_extent, std::size_t s_extent) {
-  constexpr std::size_t kLines = 64;
   constexpr std::size_t kLineBytes = 64;
+  constexpr std::size_t kLines = std::min<std::size_t>(64, 2 * kLineBytes / sizeof(T));
   const std::size_t block_rows = kLineBytes / sizeof(T) * std::max<std::size_t>(1, kLines / s_extent);
   const RowSteps dst_rows(dst_stride), src_rows(src_stride);
   ForBlocks(s_extent, n, m < kLanes<T> ? s_extent : kLines / n, [&](std::size_t column, std::size_t n_tiles) {
