@@ -139,6 +139,16 @@ TEST(Walk, CopiesRowsOfEveryLength) {
   }
 }
 
+// Touching rows that repeat, so many that the pattern outgrows the piece that is copied on and on.
+TEST(Walk, RepeatsTouchingRowsOfEveryLength) {
+  Random random(9);
+  for (std::size_t width = 1; width <= 150; width += width < 20 ? 1 : 13) {
+    const auto W = static_cast<std::ptrdiff_t>(width);
+    ASSERT_NO_FATAL_FAILURE(CheckWidths({{20000 / width, 0, W}, {width, 1, 1}}, random));
+    ASSERT_NO_FATAL_FAILURE(CheckWidths({{20000 / width, 0, W + 1}, {width, 1, 1}}, random));
+  }
+}
+
 TEST(Walk, RepeatsElementsAlongRowsOfEveryLength) {
   Random random(3);
   for (std::size_t width = 1; width <= 150; ++width) {

@@ -84,30 +84,39 @@ template <typename Body>
   }
 }
 
+// Copies one run of a block or more. All stores but the first and the last are aligned: processors split those that
+// cross a cache line, and some of them all that are not aligned.
+[[gnu::always_inline]] inline void CopyBlocks(std::byte* dst, const std::byte* src, std::size_t bytes) {
+  const auto copy = [&]<std::size_t moves>(ShortRun<Block, moves> run) __attribute__((always_inline)) {
+    constexpr std::size_t kLast = (moves - 1) * kBlockBytes;
+    run.From(src, kLast).To(dst, kLast);
+    src += sizeof run;
+    dst += sizeof run;
+    bytes -= sizeof run;
+  };
+  if (const std::size_t skip = -reinterpret_cast<std::uintptr_t>(dst) % kBlockBytes; skip != 0) {
+    Store(dst, Load<Block>(src));
+    src += skip;
+    dst += skip;
+    bytes -= skip;
+  }
+  while (bytes >= 64) copy(ShortRun<Block, 64 / kBlockBytes>{});
+  if ((bytes & 32) != 0) copy(ShortRun<Block, 32 / kBlockBytes>{});
+  if (kBlockBytes == 16 && (bytes & 16) != 0) copy(ShortRun<Block, 1>{});
+  if (bytes % kBlockBytes != 0) {
+    Store(dst + bytes - kBlockBytes, Load<Block>(src + bytes - kBlockBytes));
+  }
+}
+
 // The run from which on the C library's call costs nothing beside its work.
 inline constexpr std::size_t kCallBytes = 512;
 
-// The first address from `at` on that a vector may start at without crossing a cache line, and one vector on.
-inline std::size_t BytesToAligned(const std::byte* at) {
-  return kBlockBytes - reinterpret_cast<std::uintptr_t>(at) % kBlockBytes;
-}
-
-// Copies one run that is not short. All stores but the first and the last are aligned, because a store that
-// crosses a cache line costs two.
 inline void CopyLongRun(std::byte* dst, const std::byte* src, std::size_t bytes) {
   if (bytes > kCallBytes) {
     std::memcpy(dst, src, bytes);
-    return;
+  } else {
+    CopyBlocks(dst, src, bytes);
   }
-  const auto copy = [=](std::size_t at) { Store(dst + at, Load<Block>(src + at)); };
-  copy(0);
-  std::size_t at = BytesToAligned(dst);
-  for (; at + kShortRun <= bytes; at += kShortRun) {
-    ShortRun<Block, kShortRun / kBlockBytes>::From(src + at, kShortRun - kBlockBytes)
-        .To(dst + at, kShortRun - kBlockBytes);
-  }
-  for (; at + kBlockBytes < bytes; at += kBlockBytes) copy(at);
-  copy(bytes - kBlockBytes);
 }
 
 // Where the rows of a source start: at a fixed distance, or where a list of indices says.
@@ -148,8 +157,10 @@ inline void CopyRowsFrom(std::byte* dst, std::ptrdiff_t step, Source source, std
     for (; rows > 0; --rows, dst += step, source.Advance(1)) CopyLongRun(dst, source.Row(0), bytes);
   } else if (bytes > 0) {
     WithShortRun(bytes, [=](auto run, std::size_t last) {
-      ForRows(dst, step, source, rows,
-              [=](std::byte* to, const std::byte* from) { decltype(run)::From(from, last).To(to, last); });
+      ForRows(
+          dst, step, source, rows, [=](std::byte * to, const std::byte* from) __attribute__((always_inline)) {
+            decltype(run)::From(from, last).To(to, last);
+          });
     });
   }
 }
@@ -174,13 +185,17 @@ inline void RepeatRun(std::byte* dst, std::ptrdiff_t dst_step, std::size_t rows,
   }
   if (rows == 0 || bytes == 0) return;
   // Rows that touch are a pattern: what stands is copied behind itself, until there is enough of it to be copied on
-  // and on from the cache.
+  // and on from the nearest cache.
   std::memcpy(dst, src, bytes);
   const std::size_t total = rows * bytes;
   std::size_t period = bytes;
   for (std::size_t done = bytes; done < total;) {
     const std::size_t count = std::min(period, total - done);
-    std::memcpy(dst + done, dst, count);
+    if (count < kBlockBytes) {
+      std::memcpy(dst + done, dst, count);
+    } else {
+      CopyBlocks(dst + done, dst, count);
+    }
     done += count;
     if (period < kCached) period = done;
   }
@@ -259,9 +274,10 @@ inline void RepeatElements(std::byte* dst, std::ptrdiff_t step, Source source, s
     }
   } else if (bytes > 0) {
     WithShortRun(bytes, [=](auto run, std::size_t last) {
-      ForRows(dst, step, source, rows, [=](std::byte* to, const std::byte* from) {
-        decltype(run)::Filled(Pattern(Load<T>(from))).To(to, last);
-      });
+      ForRows(
+          dst, step, source, rows, [=](std::byte * to, const std::byte* from) __attribute__((always_inline)) {
+            decltype(run)::Filled(Pattern(Load<T>(from))).To(to, last);
+          });
     });
   }
 }
