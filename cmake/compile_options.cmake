@@ -33,11 +33,6 @@ if(VEK_FUZZ)
   target_compile_options(vek_compile_options INTERFACE -fsanitize=fuzzer-no-link)
 endif()
 
-if(VEK_COVERAGE)
-  target_compile_options(vek_compile_options INTERFACE --coverage -fprofile-update=atomic)
-  target_link_options(vek_compile_options INTERFACE --coverage)
-endif()
-
 # Hardening of a release build; sanitized and instrumented builds do without.
 function(vek_harden target)
   target_link_options(${target} PRIVATE LINKER:-z,relro,-z,now,-z,noexecstack)

@@ -35,7 +35,7 @@ inline bool IsConfigured(Layer& layer) {
   return !layer.log.empty() && layer.log[0].text.find("NULL") != std::string::npos;
 }
 
-// Each fault alone gives exactly its lines; of every two together, the earlier one speaks alone. A layer that
+// Each fault alone gives exactly its lines, and none where the log is silenced; of every two together, the earlier one speaks alone. A layer that
 // was configured before stays configured: `IsConfigured(layer)` is asked after each refusal.
 inline void CheckOrderOfRefusals(const std::string& type, const Setup& valid,
                                  const std::vector<Fault>& faults) {
@@ -61,6 +61,11 @@ inline void CheckOrderOfRefusals(const std::string& type, const Setup& valid,
       Setup setup = valid;
       faults[i].spoil(setup);
       expect_refused(setup, faults[i]);
+
+      const ScopedThreshold silence(kNone);
+      Layer quiet(type);
+      EXPECT_FALSE(quiet.Configure(setup.attrs, setup.in, setup.out));
+      EXPECT_EQ(quiet.log, Log{});
     }
     for (std::size_t j = i + 1; j < faults.size(); ++j) {
       if (!faults[i].group.empty() && faults[i].group == faults[j].group) continue;
