@@ -299,7 +299,7 @@ void SelectTopInRow(const float* row, std::size_t len, std::span<Pair> list) {
 
 // A vector of searches that start side by side; `lists` holds `ranks` pairs for each.
 void SelectTopSideBySide(const float* in, const Searches& s, std::span<Pair> lists, std::size_t ranks) {
-  Floats root;
+  Floats root = {};
   for (std::size_t lane = 0; lane < kWidth; ++lane) {
     const std::span<Pair> list = lists.subspan(lane * ranks, ranks);
     for (std::size_t k = 0; k < ranks; ++k) list[k] = {in[lane + k * s.step], static_cast<unsigned>(k)};

@@ -52,9 +52,7 @@ struct ShortRun {
 // Calls `body(run, last)` with a ShortRun for runs of 1 to kShortRun bytes; `last` is where its last move starts.
 template <typename Body>
 [[gnu::always_inline]] inline void WithShortRun(std::size_t bytes, const Body& body) {
-  const auto with = [&]<typename Move, std::size_t moves>(ShortRun<Move, moves> run) {
-    body(run, bytes - sizeof(Move));
-  };
+  const auto with = [&](auto run) { body(run, bytes - sizeof run.part[0]); };
   if (bytes > 3 * kBlockBytes) {
     with(ShortRun<Block, 4>{});
   } else if (bytes > 2 * kBlockBytes) {
@@ -87,8 +85,8 @@ template <typename Body>
 // Copies one run of a block or more. All stores but the first and the last are aligned: processors split those that
 // cross a cache line, and some of them all that are not aligned.
 [[gnu::always_inline]] inline void CopyBlocks(std::byte* dst, const std::byte* src, std::size_t bytes) {
-  const auto copy = [&]<std::size_t moves>(ShortRun<Block, moves> run) __attribute__((always_inline)) {
-    constexpr std::size_t kLast = (moves - 1) * kBlockBytes;
+  const auto copy = [&](auto run) __attribute__((always_inline)) {
+    constexpr std::size_t kLast = sizeof run - kBlockBytes;
     run.From(src, kLast).To(dst, kLast);
     src += sizeof run;
     dst += sizeof run;

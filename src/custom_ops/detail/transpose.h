@@ -167,7 +167,8 @@ void TransposeBlocks(std::byte* dst, std::ptrdiff_t dst_stride, const std::byte*
 // elements or more; steps are bytes.
 template <typename T>
 inline void TransposePlane(std::byte* dst, const std::byte* src, const Axis& d, const Axis& s) {
-  internal::WithTileExtent<sizeof(T) == 4 ? 2 * kLanes<T> : kLanes<T>>(d.extent, [&](auto m) {
+  constexpr std::size_t kMostRows = sizeof(T) == 4 ? 2 * kLanes<T> : kLanes<T>;
+  internal::WithTileExtent<kMostRows>(d.extent, [&](auto m) {
     internal::WithTileExtent<kLanes<T>>(s.extent, [&](auto n) {
       const auto tiles = [&](auto src_dense, auto dst_dense) {
         internal::TransposeBlocks<T, m, n, src_dense, dst_dense>(dst, s.dst_step, src, d.src_step, d.extent,
