@@ -65,7 +65,7 @@ class Memory {
   }
   void Zero(u64 offset, u64 count) {
     Touch(offset, count);
-    std::fill_n(bytes_.begin() + static_cast<std::ptrdiff_t>(offset), count, std::uint8_t{0});
+    if (count != 0) std::fill_n(bytes_.begin() + static_cast<std::ptrdiff_t>(offset), count, std::uint8_t{0});
   }
   // Copies bytes from another memory.
   void CopyFrom(u64 offset, Memory& from, u64 from_offset, u64 count) {

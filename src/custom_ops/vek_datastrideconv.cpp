@@ -87,7 +87,8 @@ void CopyRows(signed char* dst, std::size_t dst_row, const signed char* src, std
   // Elements and zeros of a few rows in turn, while the rows are in the nearest cache.
   constexpr std::byte kZero{0};
   constexpr std::size_t kBlockBytes = 8192;
-  const std::size_t block = zeros == 0 ? count : std::max<std::size_t>(kBlockBytes / dst_row, 1);
+  const std::size_t block =
+      zeros == 0 ? count : kBlockBytes / std::clamp<std::size_t>(dst_row, 1, kBlockBytes);
   while (count > 0) {
     const std::size_t rows = std::min(block, count);
     detail::CopyRows(to, from, {rows, src_step, dst_step}, copied);
