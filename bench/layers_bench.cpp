@@ -5,6 +5,7 @@
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
+#include <cmath>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -198,6 +199,18 @@ void Copy(benchmark::State& state, std::uint64_t bytes) {
   }
 }
 
+// What a power costs that calls the C library for each element.
+void CallPowf(benchmark::State& state) {
+  std::vector<float> from(64 * 112 * 112, 1.5F);
+  std::vector<float> to(from.size());
+  float k = 2.2F;
+  for (auto _ : state) {
+    benchmark::DoNotOptimize(k);
+    for (std::size_t i = 0; i < from.size(); ++i) to[i] = std::pow(from[i], k);
+    benchmark::ClobberMemory();
+  }
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -216,6 +229,7 @@ int main(int argc, char** argv) {
       state.SetBytesProcessed(static_cast<std::int64_t>(bytes) * state.iterations());
     });
   }
+  benchmark::RegisterBenchmark("eltwise/power_2.2/powf", CallPowf);
   benchmark::RunSpecifiedBenchmarks();
   benchmark::Shutdown();
 }
