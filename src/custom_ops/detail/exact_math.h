@@ -23,8 +23,7 @@ namespace zeb_custom_ops::detail {
 namespace internal {
 
 // 2^(i / 32), correctly rounded, as bits with the exponent's share of i taken out: (n << 47) more, for an n
-// that is i modulo 32, are the bits of 2^(n / 32). The 32 rows are there eight times over, so that a byte of n
-// is an index.
+// that is i modulo 32, are the bits of 2^(n / 32). The 32 rows are there eight times over, for LookUp32.
 inline constexpr std::array<std::uint64_t, 256> kExp2Table = [] {
   constexpr double kPowers[32] = {
       0x1.0000000000000p+0, 0x1.059b0d3158574p+0, 0x1.0b5586cf9890fp+0, 0x1.11301d0125b51p+0,
@@ -72,7 +71,7 @@ inline Split SplitProductAtInteger(Doubles a, Doubles b) {
 inline Doubles Exp2Steps(Split z) {
   constexpr Doubles kZero = {};
   const Doubles r = z.rest;
-  const auto scale = reinterpret_cast<Doubles>(LookUp(kExp2Table.data(), z.integer) + (z.integer << 47));
+  const auto scale = reinterpret_cast<Doubles>(LookUp32(kExp2Table.data(), z.integer) + (z.integer << 47));
   const Doubles u =
       Fma(kZero + 0x1.c6af84b912394p-5 / 32 / 32 / 32, r, kZero + 0x1.ebfce50fac4f3p-3 / 32 / 32);
   const Doubles y = Fma(kZero + 0x1.62e42ff0c52d6p-1 / 32, r, kZero + 1.0);
@@ -132,22 +131,25 @@ inline Powers PowSteps(Floats x, float k) {
   // A mantissa from 1 to 2 becomes one from 0.7 to 1.4, so that logarithms near 0 are exact.
   const Words offset = bits - 0x3f330000U;
   const Words exponent_bits = offset & 0xff800000U;
-  const Halves<Doubles> mantissa = Widen(reinterpret_cast<Floats>(bits - exponent_bits));
-  const Halves<Doubles> exponent = Widen(reinterpret_cast<Ints>(exponent_bits) >> 23);
+  const Wide<Doubles> mantissa = Widen(reinterpret_cast<Floats>(bits - exponent_bits));
+  const Wide<Doubles> exponent = Widen(reinterpret_cast<Ints>(exponent_bits) >> 23);
   const Words interval = (offset >> 19) & 15U;
-  const Halves<LongWords> reciprocal = LookUp(kLogTable.reciprocal.data(), interval);
-  const Halves<LongWords> log2 = LookUp(kLogTable.log2.data(), interval);
+  const Wide<LongWords> reciprocal = LookUp16(kLogTable.reciprocal.data(), interval);
+  const Wide<LongWords> log2 = LookUp16(kLogTable.log2.data(), interval);
 
-  // k * log2(x), in thirty-seconds.
   const double factor = 32.0 * static_cast<double>(k);
-  const Split low = SplitAtInteger(Log2Steps(mantissa.low, exponent.low, reciprocal.low, log2.low) * factor);
-  const Split high =
-      SplitAtInteger(Log2Steps(mantissa.high, exponent.high, reciprocal.high, log2.high) * factor);
+  Wide<Doubles> power;
+  Wide<LongWords> integer;
+  for (int i = 0; i < kWideParts; ++i) {
+    // k * log2(x), in thirty-seconds.
+    const Split z = SplitAtInteger(
+        Log2Steps(mantissa.part[i], exponent.part[i], reciprocal.part[i], log2.part[i]) * factor);
+    power.part[i] = Exp2Steps(z);
+    integer.part[i] = z.integer;
+  }
 
   // Proven for positive normal numbers and results well inside the normal range: integers from -4031 to 4095.
-  const Words n = LowWords({low.integer, high.integer});
-  return {Narrow({Exp2Steps(low), Exp2Steps(high)}),
-          (bits - 0x00800000U < 0x7f000000U) & (n + 4031U <= 8126U)};
+  return {Narrow(power), (bits - 0x00800000U < 0x7f000000U) & (LowWords(integer) + 4031U <= 8126U)};
 }
 
 // Stores whole vectors of powers until one holds a lane that is not proven, or none is left; returns the
@@ -171,10 +173,10 @@ inline Floats ExpNonPositive(Floats x) {
 #if VEK_HAS_VECTOR_FMA
   constexpr double kThirtySecondsPerUnit = 32 * 0x1.71547652b82fep0;  // 32 / log(2)
   // From -104 down the result is 0. The steps give that at -104; further down their exponent would wrap.
-  const Halves<Doubles> wide = Widen(Max(Splat(-104.0F), x));
+  Wide<Doubles> wide = Widen(Max(Splat(-104.0F), x));
   const Doubles factor = Doubles{} + kThirtySecondsPerUnit;
-  return Narrow({internal::Exp2Steps(internal::SplitProductAtInteger(wide.low, factor)),
-                 internal::Exp2Steps(internal::SplitProductAtInteger(wide.high, factor))});
+  for (Doubles& part : wide.part) part = internal::Exp2Steps(internal::SplitProductAtInteger(part, factor));
+  return Narrow(wide);
 #else
   for (int lane = 0; lane < kFloatLanes; ++lane) x[lane] = std::exp(x[lane]);
   return x;

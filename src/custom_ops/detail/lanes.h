@@ -27,14 +27,28 @@ inline constexpr int kVectorBytes = 32;
 inline constexpr int kVectorBytes = 16;
 #endif
 
+// Where the target has vectors of 64 bytes, they hold a whole vector of floats in double precision.
+#if defined(__AVX512F__)
+inline constexpr int kWideBytes = 2 * kVectorBytes;
+#else
+inline constexpr int kWideBytes = kVectorBytes;
+#endif
+
 inline constexpr int kFloatLanes = kVectorBytes / 4;
-inline constexpr int kDoubleLanes = kVectorBytes / 8;
+inline constexpr int kDoubleLanes = kWideBytes / 8;
 
 typedef float Floats __attribute__((vector_size(kVectorBytes)));
 typedef std::int32_t Ints __attribute__((vector_size(kVectorBytes)));
 typedef std::uint32_t Words __attribute__((vector_size(kVectorBytes)));
-typedef double Doubles __attribute__((vector_size(kVectorBytes)));
-typedef std::uint64_t LongWords __attribute__((vector_size(kVectorBytes)));
+typedef double Doubles __attribute__((vector_size(kWideBytes)));
+typedef std::uint64_t LongWords __attribute__((vector_size(kWideBytes)));
+
+// The lanes of a vector of floats or words in twice their width, in order.
+inline constexpr int kWideParts = kFloatLanes / kDoubleLanes;
+template <typename V>
+struct Wide {
+  V part[kWideParts];
+};
 
 // Vectors in memory, of any alignment.
 inline Floats Load(const float* src) {
@@ -101,126 +115,145 @@ inline bool AllLanes(Ints holds) {
 }
 inline bool AnyLane(Ints holds) { return !AllLanes(~holds); }
 
-#if VEK_HAS_VECTOR_FMA
-
-// The lower and the upper half of a vector's lanes, in twice the width.
-template <typename V>
-struct Halves {
-  V low;
-  V high;
-};
-
+// Conversions of floats to doubles and back, rounded to nearest.
 #if defined(__aarch64__)
 
-inline Halves<Doubles> Widen(Floats v) { return {vcvt_f64_f32(vget_low_f32(v)), vcvt_high_f64_f32(v)}; }
-inline Halves<Doubles> Widen(Ints v) {
-  return {vcvtq_f64_s64(vmovl_s32(vget_low_s32(v))), vcvtq_f64_s64(vmovl_high_s32(v))};
+inline Wide<Doubles> Widen(Floats v) { return {{vcvt_f64_f32(vget_low_f32(v)), vcvt_high_f64_f32(v)}}; }
+inline Floats Narrow(Wide<Doubles> v) { return vcvt_high_f32_f64(vcvt_f32_f64(v.part[0]), v.part[1]); }
+
+#elif defined(__AVX512F__)
+
+// The forms with a mask, all ones: those without make GCC 12 warn of what they leave undefined.
+inline Wide<Doubles> Widen(Floats v) { return {{_mm512_maskz_cvtps_pd(0xFF, v)}}; }
+inline Floats Narrow(Wide<Doubles> v) { return _mm512_maskz_cvtpd_ps(0xFF, v.part[0]); }
+
+#elif defined(__AVX2__)
+
+inline Wide<Doubles> Widen(Floats v) {
+  return {{_mm256_cvtps_pd(_mm256_castps256_ps128(v)), _mm256_cvtps_pd(_mm256_extractf128_ps(v, 1))}};
 }
-inline Floats Narrow(Halves<Doubles> v) { return vcvt_high_f32_f64(vcvt_f32_f64(v.low), v.high); }
-inline Words LowWords(Halves<LongWords> v) {
-  return vuzp1q_u32(reinterpret_cast<uint32x4_t>(v.low), reinterpret_cast<uint32x4_t>(v.high));
+inline Floats Narrow(Wide<Doubles> v) {
+  return _mm256_set_m128(_mm256_cvtpd_ps(v.part[1]), _mm256_cvtpd_ps(v.part[0]));
+}
+
+#elif defined(__SSE2__)
+
+inline Wide<Doubles> Widen(Floats v) { return {{_mm_cvtps_pd(v), _mm_cvtps_pd(_mm_movehl_ps(v, v))}}; }
+inline Floats Narrow(Wide<Doubles> v) {
+  return _mm_movelh_ps(_mm_cvtpd_ps(v.part[0]), _mm_cvtpd_ps(v.part[1]));
+}
+
+#else
+
+inline Wide<Doubles> Widen(Floats v) {
+  Wide<Doubles> wide;
+  for (int i = 0; i < kFloatLanes; ++i)
+    wide.part[i / kDoubleLanes][i % kDoubleLanes] = static_cast<double>(v[i]);
+  return wide;
+}
+inline Floats Narrow(Wide<Doubles> v) {
+  Floats narrow;
+  for (int i = 0; i < kFloatLanes; ++i)
+    narrow[i] = static_cast<float>(v.part[i / kDoubleLanes][i % kDoubleLanes]);
+  return narrow;
+}
+
+#endif
+
+// As many sums in double precision as a vector has floats.
+struct WideSums {
+  Wide<Doubles> sums;
+
+  void Load(const double* src) { std::memcpy(&sums, src, sizeof sums); }
+  void Store(double* dst) const { std::memcpy(dst, &sums, sizeof sums); }
+  // Widens the lanes and adds them.
+  void Add(Floats v) {
+    const Wide<Doubles> wide = Widen(v);
+    for (int i = 0; i < kWideParts; ++i) sums.part[i] += wide.part[i];
+  }
+  Floats Rounded() const { return Narrow(sums); }
+};
+
+// What `expf` and `powf` need beside: products added in one rounding, and words in and out of twice their width.
+// LookUp32 gives table[index modulo 32], lane by lane, of a table that is there eight times over, so that where
+// addresses are formed a byte of the index will do; LookUp16 gives table[index], which is below 16.
+#if VEK_HAS_VECTOR_FMA
+#if defined(__aarch64__)
+
+inline Wide<Doubles> Widen(Ints v) {
+  return {{vcvtq_f64_s64(vmovl_s32(vget_low_s32(v))), vcvtq_f64_s64(vmovl_high_s32(v))}};
+}
+inline Words LowWords(Wide<LongWords> v) {
+  return vuzp1q_u32(reinterpret_cast<uint32x4_t>(v.part[0]), reinterpret_cast<uint32x4_t>(v.part[1]));
 }
 
 inline Doubles Fma(Doubles a, Doubles b, Doubles c) { return vfmaq_f64(c, a, b); }
 inline Floats Fma(Floats a, Floats b, Floats c) { return vfmaq_f32(c, a, b); }
 
-// table[index modulo 256], lane by lane.
-inline LongWords LookUp(const std::uint64_t* table, LongWords index) {
+inline LongWords LookUp32(const std::uint64_t* table, LongWords index) {
   const auto bytes = reinterpret_cast<uint8x16_t>(index);
   return LongWords{table[bytes[0]], table[bytes[8]]};
 }
-inline Halves<LongWords> LookUp(const std::uint64_t* table, Words index) {
+inline Wide<LongWords> LookUp16(const std::uint64_t* table, Words index) {
   const auto bytes = reinterpret_cast<uint8x16_t>(index);
-  return {LongWords{table[bytes[0]], table[bytes[4]]}, LongWords{table[bytes[8]], table[bytes[12]]}};
+  return {{LongWords{table[bytes[0]], table[bytes[4]]}, LongWords{table[bytes[8]], table[bytes[12]]}}};
 }
 
 #else
 
-inline Halves<Doubles> Widen(Floats v) {
-  return {_mm256_cvtps_pd(_mm256_castps256_ps128(v)), _mm256_cvtps_pd(_mm256_extractf128_ps(v, 1))};
+inline Floats Fma(Floats a, Floats b, Floats c) { return _mm256_fmadd_ps(a, b, c); }
+
+#if defined(__AVX512F__)
+
+inline Wide<Doubles> Widen(Ints v) {
+  return {{_mm512_maskz_cvtepi32_pd(0xFF, reinterpret_cast<__m256i>(v))}};
 }
-inline Halves<Doubles> Widen(Ints v) {
+inline Words LowWords(Wide<LongWords> v) {
+  return reinterpret_cast<Words>(_mm512_maskz_cvtepi64_epi32(0xFF, reinterpret_cast<__m512i>(v.part[0])));
+}
+
+inline Doubles Fma(Doubles a, Doubles b, Doubles c) { return _mm512_fmadd_pd(a, b, c); }
+
+// A table lies in registers: 16 rows take two.
+inline __m512i LookUpLow4Bits(const std::uint64_t* table, __m512i index) {
+  return _mm512_permutex2var_epi64(_mm512_loadu_si512(table), index, _mm512_loadu_si512(table + 8));
+}
+inline LongWords LookUp32(const std::uint64_t* table, LongWords index) {
+  const auto i = reinterpret_cast<__m512i>(index);
+  const __mmask8 is_upper = _mm512_test_epi64_mask(i, _mm512_set1_epi64(16));
+  return reinterpret_cast<LongWords>(
+      _mm512_mask_blend_epi64(is_upper, LookUpLow4Bits(table, i), LookUpLow4Bits(table + 16, i)));
+}
+inline Wide<LongWords> LookUp16(const std::uint64_t* table, Words index) {
+  const __m512i wide = _mm512_maskz_cvtepu32_epi64(0xFF, reinterpret_cast<__m256i>(index));
+  return {{reinterpret_cast<LongWords>(LookUpLow4Bits(table, wide))}};
+}
+
+#else
+
+inline Wide<Doubles> Widen(Ints v) {
   const auto words = reinterpret_cast<__m256i>(v);
-  return {_mm256_cvtepi32_pd(_mm256_castsi256_si128(words)),
-          _mm256_cvtepi32_pd(_mm256_extracti128_si256(words, 1))};
+  return {{_mm256_cvtepi32_pd(_mm256_castsi256_si128(words)),
+           _mm256_cvtepi32_pd(_mm256_extracti128_si256(words, 1))}};
 }
-inline Floats Narrow(Halves<Doubles> v) {
-  return _mm256_set_m128(_mm256_cvtpd_ps(v.high), _mm256_cvtpd_ps(v.low));
-}
-inline Words LowWords(Halves<LongWords> v) {
-  return __builtin_shufflevector(reinterpret_cast<Words>(v.low), reinterpret_cast<Words>(v.high), 0, 2, 4, 6,
-                                 8, 10, 12, 14);
+inline Words LowWords(Wide<LongWords> v) {
+  return __builtin_shufflevector(reinterpret_cast<Words>(v.part[0]), reinterpret_cast<Words>(v.part[1]), 0, 2,
+                                 4, 6, 8, 10, 12, 14);
 }
 
 inline Doubles Fma(Doubles a, Doubles b, Doubles c) { return _mm256_fmadd_pd(a, b, c); }
-inline Floats Fma(Floats a, Floats b, Floats c) { return _mm256_fmadd_ps(a, b, c); }
 
-// table[index modulo 256], lane by lane.
-inline LongWords LookUp(const std::uint64_t* table, LongWords index) {
+inline LongWords LookUp32(const std::uint64_t* table, LongWords index) {
   index &= 255U;
   return LongWords{table[index[0]], table[index[1]], table[index[2]], table[index[3]]};
 }
-inline Halves<LongWords> LookUp(const std::uint64_t* table, Words index) {
-  index &= 255U;
-  return {LongWords{table[index[0]], table[index[1]], table[index[2]], table[index[3]]},
-          LongWords{table[index[4]], table[index[5]], table[index[6]], table[index[7]]}};
+inline Wide<LongWords> LookUp16(const std::uint64_t* table, Words index) {
+  return {{LongWords{table[index[0]], table[index[1]], table[index[2]], table[index[3]]},
+           LongWords{table[index[4]], table[index[5]], table[index[6]], table[index[7]]}}};
 }
 
 #endif
+#endif
 #endif  // VEK_HAS_VECTOR_FMA
-
-// As many sums in double precision as a vector has floats.
-struct WideSums {
-#if defined(__AVX512F__)
-  __m512d sums;
-
-  void Load(const double* src) { sums = _mm512_loadu_pd(src); }
-  void Store(double* dst) const { _mm512_storeu_pd(dst, sums); }
-  void Add(Floats v) { sums += _mm512_maskz_cvtps_pd(0xFF, v); }
-  Floats Rounded() const { return _mm512_maskz_cvtpd_ps(0xFF, sums); }
-#else
-  Doubles low;
-  Doubles high;
-
-  void Load(const double* src) {
-    std::memcpy(&low, src, sizeof low);
-    std::memcpy(&high, src + kDoubleLanes, sizeof high);
-  }
-  void Store(double* dst) const {
-    std::memcpy(dst, &low, sizeof low);
-    std::memcpy(dst + kDoubleLanes, &high, sizeof high);
-  }
-  // Widens the lanes and adds them.
-  void Add(Floats v) {
-#if VEK_HAS_VECTOR_FMA
-    const Halves<Doubles> wide = Widen(v);
-    low += wide.low;
-    high += wide.high;
-#elif defined(__SSE2__)
-    low += _mm_cvtps_pd(v);
-    high += _mm_cvtps_pd(_mm_movehl_ps(v, v));
-#else
-    for (int i = 0; i < kDoubleLanes; ++i) {
-      low[i] += static_cast<double>(v[i]);
-      high[i] += static_cast<double>(v[i + kDoubleLanes]);
-    }
-#endif
-  }
-  Floats Rounded() const {
-#if VEK_HAS_VECTOR_FMA
-    return Narrow({low, high});
-#elif defined(__SSE2__)
-    return _mm_movelh_ps(_mm_cvtpd_ps(low), _mm_cvtpd_ps(high));
-#else
-    Floats v;
-    for (int i = 0; i < kDoubleLanes; ++i) {
-      v[i] = static_cast<float>(low[i]);
-      v[i + kDoubleLanes] = static_cast<float>(high[i]);
-    }
-    return v;
-#endif
-  }
-#endif
-};
 
 }  // namespace zeb_custom_ops::detail
