@@ -184,7 +184,8 @@ void AddTile(std::size_t rows, const Matrix& a, const float* panel, std::size_t 
   }
 }
 
-// Lays `depth` rows of up to kPanel columns of B side by side, zeros behind them.
+// Lays `depth` rows of up to kPanel columns of B side by side, zeros behind them. Either the rows of B are dense, or
+// its columns are.
 void PackPanel(const Matrix& b, std::size_t depth, std::size_t columns, float* panel) {
   if (columns == kPanel && b.column_step == 1) {
     for (std::size_t k = 0; k < depth; ++k)
@@ -194,7 +195,7 @@ void PackPanel(const Matrix& b, std::size_t depth, std::size_t columns, float* p
   if (columns < kPanel) std::fill_n(panel, depth * kPanel, 0.0F);
   if (b.column_step == 1) {
     for (std::size_t k = 0; k < depth; ++k) std::copy_n(b.At(k, 0), columns, panel + k * kPanel);
-  } else if (b.row_step == 1 && depth >= 2 && columns >= 2) {
+  } else if (depth >= 2 && columns >= 2) {
     constexpr auto kBytes = static_cast<std::ptrdiff_t>(sizeof(float));
     detail::TransposePlane<std::uint32_t>(
         reinterpret_cast<std::byte*>(panel), reinterpret_cast<const std::byte*>(b.data),

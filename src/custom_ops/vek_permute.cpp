@@ -389,12 +389,12 @@ void VekPermute::UnpackToNhwc(const zeb::PuxDnnBufAttrs& in, T* in_data, T* out_
   const unsigned line = Quotient(line_stride, element_bytes);
   const unsigned plane_pad = Quotient(in.GetPlaneStride() - line_stride * H, element_bytes);
 
-  // Where planes begin at multiples of a line, so do all rows, and the source is a walk.
+  // Where planes begin at multiples of a line, so do all rows, and the source is a walk. It has at least as many
+  // elements as the target.
   const std::uint64_t groups = (std::uint64_t{C} + P - 1) / P;
   const std::uint64_t row = RoundUp(std::uint64_t{P} * W, line);
   const std::uint64_t plane = Capped(row, H) + plane_pad;
-  if (detail::ProductFits32({N, groups, plane}) && RoundUp(plane, line) == plane &&
-      detail::ProductFits32({N, C, H, W})) {
+  if (detail::ProductFits32({N, groups, plane}) && RoundUp(plane, line) == plane) {
     const unsigned plane_step = AsUnsigned(plane);
     WalkGroups(out_data, in_data, {N, AsUnsigned(groups * plane), C * H * W}, {0, plane_step, P},
                {H, AsUnsigned(row), W * C}, {W, P, C}, C, P);

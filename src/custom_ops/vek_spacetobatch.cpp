@@ -206,7 +206,6 @@ void VekSpaceToBatch::spacetobatch(const zeb::PuxDnnBufAttrs& in_attrs, const ze
   const std::uint64_t W_end = std::uint64_t{W} + pad_left;
   if (detail::ProductFits32({block_height, block_width, N}) && N_out == block_height * block_width * N &&
       C_out == C && detail::ProductFits32({N, C, H, W}) && detail::ProductFits32({N_out, C, H_out, W_out}) &&
-      detail::ProductFits32({H_out, block_height}) && detail::ProductFits32({W_out, block_width}) &&
       detail::ProductFits32({H_end}) && detail::ProductFits32({W_end})) {
     const std::size_t planes = N * C;
     WriteBlocks({planes, block_height, block_width, pad_top, pad_left, H, W, H_out, W_out}, in, out, padding);

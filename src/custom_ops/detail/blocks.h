@@ -16,7 +16,7 @@ struct Steps {
   std::size_t end;
 
   bool empty() const { return begin >= end; }
-  std::size_t count() const { return empty() ? 0 : end - begin; }
+  std::size_t count() const { return end - begin; }  // where there are any
 };
 
 // The steps k below `count` for which phase + k * block lies in [first, last).

@@ -59,11 +59,11 @@ inline void MapRun(const float* in, float* out, std::size_t count, Op op) {
   internal::StoreRun(out, count, [in, op](std::size_t i) { return op(Load(in + i)); });
 }
 
-// out[i] = op(a[i], b[i])
+// out[i] = op(a[i], b[i]), for at least one element
 template <typename Op>
 inline void ZipRun(const float* a, const float* b, float* out, std::size_t count, Op op) {
   if (count < kFloatLanes) {
-    if (count != 0) StoreSome(out, op(LoadSome(a, count), LoadSome(b, count)), count);
+    StoreSome(out, op(LoadSome(a, count), LoadSome(b, count)), count);
     return;
   }
   internal::StoreRun(out, count, [a, b, op](std::size_t i) { return op(Load(a + i), Load(b + i)); });

@@ -103,7 +103,7 @@ inline float MaxLane(Floats v) {
 #endif
 }
 
-// Of a comparison's result: true when it holds in every lane, in at least one.
+// Of a comparison's result: true when it holds in every lane.
 inline bool AllLanes(Ints holds) {
 #if defined(__aarch64__)
   return vminvq_u32(reinterpret_cast<uint32x4_t>(holds)) != 0;
@@ -113,7 +113,6 @@ inline bool AllLanes(Ints holds) {
   return (holds[0] & holds[1] & holds[2] & holds[3]) != 0;
 #endif
 }
-inline bool AnyLane(Ints holds) { return !AllLanes(~holds); }
 
 // Conversions of floats to doubles and back, rounded to nearest.
 #if defined(__aarch64__)
