@@ -513,6 +513,24 @@ TEST(Argmax, PositionsWrapAtThirtyTwoBits) {
   }
 }
 
+TEST(Argmax, ATopKWhoseRoomWrapsRanksEveryValue) {
+  // Two searches of 2^31 results each need no room in 32 bits; each has three values to rank.
+  const std::vector<float> in = {1, 3, 2, 5, 4, 5};
+  for (const bool out_max_val : {false, true}) {
+    Layer layer("ARGMAX");
+    for (const auto& [key, value] :
+         {std::pair("axis", "3"), {"top_k", "2147483648"}, {"out_max_val", out_max_val ? "1" : "0"}}) {
+      ASSERT_TRUE(layer.Configure({{key, value}}, {Buf::Float({1, 1, 2, 3})}, {Buf::Float({1, 1, 2, 3})}));
+    }
+    const GuardedBuffer src = Guarded(in);
+    const GuardedBuffer dst(in.size() * sizeof(float));
+    ASSERT_TRUE(layer.Execute({src.data()}, {dst.data()}));
+    EXPECT_EQ(layer.log, Log{});
+    ExpectSameFloats(dst.Get<float>(), out_max_val ? std::vector<float>{3, 2, 1, 5, 5, 4}
+                                                   : std::vector<float>{1, 2, 0, 2, 0, 1});
+  }
+}
+
 // --- Against the reference, at random.
 
 TEST(Argmax, RandomLayersEqualTheReference) {

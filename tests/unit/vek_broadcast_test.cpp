@@ -293,6 +293,45 @@ TEST(Broadcast, RowsLongerThanTheLineStrideAreWrittenOneAfterAnother) {
   }
 }
 
+// The kernel alone takes shapes that Configure refuses.
+void ExpectKernelFormula(const Buf& in, const Buf& out, unsigned flags, Random& random) {
+  const reference::Moves moves = Formula(in, out)((flags & 4U) != 0, (flags & 2U) != 0, (flags & 1U) != 0);
+  ASSERT_FALSE(moves.too_many);
+  ExpectMoves<std::uint8_t>(moves, 1, 0, random, [&](std::vector<void*>& from, void* to) {
+    EXPECT_TRUE(zeb_custom_ops::Broadcast_v1(in, out, static_cast<char*>(from[0]), static_cast<char*>(to),
+                                             flags & 4U, flags & 2U, flags & 1U));
+  });
+}
+
+TEST(Broadcast, PositionsWrapAt32Bits) {
+  Random random(27);
+  // Planes of 65536 rows of 65536 bytes: each begins where the first one does, or a row behind the one before.
+  for (unsigned H_in : {65536U, 65537U}) {
+    Buf in = Buf::Int(8, {1, 1, 1, 1});
+    in.nchw = {1, 3, H_in, 1};
+    in.line_stride = 65536;
+    ExpectKernelFormula(in, Buf::Int(8, {1, 3, 2, 5}), 1, random);
+  }
+  // The second element of the only row, were it one row further, would lie at 2^32.
+  Buf out = Buf::Int(8, {1, 1, 1, 2});
+  out.line_stride = 0xFFFFFFFF;
+  out.plane_stride = 0;
+  for (unsigned flags = 1; flags < 8; ++flags) {
+    ExpectFormula(Buf::Int(8, {1, 1, 1, (flags & 1U) != 0 ? 1U : 2U}), out, flags, random);
+  }
+}
+
+TEST(Broadcast, AnInputOfNoColumnsRepeatsNothing) {
+  Random random(28);
+  Buf in = Buf::Int(8, {1, 3, 2, 0});
+  in.line_stride = 4;
+  for (unsigned out_line : {5U, 4U}) {  // rows side by side, and rows that overlap
+    Buf out = Buf::Int(8, {1, 3, 2, 5});
+    out.line_stride = out_line;
+    for (unsigned flags : {1U, 3U, 5U, 7U}) ExpectKernelFormula(in, out, flags, random);
+  }
+}
+
 TEST(Broadcast, OnlyTheFirstBatchItemIsWritten) {
   Random random(4);
   const Buf in = Buf::Float({2, 1, 1, 3});

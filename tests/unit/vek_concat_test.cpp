@@ -345,6 +345,54 @@ TEST(Concat, KernelsTakeTheirListByValueAndRefuseOtherAxes) {
   EXPECT_EQ(log, Log{});
 }
 
+TEST(Concat, PositionsWrapAt32Bits) {
+  // 0xAAAAAAAB rows of 3 elements are one element in 32 bits.
+  const auto rows = [](unsigned H) {
+    Buf buf = Buf::Int(8, {1});
+    buf.nchw = {1, 4, H, 3};
+    return buf;
+  };
+  using Data = std::vector<unsigned char>;
+  OpenConcat layer;
+  const auto joined = [&](const BufAttrsList& attrs, Data a, Data b) {
+    const GuardedBuffer src_a = Guarded(a);
+    const GuardedBuffer src_b = Guarded(b);
+    const GuardedBuffer dst(a.size() + b.size());
+    EXPECT_TRUE(layer.concat<unsigned char>({src_a.as<unsigned char>(), src_b.as<unsigned char>()},
+                                            dst.as<unsigned char>(), attrs, 2));
+    return dst.Get();
+  };
+  EXPECT_EQ(joined(MakeList({rows(0xAAAAAAAB), rows(1)}), {1, 2, 3, 4},
+                   {11, 12, 13, 21, 22, 23, 31, 32, 33, 41, 42, 43}),
+            (Data{1, 11, 12, 13, 2, 21, 22, 23, 3, 31, 32, 33, 4, 41, 42, 43}));
+  // Their sum does not fit 32 bits either.
+  EXPECT_EQ(joined(MakeList({rows(0xAAAAAAAB), rows(0xAAAAAAAB)}), {1, 2, 3, 4}, {11, 12, 13, 14}),
+            (Data{1, 11, 2, 12, 3, 13, 4, 14}));
+}
+
+TEST(Concat, KernelsJoinNoInputsToNothing) {
+  OpenConcat layer;
+  EXPECT_TRUE(layer.concat<float>({}, nullptr, {}, 1));
+  EXPECT_TRUE(layer.concat_5d<float>({}, nullptr, {}, 1));
+}
+
+TEST(Concat, BatchesOfDescriptionsWithoutDimsAreJoinedByTheAccessors) {
+  OpenConcat layer;
+  Buf buf = Buf::Float({});
+  buf.nchw = {2, 1, 2, 1};
+  std::vector<float> a = {1, 2, 3, 4};
+  std::vector<float> b = {5, 6, 7, 8};
+  const GuardedBuffer out(8 * sizeof(float));
+  EXPECT_TRUE(layer.concat<float>({a.data(), b.data()}, out.as<float>(), MakeList({buf, buf}), 0));
+  EXPECT_EQ(out.Get<float>(), (std::vector<float>{1, 2, 3, 4, 5, 6, 7, 8}));
+}
+
+TEST(Concat, TheKernelForFiveDimsRefusesAnAxisThatTheInputsDoNotHave) {
+  OpenConcat layer;
+  const BufAttrsList attrs = MakeList({Buf::Float({1, 1, 1, 2})});
+  EXPECT_EQ(CaptureLog([&] { EXPECT_FALSE(layer.concat_5d<float>({nullptr}, nullptr, attrs, 4)); }), Log{});
+}
+
 TEST(Concat, AskingTheDescriptionsDoesNotGrowWithTheTensor) {
   long calls[2];
   for (unsigned large : {0U, 1U}) {

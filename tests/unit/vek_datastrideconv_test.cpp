@@ -348,6 +348,28 @@ TEST(ConvertStride, OffsetsOfOtherRanksWrapAt32Bits) {
   out.line_stride = 7;
   EXPECT_EQ(Convert(in, Ramp(12), out),
             (std::vector<signed char>{1, 2, 3, 4, 9, 10, 11, 12, 1, 2, 3, 4, 9, 10, 11, 12}));
+  // The same behind the target's rows: the second item is written over the first.
+  in = Buf::Int(8, {2, 2, 4});
+  in.strides = {8, 4, 4};
+  out.strides = {0xFFFFFFFA, 1, 4};
+  EXPECT_EQ(Convert(in, Ramp(16), out),
+            (std::vector<signed char>{9, 10, 11, 12, 13, 14, 15, 16, 0, 0, 0, 0, 0, 0, 0, 0}));
+}
+
+TEST(ConvertStride, ZeroExtentsBesideHugeStridesOnlyFillWithZeros) {
+  // Two planes, and two batch items, that lie 2^31 bytes apart.
+  for (const std::vector<unsigned>& dims : {std::vector<unsigned>{1, 2, 1, 0}, {2, 1, 1, 0}}) {
+    for (const bool source_is_huge : {false, true}) {
+      Buf in = Bytes4D(dims);
+      Buf out = Bytes4D(dims, 4);
+      if (source_is_huge) std::swap(in.format.plane_pack, out.format.plane_pack);
+      for (Buf* buf : {&in, &out}) {
+        if (buf->format.plane_pack == 1) buf->plane_stride = 0x80000000U;
+      }
+      out.size = 9;
+      EXPECT_EQ(Convert(in, {}, out), std::vector<signed char>(9, 0));
+    }
+  }
 }
 
 TEST(ConvertStride, ZeroExtentsOnlyFillWithZeros) {

@@ -475,6 +475,36 @@ TEST(Pad, PadsThatDoNotFitTheOutputAreNotDetected) {
   }
 }
 
+TEST(Pad, AnEdgeOfNoColumnsRepeatsWhatLiesInItsPlace) {
+  Random random(29);
+  const Pads pads = {0, 0, 0, 0, 1, 1, 1, 2};
+  ExpectFormula(Buf::Int(16, {1, 2, 2, 0}), Buf::Int(16, {1, 2, 4, 3}), 2, pads, false, 0, random);
+  ExpectFormula(Buf::Float({1, 2, 2, 0}), Buf::Float({1, 2, 4, 3}), 2, pads, true, 0, random);
+}
+
+TEST(Pad, BorderPositionsWrapAt32Bits) {
+  // 65536 rows, or planes, of 65536 elements: the last of the interior lies where the first one does, and the border
+  // behind it repeats that one.
+  Random random(30);
+  for (std::size_t d : {1U, 2U}) {
+    std::vector<unsigned> dims = {1, 1, 1, 2};
+    dims[d] = 65537;
+    Pads p = {};
+    p[2 * d + 1] = 1;
+    const Buf in = Buf::Int(16, dims);
+    Buf out = Buf::Int(16, PaddedDims(dims, p));
+    (d == 1 ? out.plane_stride : out.line_stride) = 131072;
+    reference::Pad formula{TensorOf(in, 2), TensorOf(out, 2), p, {}};
+    formula.Border(3);
+    ASSERT_EQ(formula.moves.list.size(), 2U);
+    ExpectMoves<std::uint16_t>(formula.moves, 0, std::uint16_t{0}, random,
+                               [&](std::vector<void*>&, void* to) {
+                                 EXPECT_TRUE(Pad_reflectsymm_v1(in, out, p[0], p[1], p[2], p[3], p[4], p[5],
+                                                                p[6], p[7], false, static_cast<short*>(to)));
+                               });
+  }
+}
+
 TEST(Pad, KernelsFollowTheirFormulas) {
   Random random(25);
   const std::vector<unsigned> dims = {2, 2, 3, 4};

@@ -409,17 +409,44 @@ TEST(Permute, ALargerInputBufferDoesNotOverrunTheScratch) {
 }
 
 TEST(Permute, AnInputWhoseBytesWrapIsRefused) {
-  // Left behind by a refused Configure: 2^32 elements are 0 in 32 bits.
-  Buf large = Buf::Int(8, {65536, 65536, 1, 1});
-  large.size = 100;
-  large.strided = true;
-  Layer layer("PERMUTE");
-  const Buf small = Buf::Int(8, {1, 1, 1, 1});
-  EXPECT_TRUE(layer.Configure({{"axes", "[1]"}}, {small}, {small}));
-  EXPECT_FALSE(layer.Configure({{"axes", "[1]"}}, {large}, {small}));
-  signed char byte = 0;
-  EXPECT_FALSE(layer.Execute({&byte}, {&byte}));
-  EXPECT_EQ(layer.log, OneError("input needs more than the 0 bytes of the auxiliary buffer"));
+  // Left behind by a refused Configure: 2^32 elements are 0 in 32 bits, 65537 times 65536 are 65536.
+  for (const unsigned N : {65536U, 65537U}) {
+    for (const int pack : {1, 4}) {
+      Buf large = Buf::Packed({N, 65536, 1, 1}, Buf::Planar(8, false, pack));
+      large.size = 100;
+      large.strided = true;
+      Layer layer("PERMUTE");
+      const Buf small = Buf::Int(8, {1, 1, 1, 1});
+      EXPECT_TRUE(layer.Configure({{"axes", "[1]"}}, {small}, {small}));
+      EXPECT_FALSE(layer.Configure({{"axes", "[1]"}}, {large}, {small}));
+      signed char byte = 0;
+      EXPECT_FALSE(layer.Execute({&byte}, {&byte}));
+      EXPECT_EQ(layer.log, OneError("input needs more than the " + std::to_string(N % 65536 * 65536) +
+                                    " bytes of the auxiliary buffer"));
+    }
+  }
+}
+
+TEST(Permute, AnInputShorterThanItsDimsIsReadNoFurtherThanItGoes) {
+  OpenPermute layer;
+  layer.axes_ = {0, 1, 3, 2};
+  const Buf buf = Buf::Int(8, {1, 1, 2, 2});
+  const GuardedBuffer source = Guarded<signed char>({1, 2});
+  const GuardedBuffer target(4);
+  ASSERT_TRUE(
+      layer.DirectAcessPermute<char>(buf, source.as<signed char>(), 2, buf, target.as<signed char>(), 4));
+  EXPECT_EQ(target.Get()[0], 1);
+  EXPECT_EQ(target.Get()[2], 2);
+}
+
+TEST(Permute, WhatABufferHoldsBeyondEmptyDimsFollowsTheFormula) {
+  // Ten floats on each side, none of which belongs to an element.
+  for (const std::vector<unsigned>& dims : {std::vector<unsigned>{2, 0, 2, 3}, {2, 3, 0, 2}}) {
+    Buf in = Buf::Float(dims);
+    Buf out = Buf::Float(Permuted(dims, {0, 1, 3, 2}));
+    in.size = out.size = 40;
+    EXPECT_EQ(RunSame({0, 1, 3, 2}, in, out).error, "");
+  }
 }
 
 TEST(Permute, DirectAccessRunsInPlaceThroughItsScratch) {
@@ -550,6 +577,15 @@ TEST(PermuteKernel, EqualsItsFormulaForBytes) { SweepPermutations<char>(); }
 TEST(PermuteKernel, EqualsItsFormulaForHalves) { SweepPermutations<short>(); }
 TEST(PermuteKernel, EqualsItsFormulaForFloats) { SweepPermutations<float>(); }
 
+TEST(PermuteKernel, FewerElementsThanTheDimsHaveAreWrittenInOrder) {
+  OpenPermute layer;
+  layer.axes_ = {1, 0};
+  const GuardedBuffer source = Guarded<float>({0, 1, 2, 3, 4});
+  const GuardedBuffer target(16);
+  ASSERT_TRUE(layer.Permute_v1<float>(Buf::Float({2, 3}), source.as<float>(), 4, target.as<float>(), 4));
+  EXPECT_EQ(target.Get<float>(), (std::vector<float>{0, 3, 1, 4}));
+}
+
 TEST(PermuteKernel, RanksBeyondAnyWalkAreServedToo) {
   const Buf in = Buf::Float({2, 1, 3, 2, 1, 2, 2, 3, 1});
   const std::vector<unsigned> order = {8, 3, 5, 1, 7, 2, 0, 6, 4};
@@ -610,21 +646,23 @@ TEST(PermuteKernel, PackingStepsOverTheInputsPaddingThatItsDescriptionDenies) {
   }
 }
 
+// A description that denies its padding.
+Buf WithStrides(Buf buf, unsigned line, unsigned plane) {
+  buf.line_stride = line;
+  buf.plane_stride = plane;
+  buf.strided = false;
+  return buf;
+}
+
 TEST(PermuteKernel, MalformedStridesFollowTheFormulas) {
-  const auto with_strides = [](Buf buf, unsigned line, unsigned plane) {
-    buf.line_stride = line;
-    buf.plane_stride = plane;
-    buf.strided = false;
-    return buf;
-  };
   const Buf nhwc = Buf::Int(8, {2, 3, 4, 5});
   for (const int pack : {1, 2, 5, 8}) {
     const Buf nchw = Buf::Packed({2, 5, 3, 4}, Buf::Planar(8, false, pack));
     for (const auto& [line, plane] :
          {std::pair(0U, 0U), {0U, 12U}, {3U, 9U}, {3U, 40U}, {7U, 7U}, {33U, 100U}}) {
       SCOPED_TRACE(testing::Message() << "pack " << pack << ", line " << line << ", plane " << plane);
-      EXPECT_EQ(RunSame({0, 2, 3, 1}, with_strides(nchw, line, plane), nhwc).error, "");
-      EXPECT_EQ(RunSame({0, 3, 1, 2}, nhwc, with_strides(nchw, line, plane)).error, "");
+      EXPECT_EQ(RunSame({0, 2, 3, 1}, WithStrides(nchw, line, plane), nhwc).error, "");
+      EXPECT_EQ(RunSame({0, 3, 1, 2}, nhwc, WithStrides(nchw, line, plane)).error, "");
     }
   }
 }
@@ -641,6 +679,55 @@ TEST(PermuteKernel, UnpackingRoundsThePositionUpToAMultipleOfTheLine) {
   ASSERT_TRUE(layer.Configure({{"axes", "[0,2,3,1]"}}, {in}, {out}));
   EXPECT_TRUE(layer.Execute({source.data()}, {target.data()}));
   EXPECT_EQ(target.Get(), (std::vector<std::uint8_t>{0, 11, 1, 12, 2, 13, 4, 16, 5, 17, 6, 18}));
+}
+
+TEST(PermuteKernel, PositionsThatWouldWrapFurtherOnFollowTheFormulas) {
+  // One plane, behind which the next would lie beyond 2^32: without a line, and with one.
+  for (const unsigned line : {0U, 2U}) {
+    EXPECT_EQ(RunSame({0, 2, 3, 1}, WithStrides(Buf::Int(8, {1, 1, 1, 2}), line, 0xFFFFFFFF),
+                      Buf::Int(8, {1, 1, 2, 1}))
+                  .error,
+              "");
+  }
+  // One row of the picture, behind which the next would.
+  for (const int pack : {1, 2, 3, 4}) {
+    EXPECT_EQ(RunSame({0, 3, 1, 2}, WithStrides(Buf::Int(8, {1, 1, 2, 3}), 3, 0xFFFFFFFF),
+                      Buf::Packed({1, 3, 1, 2}, Buf::Planar(8, false, pack)))
+                  .error,
+              "");
+  }
+  // Rows that begin inside the row before them.
+  for (const int pack : {1, 2, 5, 8}) {
+    EXPECT_EQ(RunSame({0, 3, 1, 2}, WithStrides(Buf::Int(8, {2, 3, 4, 5}), 5, 17),
+                      Buf::Packed({2, 5, 3, 4}, Buf::Planar(8, false, pack)))
+                  .error,
+              "");
+  }
+}
+
+TEST(PermuteKernel, FormatsNarrowerThanAByteHaveNoStrides) {
+  // Called directly: the layer refuses them.
+  OpenPermute layer;
+  Buf in = Buf::Packed({2, 3, 2, 2}, Buf::Planar(4, false, 2)).Pad(3, 5);
+  Bytes src(1);
+  Bytes dst(~1ULL);
+  reference::Unpack(1, in, src, dst);
+  const GuardedBuffer source = Guarded(Bytes(1).Front(src.reach()));
+  const GuardedBuffer target = Guarded(Bytes(~1ULL).Front(24));
+  layer.UnpackToNhwc(in, source.as<char>(), target.as<char>());
+  EXPECT_EQ(target.Get(), dst.Front(24));
+
+  // A row of pixels of four floats, of which the first is in use.
+  layer.axes_ = {0, 1, 3, 2};
+  in = Buf::Packed({1, 1, 1, 4}, Buf::Planar(4, true, 4));
+  const GuardedBuffer pixels = Guarded<float>({1, 0, 0, 0, 2, 0, 0, 0, 3, 0, 0, 0, 4});
+  const GuardedBuffer row(16);
+  Buf out = Buf::Packed({1, 1, 4, 1}, Buf::Planar(4, true));
+  out.line_stride = 4;
+  out.plane_stride = 16;
+  ASSERT_TRUE(
+      layer.DirectAcessPermute<float>(in, pixels.as<signed char>(), 52, out, row.as<signed char>(), 16));
+  EXPECT_EQ(row.Get<float>(), (std::vector<float>{1, 2, 3, 4}));
 }
 
 // --- Round trips and random cases.

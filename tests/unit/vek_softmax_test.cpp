@@ -471,6 +471,19 @@ TEST(Softmax, PositionsWrapAtThirtyTwoBits) {
   ExpectSameFloats(dst.Get<float>(), want);
 }
 
+TEST(Softmax, ColumnsOfEveryPlaneAreWalkedWhereTheCountWraps) {
+  // C * W is 4 in 32 bits: two planes of two columns.
+  Buf shape = Buf::Float({1});
+  shape.nchw = {1, 0x80000002U, 2, 2};
+  const std::vector<float> in = {1, 2, 3, 6, 5, 4, 8, 7};
+  std::vector<float> want(8);
+  SoftmaxRef(in.data(), want.data(), {1, 2, 2, 2}, 2);
+  const GuardedBuffer src = Guarded(in);
+  const GuardedBuffer dst(32);
+  ASSERT_TRUE(Softmax_v1(shape, 2, src.as<float>(), 8, dst.as<float>(), 8));
+  ExpectSameFloats(dst.Get<float>(), want);
+}
+
 // --- Against the reference, at random.
 
 TEST(Softmax, RandomLayersEqualTheReference) {
