@@ -310,6 +310,15 @@ TEST(L2Norm, PositionsWrapAtThirtyTwoBits) {
   ExpectSameFloats(dst.Get<float>(), {1, -1, 0});
 }
 
+TEST(L2Norm, WithoutAScaleTheQuotientsStay) {
+  OpenL2Norm layer;
+  ASSERT_TRUE(layer.scales_.empty());
+  const GuardedBuffer src = Guarded<float>({3, 4});
+  const GuardedBuffer dst(8);
+  ASSERT_TRUE(layer.L2norm_v1(Buf::Float({1, 1, 1, 2}), src.as<float>(), 2, dst.as<float>(), 2));
+  ExpectSameFloats(dst.Get<float>(), {0.6F, 0.8F});
+}
+
 TEST(L2Norm, ScalesOtherThanOneMultiply) {
   Random random(1);
   for (const bool across : {false, true}) {

@@ -435,5 +435,13 @@ TEST(Matmul, LargerThanTheBlocks) {
   ExpectGram(random, 1, 131, 900, Guard::kAfter);
 }
 
+TEST(Matmul, OneStepBehindTheLastWholeBlock) {
+  Random random(9);
+  for (unsigned M : {1U, 2U, 3U, 5U, 20U}) {
+    for (unsigned P : {1U, 2U, 3U, 9U, 17U}) ExpectProduct(random, 1, M, 257, P, Guard::kAfter);
+    ExpectGram(random, 1, M, 257, Guard::kAfter);
+  }
+}
+
 }  // namespace
 }  // namespace vek_test

@@ -272,6 +272,23 @@ TEST(SpaceToBatch, ZeroExtentsOfTheInputArePaddedOver) {
   }
 }
 
+TEST(SpaceToBatch, PhasesThatHoldNoColumnOfTheInputArePaddingAlone) {
+  // One column in the last place of a block, between short rows and long ones, which are filled in ways of their own.
+  Random random(6);
+  for (unsigned W_out : {4U, 64U}) {
+    const std::string pad = std::to_string(W_out - 1);
+    const AttrMap attrs = {{"block_shape", "[1,2]"},
+                           {"paddings", "[0,0," + pad + "," + std::to_string(W_out) + "]"}};
+    const Buf in = Buf::Int(8, {1, 2, 3, 1});
+    const Buf out = Buf::Int(8, {2, 2, 3, W_out});
+    SpaceToBatchModel model;
+    Layer layer("SPACETOBATCH");
+    ASSERT_TRUE(layer.Configure(attrs, {in}, {out}));
+    model.Configure(attrs, {in}, {out});
+    CheckExecute(layer.get(), model.Execute(), random);
+  }
+}
+
 TEST(SpaceToBatch, BlockOneMayRunInPlace) {
   const Buf buf = Buf::Int(16, {2, 3, 5, 7});
   Layer layer("SPACETOBATCH");
