@@ -470,7 +470,9 @@ class Permute : public Model {
     if (!converter.Convert(in, in_.size, in_, packed, bytes, dense(in_))) return false;
     if (packed.bytes().size() > bytes) throw Skip{};
     if (!General<T>(&packed, in_.dims, count, &permuted, count, order)) return false;
-    return converter.Convert(permuted, bytes, dense(out_), out, out_.size, out_);
+    const bool result = converter.Convert(permuted, bytes, dense(out_), out, out_.size, out_);
+    if (permuted.bytes().size() > bytes) throw Skip{};
+    return result;
   }
 
   template <typename T>
@@ -1349,8 +1351,8 @@ class Pad : public Model {
     const Place place{o.c * o.h * o.w, o.h * o.w, o.w};
     u32 from = 0;
     for (u32 n = 0; n < i.n; ++n) {
-      budget->Take();
       for (u32 c = 0; c < i.c; ++c) {
+        budget->Take();
         for (u32 h = 0; h < i.h; ++h) {
           budget->Take();
           for (u32 w = 0; w < i.w; ++w) {

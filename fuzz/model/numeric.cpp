@@ -102,6 +102,7 @@ class Softmax : public Model {
         return Fail("Softmax_v1: axis parameter = %d, should be in range [0..3]", D(axis_));
     }
     for (u32 o = 0; o < outer; ++o) {
+      budget->Take();
       u32 p = o * inner * len;
       for (u32 i = 0; i < inner; ++i) {
         budget->Take();
