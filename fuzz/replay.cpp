@@ -1,6 +1,7 @@
 // Runs fuzz cases without a fuzzing engine: the committed corpus, and random bytes.
 //
-//   fuzz_replay CORPUS [CASES [SEED]]    CORPUS holds a folder for each layer type, and one named "list"
+//   fuzz_replay CORPUS [CASES [SEED]]    CORPUS holds a file for each layer type, and one named "list": an input a
+//                                        line, in hexadecimal digits
 //   fuzz_replay --targets                lists them; VEK_FUZZ_ONLY=TARGET runs only that one
 #include <csignal>
 #include <cstdint>
@@ -18,6 +19,14 @@
 namespace {
 
 using Input = std::vector<std::uint8_t>;
+
+Input FromHex(const std::string& digits) {
+  Input input;
+  for (std::size_t i = 0; i + 1 < digits.size(); i += 2) {
+    input.push_back(static_cast<std::uint8_t>(std::stoul(digits.substr(i, 2), nullptr, 16)));
+  }
+  return input;
+}
 
 void Run(const std::string& target, const Input& input) {
   if (target == "list") return vek_fuzz::RunListCase(input.data(), input.size());
@@ -50,14 +59,11 @@ int main(int argc, char** argv) {
 
   for (const std::string& target : targets) {
     if (const char* only = std::getenv("VEK_FUZZ_ONLY"); only != nullptr && target != only) continue;
-    std::size_t files = 0;
-    if (std::filesystem::exists(corpus / target)) {
-      for (const auto& entry : std::filesystem::directory_iterator(corpus / target)) {
-        g_running = entry.path().string();
-        std::ifstream file(entry.path(), std::ios::binary);
-        Run(target, Input(std::istreambuf_iterator<char>(file), {}));
-        ++files;
-      }
+    std::size_t lines = 0;
+    std::ifstream file(corpus / target);
+    for (std::string line; std::getline(file, line);) {
+      g_running = target + ", line " + std::to_string(++lines) + " of the corpus";
+      Run(target, FromHex(line));
     }
     for (std::uint64_t i = 0; i < cases; ++i) {
       g_running = target + ", random case " + std::to_string(seed + i) +
@@ -67,7 +73,7 @@ int main(int argc, char** argv) {
       for (std::uint8_t& byte : input) byte = static_cast<std::uint8_t>(random());
       Run(target, input);
     }
-    std::printf("%s: %zu files, %llu random cases\n", target.c_str(), files,
+    std::printf("%s: %zu inputs of the corpus, %llu random cases\n", target.c_str(), lines,
                 static_cast<unsigned long long>(cases));
   }
   return 0;
