@@ -159,18 +159,36 @@ inline Floats Narrow(Wide<Doubles> v) {
 
 #endif
 
-// As many sums in double precision as a vector has floats.
+// As many sums in double precision as a vector has floats. Not a Wide: GCC keeps members in registers that it
+// spills as an array.
 struct WideSums {
-  Wide<Doubles> sums;
+#if defined(__AVX512F__)
+  Doubles sums;
 
   void Load(const double* src) { std::memcpy(&sums, src, sizeof sums); }
   void Store(double* dst) const { std::memcpy(dst, &sums, sizeof sums); }
+  void Add(Floats v) { sums += Widen(v).part[0]; }
+  Floats Rounded() const { return Narrow({{sums}}); }
+#else
+  Doubles low;
+  Doubles high;
+
+  void Load(const double* src) {
+    std::memcpy(&low, src, sizeof low);
+    std::memcpy(&high, src + kDoubleLanes, sizeof high);
+  }
+  void Store(double* dst) const {
+    std::memcpy(dst, &low, sizeof low);
+    std::memcpy(dst + kDoubleLanes, &high, sizeof high);
+  }
   // Widens the lanes and adds them.
   void Add(Floats v) {
     const Wide<Doubles> wide = Widen(v);
-    for (int i = 0; i < kWideParts; ++i) sums.part[i] += wide.part[i];
+    low += wide.part[0];
+    high += wide.part[1];
   }
-  Floats Rounded() const { return Narrow(sums); }
+  Floats Rounded() const { return Narrow({{low, high}}); }
+#endif
 };
 
 // What `expf` and `powf` need beside: products added in one rounding, and words in and out of twice their width.
