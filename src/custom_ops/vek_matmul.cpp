@@ -170,18 +170,12 @@ void AddProducts(const Matrix& a, const float* b, std::size_t b_step, std::size_
 }
 
 // The same for `rows` rows of a packed panel, a tile's or fewer.
+template <std::size_t tile_rows = kTileRows>
 void AddTile(std::size_t rows, const Matrix& a, const float* panel, std::size_t depth, double* sums) {
-  static_assert(kTileRows == 3 || kTileRows == 4);
-  switch (rows) {
-    case 1:
-      return AddProducts<1, kPanelVectors>(a, panel, kPanel, depth, sums, kPanel);
-    case 2:
-      return AddProducts<2, kPanelVectors>(a, panel, kPanel, depth, sums, kPanel);
-    case 3:
-      return AddProducts<3, kPanelVectors>(a, panel, kPanel, depth, sums, kPanel);
-    default:
-      return AddProducts<kTileRows, kPanelVectors>(a, panel, kPanel, depth, sums, kPanel);
+  if constexpr (tile_rows > 1) {
+    if (rows < tile_rows) return AddTile<tile_rows - 1>(rows, a, panel, depth, sums);
   }
+  AddProducts<tile_rows, kPanelVectors>(a, panel, kPanel, depth, sums, kPanel);
 }
 
 // Lays `depth` rows of up to kPanel columns of B side by side, zeros behind them. Either the rows of B are dense, or
