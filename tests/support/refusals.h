@@ -35,8 +35,9 @@ inline bool IsConfigured(Layer& layer) {
   return !layer.log.empty() && layer.log[0].text.find("NULL") != std::string::npos;
 }
 
-// Each fault alone gives exactly its lines, and none where the log is silenced; of every two together, the earlier one speaks alone. A layer that
-// was configured before stays configured: `IsConfigured(layer)` is asked after each refusal.
+// Each fault alone gives exactly its lines, and none where the log is silenced; of every two together, the
+// earlier one speaks alone. A layer that was configured before stays configured: `IsConfigured(layer)` is asked
+// after each refusal.
 inline void CheckOrderOfRefusals(const std::string& type, const Setup& valid,
                                  const std::vector<Fault>& faults) {
   const ScopedThreshold threshold(kInfo);
