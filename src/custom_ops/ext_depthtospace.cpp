@@ -1,10 +1,14 @@
 // The kernel of layer type "DEPTHTOSPACE".
+#include "contract/log.h"
+#include "contract/positions.h"
+#include "contract/sizes.h"
+#include "copy/strided_copy.h"
 #include "custom_ops/vek_depthtospace.h"
-#include "detail/log.h"
-#include "detail/sizes.h"
-#include "detail/walk.h"
 
 namespace zeb_custom_ops {
+
+using detail::Fits;
+using detail::Saturating;
 
 template <typename T>
 void depthtospace(T* out, T* in, int block_size, const zeb::PuxDnnBufAttrs& in_attrs,
@@ -21,16 +25,16 @@ void depthtospace(T* out, T* in, int block_size, const zeb::PuxDnnBufAttrs& in_a
   const unsigned G = C_out * H;  // rows of one phase of the blocks
 
   // Every channel has its place, and every place lies inside the output.
-  if (detail::ProductFits32({C_out, b, b}) && C == C_out * b * b && detail::ProductFits32({N, C, H, W}) &&
+  if (Fits(Saturating(C_out) * b * b) && C == C_out * b * b && Fits(Saturating(N) * C * H * W) &&
       static_cast<int>(in_count) >= 0 && static_cast<int>(in_count) <= out_count) {
-    detail::CopyWalk(out, in,
-                     {
-                         {N, b * b * G * W, G * b * W * b},
-                         {G, W, b * W * b},
-                         {b, b * G * W, W * b},  // bh
-                         {b, G * W, 1},          // bw
-                         {W, 1, b},
-                     });
+    detail::StridedCopy(out, in,
+                        {
+                            {N, b * b * G * W, G * b * W * b},
+                            {G, W, b * W * b},
+                            {b, b * G * W, W * b},  // bh
+                            {b, G * W, 1},          // bw
+                            {W, 1, b},
+                        });
     return;
   }
 

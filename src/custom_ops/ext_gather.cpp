@@ -1,10 +1,10 @@
 // The kernel of "GATHER" and what it asks of a list of dims.
 #include <algorithm>
 
+#include "contract/checks.h"
+#include "contract/sizes.h"
+#include "copy/runs.h"
 #include "custom_ops/vek_gather.h"
-#include "detail/checks.h"
-#include "detail/runs.h"
-#include "detail/sizes.h"
 
 namespace zeb_custom_ops {
 

@@ -2,11 +2,15 @@
 #include <algorithm>
 #include <cstddef>
 
+#include "contract/positions.h"
+#include "contract/sizes.h"
+#include "copy/strided_copy.h"
 #include "custom_ops/vek_spacetodepth.h"
-#include "detail/sizes.h"
-#include "detail/walk.h"
 
 namespace zeb_custom_ops {
+
+using detail::Fits;
+using detail::Saturating;
 
 template <typename T>
 void spacetodepth(const zeb::PuxDnnBufAttrs& in_attrs, const zeb::PuxDnnBufAttrs& out_attrs, T* in, T* out,
@@ -22,22 +26,22 @@ void spacetodepth(const zeb::PuxDnnBufAttrs& in_attrs, const zeb::PuxDnnBufAttrs
   if (N == 0 || H == 0 || W == 0 || C == 0 || b == 0) return;
 
   // The output has exactly the places that the blocks need.
-  if (detail::ProductFits32({C, b, b}) && C_out == C * b * b && H % b == 0 && H_out == H / b && W % b == 0 &&
-      W_out == W / b && detail::ProductFits32({N, C, H, W})) {
+  if (Fits(Saturating(C) * b * b) && C_out == C * b * b && H % b == 0 && H_out == H / b && W % b == 0 &&
+      W_out == W / b && Fits(Saturating(N) * C * H * W)) {
     const unsigned G = C * H_out;  // rows of one phase of the blocks
     // A few rows of every phase at a time: what lies side by side in the input is read while it is in the cache.
     constexpr unsigned kChunkBytes = 65536;
     const std::size_t chunk =
         std::max<std::size_t>(1, kChunkBytes / (std::size_t{b} * b * W_out * sizeof(T)));
     for (std::size_t row = 0; row < G; row += chunk) {
-      detail::CopyWalk(out + row * W_out, in + row * b * W,
-                       {
-                           {N, G * b * W, b * b * G * W_out},
-                           {std::min<std::size_t>(chunk, G - row), b * W, W_out},
-                           {b, W, b * G * W_out},  // bh
-                           {b, 1, G * W_out},      // bw
-                           {W_out, b, 1},
-                       });
+      detail::StridedCopy(out + row * W_out, in + row * b * W,
+                          {
+                              {N, G * b * W, b * b * G * W_out},
+                              {std::min<std::size_t>(chunk, G - row), b * W, W_out},
+                              {b, W, b * G * W_out},  // bh
+                              {b, 1, G * W_out},      // bw
+                              {W_out, b, 1},
+                          });
     }
     return;
   }

@@ -10,15 +10,18 @@
 #include <utility>
 #include <vector>
 
-#include "detail/attr_text.h"
-#include "detail/checks.h"
-#include "detail/lanes.h"
-#include "detail/sizes.h"
+#include "contract/attr_text.h"
+#include "contract/checks.h"
+#include "contract/positions.h"
+#include "contract/sizes.h"
+#include "simd/simd.h"
 
 namespace zeb_custom_ops {
 
 using detail::AsInt;
 using detail::AsULongLong;
+using detail::Fits;
+using detail::Saturating;
 
 const std::string VekArgmax::k_expected_attr_axis_ = "axis";
 const std::string VekArgmax::k_expected_attr_top_k_ = "top_k";
@@ -36,12 +39,11 @@ bool VekArgmax::Configure(const AttrMap& attrs, const BufAttrsList& inputs, cons
   VEK_REQUIRE(!out.IsStrided(), "strided data detected on output, this is not supported.");
 
   const std::vector<unsigned> in_dims = in.GetDims();
-  const std::uint64_t in_bytes = detail::BytesRoundedUp(in.GetMemFormat(), detail::Elements64(in_dims));
+  const std::uint64_t in_bytes = detail::BytesRoundedUp(in);
   VEK_REQUIRE(in_bytes <= in.GetSize(),
               "input buffer size too small, size: %d bytes vs expected at least: %llu bytes.",
               AsInt(in.GetSize()), AsULongLong(in_bytes));
-  const std::uint64_t out_bytes =
-      detail::BytesRoundedUp(out.GetMemFormat(), detail::Elements64(out.GetDims()));
+  const std::uint64_t out_bytes = detail::BytesRoundedUp(out);
   VEK_REQUIRE(out_bytes <= out.GetSize(),
               "output buffer size too small, size: %d bytes vs expected at least: %llu bytes.",
               AsInt(out.GetSize()), AsULongLong(out_bytes));
@@ -209,7 +211,7 @@ Pair FindLargestInRow(const float* row, std::size_t len) {
     const std::size_t block = std::min(start, len - kBlock);  // the last one may overlap its neighbour
     Floats max[4] = {least, least, least, least};
     for (std::size_t i = 0; i < 16; ++i)
-      max[i % 4] = detail::Max(detail::Load(row + block + i * kWidth), max[i % 4]);
+      max[i % 4] = detail::Max(detail::Load<Floats>(row + block + i * kWidth), max[i % 4]);
     float found = detail::MaxLane(detail::Max(detail::Max(max[0], max[1]), detail::Max(max[2], max[3])));
     if (std::isnan(found)) {
       found = least[0];
@@ -230,7 +232,7 @@ template <std::size_t vectors>
 void FindLargestSideBySide(const float* in, const Searches& s, Floats (&value)[vectors],
                            Ints (&index)[vectors]) {
   for (std::size_t v = 0; v < vectors; ++v) {
-    value[v] = detail::Load(in + v * kWidth);
+    value[v] = detail::Load<Floats>(in + v * kWidth);
     index[v] = Ints{};
   }
   Ints k = {};
@@ -238,7 +240,7 @@ void FindLargestSideBySide(const float* in, const Searches& s, Floats (&value)[v
     in += s.step;
     k += 1;
     for (std::size_t v = 0; v < vectors; ++v) {
-      const Floats next = detail::Load(in + v * kWidth);
+      const Floats next = detail::Load<Floats>(in + v * kWidth);
       const Ints takes = value[v] <= next;
       value[v] = takes ? next : value[v];
       index[v] = takes ? k : index[v];
@@ -288,8 +290,8 @@ void SelectTopInRow(const float* row, std::size_t len, std::span<Pair> list) {
         std::size_t k = list.size();
         for (; k + 4 * kWidth <= len; k += 4 * kWidth) {
           const Floats root = detail::Splat(list[0].value);
-          Ints below = detail::Load(row + k) < root;
-          for (std::size_t v = 1; v < 4; ++v) below &= detail::Load(row + k + v * kWidth) < root;
+          Ints below = detail::Load<Floats>(row + k) < root;
+          for (std::size_t v = 1; v < 4; ++v) below &= detail::Load<Floats>(row + k + v * kWidth) < root;
           if (detail::AllLanes(below)) continue;
           for (std::size_t i = 0; i < 4 * kWidth; ++i) offer(k + i);
         }
@@ -307,7 +309,7 @@ void SelectTopSideBySide(const float* in, const Searches& s, std::span<Pair> lis
     root[lane] = list[0].value;
   }
   for (std::size_t k = ranks; k < s.len; ++k) {
-    const Floats next = detail::Load(in + k * s.step);
+    const Floats next = detail::Load<Floats>(in + k * s.step);
     if (detail::AllLanes(next < root)) continue;
     for (std::size_t lane = 0; lane < kWidth; ++lane) {
       const std::span<Pair> list = lists.subspan(lane * ranks, ranks);
@@ -394,7 +396,7 @@ bool VekArgmax::Argmax_v1(const zeb::PuxDnnBufAttrs& in, float* in_data, unsigne
   if (outer == 0 || slices == 0 || ranks == 0) return true;
 
   Writer writer = {.out = out_data, .indices = !out_max_val_ || both, .values = out_max_val_};
-  if (detail::ProductFits32({N, C, H, W}) && detail::ProductFits32({slices, outer, top_k_, 2}) &&
+  if (Fits(Saturating(N) * C * H * W) && Fits(Saturating(slices) * outer * top_k_ * 2) &&
       s.len <= std::numeric_limits<std::int32_t>::max()) {
     if (top_k_ == 1) {
       FindLargestInVectors(in_data, s, writer);

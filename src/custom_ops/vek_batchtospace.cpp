@@ -6,18 +6,21 @@
 #include <cstdint>
 #include <vector>
 
+#include "contract/attr_text.h"
+#include "contract/checks.h"
+#include "contract/element.h"
+#include "contract/positions.h"
+#include "contract/sizes.h"
+#include "copy/blocks.h"
+#include "copy/strided_copy.h"
 #include "custom_ops/vek_common.h"
-#include "detail/attr_text.h"
-#include "detail/blocks.h"
-#include "detail/checks.h"
-#include "detail/element.h"
-#include "detail/sizes.h"
-#include "detail/walk.h"
 
 namespace zeb_custom_ops {
 
 using detail::AsInt;
 using detail::AsULongLong;
+using detail::Fits;
+using detail::Saturating;
 
 const std::string VekBatchToSpace::k_expected_attr_block_shape_ = "block_shape";
 const std::string VekBatchToSpace::k_expected_attr_crops_ = "crops";
@@ -87,11 +90,11 @@ bool VekBatchToSpace::Configure(const AttrMap& attrs, const BufAttrsList& inputs
   VEK_REQUIRE(!in.IsStrided() && !out.IsStrided(),
               "buffer with stride detected on input or output, which is not supported.");
 
-  const std::uint64_t in_bytes = detail::BytesRoundedUp(in_format, detail::Elements64(in.GetDims()));
+  const std::uint64_t in_bytes = detail::BytesRoundedUp(in);
   VEK_REQUIRE(in_bytes <= in.GetSize(),
               "input buffer size too small, size: %d bytes vs expected at least: %llu bytes.",
               AsInt(in.GetSize()), AsULongLong(in_bytes));
-  const std::uint64_t out_bytes = detail::BytesRoundedUp(out_format, detail::Elements64(out.GetDims()));
+  const std::uint64_t out_bytes = detail::BytesRoundedUp(out);
   VEK_REQUIRE(out_bytes <= out.GetSize(),
               "output buffer size too small, size: %d bytes vs expected at least: %llu bytes.",
               AsInt(out.GetSize()), AsULongLong(out_bytes));
@@ -140,18 +143,18 @@ void VekBatchToSpace::batchtospace(const zeb::PuxDnnBufAttrs& in_attrs, const ze
   const std::uint64_t W_uncropped = std::uint64_t{W} * block_width;
   if (C_out == C && std::uint64_t{crop_top} + H_out <= H_uncropped &&
       std::uint64_t{crop_left} + W_out <= W_uncropped &&
-      detail::ProductFits32({N_out, C, H, block_height, W, block_width})) {
+      Fits(Saturating(N_out) * C * H * block_height * W * block_width)) {
     const detail::BlockGrid grid = {N_out * C, block_height, block_width, crop_top, crop_left,
                                     H_out,     W_out,        H,           W};
     detail::ForPlanes(grid, sizeof(T), [&](std::size_t plane, std::size_t planes) {
       detail::ForEachPatch(
           grid, plane, planes,
-          [&](std::size_t picture_offset, std::size_t phase_offset, std::span<const detail::Axis> axes) {
-            std::array<detail::Axis, 4> back;
-            std::transform(axes.begin(), axes.end(), back.begin(), [](const detail::Axis& axis) {
-              return detail::Axis{axis.extent, axis.dst_step, axis.src_step};
+          [&](std::size_t picture_offset, std::size_t phase_offset, std::span<const detail::Loop> axes) {
+            std::array<detail::Loop, 4> back;
+            std::transform(axes.begin(), axes.end(), back.begin(), [](const detail::Loop& axis) {
+              return detail::Loop{axis.extent, axis.dst_step, axis.src_step};
             });
-            detail::CopyWalk(out + picture_offset, in + phase_offset, std::span<const detail::Axis>(back));
+            detail::StridedCopy(out + picture_offset, in + phase_offset, std::span<const detail::Loop>(back));
           });
     });
     return;

@@ -4,18 +4,20 @@
 #include <algorithm>
 #include <vector>
 
+#include "contract/attr_text.h"
+#include "contract/checks.h"
+#include "contract/element.h"
+#include "contract/positions.h"
+#include "contract/sizes.h"
+#include "copy/strided_copy.h"
 #include "custom_ops/vek_common.h"
-#include "detail/attr_text.h"
-#include "detail/checks.h"
-#include "detail/element.h"
-#include "detail/positions.h"
-#include "detail/sizes.h"
-#include "detail/walk.h"
 
 namespace zeb_custom_ops {
 
 using detail::AsInt;
 using detail::AsUnsigned;
+using detail::Fits;
+using detail::LastPosition;
 
 const std::string VekBroadcast::k_expected_attr_ = "size";
 
@@ -123,7 +125,7 @@ bool VekBroadcast::Execute(void** in_buffers, void** out_buffers) {
 
 namespace {
 
-using detail::Axis;
+using detail::Loop;
 
 // dst[x] = src[x mod period]; a period of 0 repeats nothing.
 template <typename T>
@@ -136,14 +138,14 @@ void RepeatRow(T* dst, const T* src, unsigned period, unsigned count) {
 
 // The same for every row of planes of rows, which must not overlap.
 template <typename T>
-void RepeatRows(T* dst, const T* src, const Axis& planes, const Axis& rows, unsigned period, unsigned count) {
-  if (period == 0 || period >= count) return detail::CopyWalk(dst, src, {planes, rows, {count, 1, 1}});
-  detail::CopyWalk(dst, src, {planes, rows, {count / period, 0, period}, {period, 1, 1}});
+void RepeatRows(T* dst, const T* src, const Loop& planes, const Loop& rows, unsigned period, unsigned count) {
+  if (period == 0 || period >= count) return detail::StridedCopy(dst, src, {planes, rows, {count, 1, 1}});
+  detail::StridedCopy(dst, src, {planes, rows, {count / period, 0, period}, {period, 1, 1}});
   const unsigned whole = count / period * period;
-  detail::CopyWalk(dst + whole, src, {planes, rows, {count - whole, 1, 1}});
+  detail::StridedCopy(dst + whole, src, {planes, rows, {count - whole, 1, 1}});
 }
 
-Axis Along(std::size_t extent, std::uint64_t src_step, std::uint64_t dst_step) {
+Loop Along(std::size_t extent, std::uint64_t src_step, std::uint64_t dst_step) {
   return {extent, static_cast<std::ptrdiff_t>(src_step), static_cast<std::ptrdiff_t>(dst_step)};
 }
 
@@ -172,9 +174,9 @@ bool Broadcast_v1(const zeb::PuxDnnBufAttrs& in, const zeb::PuxDnnBufAttrs& out,
   const std::uint64_t dense_plane = std::uint64_t{H} * W;
   const unsigned planes = bcast_c != 0 ? 1 : C;
   const bool rows_apart = out_line >= W || (H <= 1 && planes <= 1);
-  const bool walks = rows_apart && detail::FitsIn32({{planes, in_plane}, {H, in_row}, {W, 1}}) &&
-                     detail::FitsIn32({{planes, out_plane}, {H + 1ULL, out_line}, {W, 1}}) &&
-                     detail::FitsIn32({{C, dense_plane}, {dense_plane, 1}});
+  const bool walks = rows_apart && Fits(LastPosition({{planes, in_plane}, {H, in_row}, {W, 1}})) &&
+                     Fits(LastPosition({{planes, out_plane}, {H + 1ULL, out_line}, {W, 1}})) &&
+                     Fits(LastPosition({{C, dense_plane}, {dense_plane, 1}}));
 
   if (bcast_c != 0 && bcast_h != 0 && walks && out_line == W && C != 0 && H != 0) {
     // All rows of all planes are the same, and they touch.
@@ -191,7 +193,7 @@ bool Broadcast_v1(const zeb::PuxDnnBufAttrs& in, const zeb::PuxDnnBufAttrs& out,
     // Deliberate: the second row follows the first one's elements, not its line stride.
     RepeatRows(out_data, in_data, {1, 0, 0}, {1, 0, 0}, period, W);
     if (walks && H > 1) {
-      detail::CopyWalk(out_data + W, out_data, {Along(H - 1, 0, out_line), {W, 1, 1}});
+      detail::StridedCopy(out_data + W, out_data, {Along(H - 1, 0, out_line), {W, 1, 1}});
     } else {
       T* row = out_data + W;
       for (unsigned h = 1; h < H; ++h, row += out_line) detail::CopyRun(row, out_data, W);
@@ -210,8 +212,8 @@ bool Broadcast_v1(const zeb::PuxDnnBufAttrs& in, const zeb::PuxDnnBufAttrs& out,
 
   // Deliberate: planes are repeated as dense blocks, also where the output's rows are padded.
   if (walks && first_copy < C) {
-    detail::CopyWalk(out_data + first_copy * dense_plane, first_plane,
-                     {Along(C - first_copy, 0, dense_plane), Along(dense_plane, 1, 1)});
+    detail::StridedCopy(out_data + first_copy * dense_plane, first_plane,
+                        {Along(C - first_copy, 0, dense_plane), Along(dense_plane, 1, 1)});
   } else {
     const auto plane = static_cast<unsigned>(dense_plane);
     for (unsigned c = first_copy; c < C; ++c) detail::CopyRun(out_data + c * plane, first_plane, plane);

@@ -3,6 +3,7 @@
 
 #include <utility>
 
+#include "contract/log.h"
 #include "custom_ops/vek_argmax.h"
 #include "custom_ops/vek_batchtospace.h"
 #include "custom_ops/vek_broadcast.h"
@@ -19,7 +20,6 @@
 #include "custom_ops/vek_softmax.h"
 #include "custom_ops/vek_spacetobatch.h"
 #include "custom_ops/vek_spacetodepth.h"
-#include "detail/log.h"
 
 namespace {
 

@@ -4,17 +4,19 @@
 #include <algorithm>
 #include <array>
 
+#include "contract/attr_text.h"
+#include "contract/checks.h"
+#include "contract/positions.h"
+#include "contract/sizes.h"
+#include "copy/strided_copy.h"
 #include "custom_ops/vek_common.h"
-#include "detail/attr_text.h"
-#include "detail/checks.h"
-#include "detail/positions.h"
-#include "detail/sizes.h"
-#include "detail/walk.h"
 
 namespace zeb_custom_ops {
 
 using detail::AsInt;
 using detail::AsULongLong;
+using detail::Fits;
+using detail::LastPosition;
 
 const std::string VekConcat::k_expected_attr_ = "axis";
 
@@ -36,22 +38,12 @@ bool VekConcat::Configure(const AttrMap& attrs, const BufAttrsList& inputs, cons
   const zeb::PuxDnnBufAttrs& first = *inputs[0];
 
   // Deliberate: only the first input's format is looked at.
-  if (!detail::IsPlanarWholeBytes(first.GetMemFormat())) {
-    VEK_LOG_ERROR("unexpected input buffer format");
-    PrintMemFmt(first.GetMemFormat());
-    return false;
-  }
-  if (!detail::IsPlanarWholeBytes(out.GetMemFormat())) {
-    VEK_LOG_ERROR("unexpected output buffer format");
-    PrintMemFmt(out.GetMemFormat());
-    return false;
-  }
-  if (first.GetMemFormat().bitdepth != out.GetMemFormat().bitdepth) {
-    VEK_LOG_ERROR("incompatible buffer formats");
-    PrintMemFmt(first.GetMemFormat());
-    PrintMemFmt(out.GetMemFormat());
-    return false;
-  }
+  VEK_REQUIRE_FORMAT(detail::IsPlanarWholeBytes(first.GetMemFormat()), "unexpected input buffer format",
+                     first.GetMemFormat());
+  VEK_REQUIRE_FORMAT(detail::IsPlanarWholeBytes(out.GetMemFormat()), "unexpected output buffer format",
+                     out.GetMemFormat());
+  VEK_REQUIRE_FORMAT(first.GetMemFormat().bitdepth == out.GetMemFormat().bitdepth,
+                     "incompatible buffer formats", first.GetMemFormat(), out.GetMemFormat());
 
   const std::size_t num_dims = first.GetDims().size();
   VEK_REQUIRE(num_dims == 4 || num_dims == 5,
@@ -132,7 +124,7 @@ void Join(const std::vector<T*>& in, T* out, std::uint64_t outer, unsigned inner
   constexpr std::size_t kGroup = 16;
   constexpr std::uint64_t kBlockBytes = 16384;
   const std::uint64_t row = extent * inner;
-  const bool fits = extent <= UINT32_MAX && detail::FitsIn32({{outer, row}, {row, 1}});
+  const bool fits = extent <= UINT32_MAX && Fits(LastPosition({{outer, row}, {row, 1}}));
   const std::uint64_t block =
       std::max<std::uint64_t>(1, kBlockBytes / std::max<std::uint64_t>(1, row * sizeof(T)));
 
@@ -152,7 +144,7 @@ void Join(const std::vector<T*>& in, T* out, std::uint64_t outer, unsigned inner
         const unsigned slab = slabs[i];
         const T* src = in[first + i];
         if (fits) {
-          detail::CopyWalk(
+          detail::StridedCopy(
               out + (o * row + offset), src + o * slab,
               {{rows, static_cast<std::ptrdiff_t>(slab), static_cast<std::ptrdiff_t>(row)}, {slab, 1, 1}});
         } else {

@@ -7,14 +7,17 @@
 #include <limits>
 #include <utility>
 
-#include "detail/checks.h"
-#include "detail/sizes.h"
-#include "detail/walk.h"
+#include "contract/checks.h"
+#include "contract/positions.h"
+#include "contract/sizes.h"
+#include "copy/strided_copy.h"
 
 namespace zeb_custom_ops {
 
 using detail::AsInt;
 using detail::AsULongLong;
+using detail::Fits;
+using detail::Saturating;
 
 bool VekDataStrideConv::Configure(const AttrMap&, const BufAttrsList& inputs, const BufAttrsList& outputs) {
   VEK_REQUIRE(inputs.size() == 1, "wrong number of inputs, expected: 1, got: %zu", inputs.size());
@@ -37,11 +40,11 @@ bool VekDataStrideConv::Configure(const AttrMap&, const BufAttrsList& inputs, co
       "custom layer does not support output tensor other than 4D (when data is interleaved), received: %dD.",
       AsInt(out.GetNumDims()));
 
-  const std::uint64_t in_bytes = detail::BytesRoundedUp(in_format, detail::Elements64(in.GetDims()));
+  const std::uint64_t in_bytes = detail::BytesRoundedUp(in);
   VEK_REQUIRE(in_bytes <= in.GetSize(),
               "input buffer size too small, size: %d bytes vs expected at least: %llu bytes.",
               AsInt(in.GetSize()), AsULongLong(in_bytes));
-  const std::uint64_t out_bytes = detail::BytesRoundedUp(out_format, detail::Elements64(out.GetDims()));
+  const std::uint64_t out_bytes = detail::BytesRoundedUp(out);
   VEK_REQUIRE(out_bytes <= out.GetSize(),
               "output buffer size too small, size: %d bytes vs expected at least: %llu bytes.",
               AsInt(out.GetSize()), AsULongLong(out_bytes));
@@ -336,8 +339,8 @@ std::uint64_t Groups(const Extents& e, unsigned pack) { return (std::uint64_t{e.
 // Rows, planes and batch items of the tensor follow each other without overlap, and no position wraps.
 bool IsRegular(const Interleaving& side, const Extents& e) {
   return std::uint64_t{e.W} * side.pack <= side.line && std::uint64_t{e.H} * side.line <= side.plane &&
-         detail::ProductFits32({Groups(e, side.pack), side.plane}) &&
-         Groups(e, side.pack) * side.plane <= side.batch && detail::ProductFits32({e.N, side.batch});
+         Fits(Saturating(Groups(e, side.pack)) * side.plane) &&
+         Groups(e, side.pack) * side.plane <= side.batch && Fits(Saturating(e.N) * side.batch);
 }
 
 // Sets the elements of a regular layout that no channel occupies to 0.
@@ -363,10 +366,10 @@ void ZeroPadding(T* dst, const Interleaving& side, const Extents& e) {
 // Moves the channels between regular layouts: runs of channels that neighbour each other on both sides.
 template <typename T>
 void CopyChannels(T* dst, const Interleaving& d, const T* src, const Interleaving& s, const Extents& e) {
-  using detail::Axis;
-  const Axis n{e.N, s.batch, d.batch};
-  const Axis h{e.H, s.line, d.line};
-  const Axis w{e.W, s.pack, d.pack};
+  using detail::Loop;
+  const Loop n{e.N, s.batch, d.batch};
+  const Loop h{e.H, s.line, d.line};
+  const Loop w{e.W, s.pack, d.pack};
   const auto channel_in = [&](std::size_t c) { return src + c / s.pack * s.plane + c % s.pack; };
   const auto channel_out = [&](std::size_t c) { return dst + c / d.pack * d.plane + c % d.pack; };
 
@@ -375,7 +378,7 @@ void CopyChannels(T* dst, const Interleaving& d, const T* src, const Interleavin
   if (large % small != 0) {
     for (std::size_t c = 0; c < e.C;) {
       const std::size_t run = std::min({s.pack - c % s.pack, d.pack - c % d.pack, e.C - c});
-      detail::CopyWalk(channel_out(c), channel_in(c), {n, h, w, {run, 1, 1}});
+      detail::StridedCopy(channel_out(c), channel_in(c), {n, h, w, {run, 1, 1}});
       c += run;
     }
     return;
@@ -387,13 +390,13 @@ void CopyChannels(T* dst, const Interleaving& d, const T* src, const Interleavin
   const std::size_t rest = (e.C - whole) / small * small;
   const std::size_t last = e.C - whole - rest;
   const std::ptrdiff_t parts = large / small;
-  const Axis group{whole / large, s.pack == small ? parts * s.plane : s.plane,
+  const Loop group{whole / large, s.pack == small ? parts * s.plane : s.plane,
                    d.pack == small ? parts * d.plane : d.plane};
-  Axis part{large / small, s.pack == small ? s.plane : small, d.pack == small ? d.plane : small};
-  detail::CopyWalk(dst, src, {n, group, part, h, w, {small, 1, 1}});
+  Loop part{large / small, s.pack == small ? s.plane : small, d.pack == small ? d.plane : small};
+  detail::StridedCopy(dst, src, {n, group, part, h, w, {small, 1, 1}});
   part.extent = rest / small;
-  detail::CopyWalk(channel_out(whole), channel_in(whole), {n, part, h, w, {small, 1, 1}});
-  detail::CopyWalk(channel_out(whole + rest), channel_in(whole + rest), {n, h, w, {last, 1, 1}});
+  detail::StridedCopy(channel_out(whole), channel_in(whole), {n, part, h, w, {small, 1, 1}});
+  detail::StridedCopy(channel_out(whole + rest), channel_in(whole + rest), {n, h, w, {last, 1, 1}});
 }
 
 }  // namespace

@@ -5,18 +5,21 @@
 #include <cstddef>
 #include <functional>
 
+#include "contract/attr_text.h"
+#include "contract/checks.h"
+#include "contract/positions.h"
+#include "contract/sizes.h"
 #include "custom_ops/vek_common.h"
-#include "detail/attr_text.h"
-#include "detail/checks.h"
-#include "detail/elementwise.h"
-#include "detail/exact_math.h"
-#include "detail/lanes.h"
-#include "detail/sizes.h"
+#include "math/elementwise.h"
+#include "math/exact_math.h"
+#include "simd/simd.h"
 
 namespace zeb_custom_ops {
 
 using detail::AsInt;
 using detail::AsULongLong;
+using detail::Fits;
+using detail::Saturating;
 
 const std::string VekEwo::k_expected_attr_method_ = "method";
 const std::string VekEwo::k_expected_attr_has_k_ = "has_k";
@@ -99,30 +102,23 @@ bool VekEwo::Configure(const AttrMap& attrs, const BufAttrsList& inputs, const B
   }
 
   for (const auto& in : inputs) {
-    if (!detail::IsPlanarFloat(in->GetMemFormat())) {
-      VEK_LOG_ERROR("unexpected input buffer format");
-      PrintMemFmt(in->GetMemFormat());
-      return false;
-    }
+    VEK_REQUIRE_FORMAT(detail::IsPlanarFloat(in->GetMemFormat()), "unexpected input buffer format",
+                       in->GetMemFormat());
     VEK_REQUIRE(!in->IsStrided(), "strided data detected on input, this is not supported.");
   }
   const zeb::PuxDnnBufAttrs& out = *outputs[0];
-  if (!detail::IsPlanarFloat(out.GetMemFormat())) {
-    VEK_LOG_ERROR("unexpected output buffer format");
-    PrintMemFmt(out.GetMemFormat());
-    return false;
-  }
+  VEK_REQUIRE_FORMAT(detail::IsPlanarFloat(out.GetMemFormat()), "unexpected output buffer format",
+                     out.GetMemFormat());
   VEK_REQUIRE(!out.IsStrided(), "strided data detected on output, this is not supported.");
 
   for (std::size_t i = 0; i < inputs.size(); ++i) {
     const zeb::PuxDnnBufAttrs& in = *inputs[i];
-    const std::uint64_t bytes = detail::BytesRoundedUp(in.GetMemFormat(), detail::Elements64(in.GetDims()));
+    const std::uint64_t bytes = detail::BytesRoundedUp(in);
     VEK_REQUIRE(bytes <= in.GetSize(),
                 "input %d size too small, size: %d bytes vs expected at least: %llu bytes.", AsInt(i),
                 AsInt(in.GetSize()), AsULongLong(bytes));
   }
-  const std::uint64_t out_bytes =
-      detail::BytesRoundedUp(out.GetMemFormat(), detail::Elements64(out.GetDims()));
+  const std::uint64_t out_bytes = detail::BytesRoundedUp(out);
   VEK_REQUIRE(out_bytes <= out.GetSize(),
               "output buffer size too small, size: %d bytes vs expected at least: %llu bytes.",
               AsInt(out.GetSize()), AsULongLong(out_bytes));
@@ -206,10 +202,10 @@ struct Operand {
 template <typename Op>
 void Broadcasting(const float* a_data, const Operand& a, const float* b_data, const Operand& b, float* out,
                   unsigned N, unsigned C, unsigned H, unsigned W, Op op) {
-  if (detail::ProductFits32({N, C, H, W})) {
+  if (Fits(Saturating(N) * C * H * W)) {
     detail::ZipAxis axes[] = {
         {N, a.n_step, b.n_step}, {C, a.c_step, b.c_step}, {H, a.h_step, b.h_step}, {W, a.w_step, b.w_step}};
-    detail::ZipWalk(a_data, b_data, out, axes, op);
+    detail::ZipStrided(a_data, b_data, out, axes, op);
     return;
   }
   const Operand dense(kNowhere, C, H, W);
@@ -267,9 +263,9 @@ bool VekEwo::Mul_NCHW_x_NC11(T* full, T* per_channel, T* out, const zeb::PuxDnnB
   const unsigned H = full_attrs.GetHeight();
   const unsigned W = full_attrs.GetWidth();
   const unsigned plane = H * W;
-  if (detail::ProductFits32({N, C, H, W})) {
+  if (Fits(Saturating(N) * C * H * W)) {
     detail::ZipAxis axes[] = {{std::size_t{N} * C, 1, plane}, {plane, 0, 1}};
-    detail::ZipWalk(per_channel, full, out, axes, std::multiplies<>());
+    detail::ZipStrided(per_channel, full, out, axes, std::multiplies<>());
     return true;
   }
   const unsigned count = N * C * plane;  // 0 where a plane has 0 elements

@@ -1,10 +1,10 @@
 // Layer type "GATHER"; the kernel stands in ext_gather.cpp.
 #include "custom_ops/vek_gather.h"
 
+#include "contract/attr_text.h"
+#include "contract/checks.h"
+#include "contract/sizes.h"
 #include "custom_ops/vek_common.h"
-#include "detail/attr_text.h"
-#include "detail/checks.h"
-#include "detail/sizes.h"
 
 namespace zeb_custom_ops {
 
@@ -34,22 +34,12 @@ bool VekGather::Configure(const AttrMap& attrs, const BufAttrsList& inputs, cons
   const zeb::PuxDnnBufAttrs& out = *outputs[0];
 
   // Deliberate: the format of the indices is not looked at.
-  if (!detail::IsPlanarWholeBytes(params.GetMemFormat())) {
-    VEK_LOG_ERROR("unexpected input buffer format");
-    PrintMemFmt(params.GetMemFormat());
-    return false;
-  }
-  if (!detail::IsPlanarWholeBytes(out.GetMemFormat())) {
-    VEK_LOG_ERROR("unexpected output buffer format");
-    PrintMemFmt(out.GetMemFormat());
-    return false;
-  }
-  if (params.GetMemFormat().bitdepth != out.GetMemFormat().bitdepth) {
-    VEK_LOG_ERROR("incompatible buffer formats");
-    PrintMemFmt(params.GetMemFormat());
-    PrintMemFmt(out.GetMemFormat());
-    return false;
-  }
+  VEK_REQUIRE_FORMAT(detail::IsPlanarWholeBytes(params.GetMemFormat()), "unexpected input buffer format",
+                     params.GetMemFormat());
+  VEK_REQUIRE_FORMAT(detail::IsPlanarWholeBytes(out.GetMemFormat()), "unexpected output buffer format",
+                     out.GetMemFormat());
+  VEK_REQUIRE_FORMAT(params.GetMemFormat().bitdepth == out.GetMemFormat().bitdepth,
+                     "incompatible buffer formats", params.GetMemFormat(), out.GetMemFormat());
 
   const std::size_t num_dims = params.GetDims().size();
   VEK_REQUIRE(static_cast<unsigned>(axis_) < num_dims, "There are %zu dims, but axis is set to %d", num_dims,

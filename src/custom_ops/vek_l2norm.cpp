@@ -5,18 +5,21 @@
 #include <cmath>
 #include <cstddef>
 
+#include "contract/attr_text.h"
+#include "contract/checks.h"
+#include "contract/positions.h"
+#include "contract/sizes.h"
 #include "custom_ops/vek_common.h"
-#include "detail/attr_text.h"
-#include "detail/checks.h"
-#include "detail/elementwise.h"
-#include "detail/lanes.h"
-#include "detail/sizes.h"
-#include "detail/square_sums.h"
+#include "math/elementwise.h"
+#include "math/square_sums.h"
+#include "simd/simd.h"
 
 namespace zeb_custom_ops {
 
 using detail::AsInt;
 using detail::AsULongLong;
+using detail::Fits;
+using detail::Saturating;
 
 const std::string VekL2Norm::k_expected_attr_across_spatial_ = "across_spatial";
 const std::string VekL2Norm::k_expected_attr_channel_shared_ = "channel_shared";
@@ -27,25 +30,18 @@ bool VekL2Norm::Configure(const AttrMap& attrs, const BufAttrsList& inputs, cons
   const zeb::PuxDnnBufAttrs& in = *inputs[0];
   const zeb::PuxDnnBufAttrs& out = *outputs[0];
 
-  if (!detail::IsPlanarFloat(in.GetMemFormat())) {
-    VEK_LOG_ERROR("unexpected input buffer format");
-    PrintMemFmt(in.GetMemFormat());
-    return false;
-  }
-  if (!detail::IsPlanarFloat(out.GetMemFormat())) {
-    VEK_LOG_ERROR("unexpected output buffer format");
-    PrintMemFmt(out.GetMemFormat());
-    return false;
-  }
+  VEK_REQUIRE_FORMAT(detail::IsPlanarFloat(in.GetMemFormat()), "unexpected input buffer format",
+                     in.GetMemFormat());
+  VEK_REQUIRE_FORMAT(detail::IsPlanarFloat(out.GetMemFormat()), "unexpected output buffer format",
+                     out.GetMemFormat());
   VEK_REQUIRE(!in.IsStrided(), "strided data detected on input, this is not supported.");
   VEK_REQUIRE(!out.IsStrided(), "strided data detected on output, this is not supported.");
 
-  const std::uint64_t in_bytes = detail::BytesRoundedUp(in.GetMemFormat(), detail::Elements64(in.GetDims()));
+  const std::uint64_t in_bytes = detail::BytesRoundedUp(in);
   VEK_REQUIRE(in_bytes <= in.GetSize(),
               "input buffer size too small, size: %d bytes vs expected at least: %llu bytes.",
               AsInt(in.GetSize()), AsULongLong(in_bytes));
-  const std::uint64_t out_bytes =
-      detail::BytesRoundedUp(out.GetMemFormat(), detail::Elements64(out.GetDims()));
+  const std::uint64_t out_bytes = detail::BytesRoundedUp(out);
   VEK_REQUIRE(out_bytes <= out.GetSize(),
               "output buffer size too small, size: %d bytes vs expected at least: %llu bytes.",
               AsInt(out.GetSize()), AsULongLong(out_bytes));
@@ -154,7 +150,7 @@ bool VekL2Norm::L2norm_v1(const zeb::PuxDnnBufAttrs& in_attrs, float* in, unsign
 
   const unsigned plane = H * W;
   const unsigned item = C * plane;
-  const bool positions_fit = detail::ProductFits32({N, C, H, W});
+  const bool positions_fit = Fits(Saturating(N) * C * H * W);
   if (positions_fit && across_spatial_) NormalizeRows(in, out, N, item);
   if (positions_fit && !across_spatial_) NormalizeRows(in, out, std::size_t{N} * C, plane);
 

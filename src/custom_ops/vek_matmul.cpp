@@ -5,15 +5,18 @@
 #include <cstddef>
 #include <cstring>
 
-#include "detail/attr_text.h"
-#include "detail/checks.h"
-#include "detail/lanes.h"
-#include "detail/sizes.h"
-#include "detail/transpose.h"
+#include "contract/attr_text.h"
+#include "contract/checks.h"
+#include "contract/positions.h"
+#include "contract/sizes.h"
+#include "copy/transpose.h"
+#include "simd/simd.h"
 
 namespace zeb_custom_ops {
 
 using detail::AsInt;
+using detail::Fits;
+using detail::Saturating;
 
 const std::string VekMatmul::k_expected_attr_ = "trans_b";
 
@@ -84,21 +87,9 @@ bool VekMatmul::Execute(void** in_buffers, void** out_buffers) {
 
 namespace {
 
-// How the blocks are cut. A tile of sums stays in registers while it runs along k, with room beside it for the
-// products of one step.
-#if defined(__aarch64__)
-constexpr bool kLoadsAhead = true;  // a step's values while the products of the one before are added
-constexpr std::size_t kTileRows = 3;
-constexpr std::size_t kPanelVectors = 2;
-#elif defined(__AVX512F__)
-constexpr bool kLoadsAhead = false;
-constexpr std::size_t kTileRows = 4;
-constexpr std::size_t kPanelVectors = 2;
-#else
-constexpr bool kLoadsAhead = false;
-constexpr std::size_t kTileRows = 4;
-constexpr std::size_t kPanelVectors = 1;
-#endif
+// How the blocks are cut.
+constexpr std::size_t kTileRows = detail::kProductTile.rows;
+constexpr std::size_t kPanelVectors = detail::kProductTile.vectors;
 constexpr std::size_t kPanel = kPanelVectors * detail::kFloatLanes;  // columns of a tile
 constexpr std::size_t kBlockRows = 60;                               // rows of sums kept while B is packed
 constexpr std::size_t kBlockDepth = 256;                             // steps of k packed at a time
@@ -125,7 +116,7 @@ void AddProducts(const Matrix& a, const float* b, std::size_t b_step, std::size_
                  std::size_t sums_step) {
   detail::WideSums s[rows][vectors];
   for (std::size_t i = 0; i < rows; ++i) {
-    for (std::size_t v = 0; v < vectors; ++v) s[i][v].Load(sums + i * sums_step + v * detail::kFloatLanes);
+    for (std::size_t v = 0; v < vectors; ++v) s[i][v].Read(sums + i * sums_step + v * detail::kFloatLanes);
   }
 
   float a_values[rows];
@@ -133,7 +124,7 @@ void AddProducts(const Matrix& a, const float* b, std::size_t b_step, std::size_
   detail::Floats products[rows][vectors];
   const auto load = [&](std::size_t k) {
     for (std::size_t v = 0; v < vectors; ++v) {
-      b_values[v] = detail::Load(b + k * b_step + v * detail::kFloatLanes);
+      b_values[v] = detail::Load<detail::Floats>(b + k * b_step + v * detail::kFloatLanes);
     }
     for (std::size_t i = 0; i < rows; ++i) a_values[i] = *a.At(i, k);
   };
@@ -147,7 +138,7 @@ void AddProducts(const Matrix& a, const float* b, std::size_t b_step, std::size_
       for (std::size_t v = 0; v < vectors; ++v) s[i][v].Add(products[i][v]);
     }
   };
-  if constexpr (kLoadsAhead) {
+  if constexpr (detail::kProductTile.loads_ahead) {
     load(0);
     for (std::size_t k = 1; k < depth; ++k) {
       multiply();
@@ -165,7 +156,7 @@ void AddProducts(const Matrix& a, const float* b, std::size_t b_step, std::size_
   }
 
   for (std::size_t i = 0; i < rows; ++i) {
-    for (std::size_t v = 0; v < vectors; ++v) s[i][v].Store(sums + i * sums_step + v * detail::kFloatLanes);
+    for (std::size_t v = 0; v < vectors; ++v) s[i][v].Write(sums + i * sums_step + v * detail::kFloatLanes);
   }
 }
 
@@ -222,7 +213,7 @@ void RoundRow(const double* sums, std::size_t columns, float* out, std::size_t o
   if (out_step == 1) {
     for (; j + detail::kFloatLanes <= columns; j += detail::kFloatLanes) {
       detail::WideSums s;
-      s.Load(sums + j);
+      s.Read(sums + j);
       detail::Store(out + j, s.Rounded());
     }
   }
@@ -321,9 +312,8 @@ void AB(T* out, T* a, const zeb::PuxDnnBufAttrs& a_attrs, T* b, const zeb::PuxDn
   const unsigned P = b_attrs.GetHeight() * b_attrs.GetWidth();
   if (N == 0 || M == 0 || P == 0) return;
 
-  if (detail::ProductFits32({N, M, K}) && detail::ProductFits32({N, M, P}) &&
-      detail::ProductFits32({N, C_b, P}) && detail::ProductFits32({K, P}) &&
-      std::uint64_t{N - 1} * C_b * P + std::uint64_t{K} * P <= 0xFFFFFFFFU) {
+  if (Fits(Saturating(N) * M * K) && Fits(Saturating(N) * M * P) && Fits(Saturating(N) * C_b * P) &&
+      Fits(Saturating(K) * P) && std::uint64_t{N - 1} * C_b * P + std::uint64_t{K} * P <= 0xFFFFFFFFU) {
     for (std::size_t n = 0; n < N; ++n) {
       Multiply(out + n * M * P, {a + n * M * K, K, 1}, {b + n * C_b * P, P, 1}, M, K, P);
     }
@@ -347,7 +337,7 @@ void AAT(T* out, T* a, const zeb::PuxDnnBufAttrs& a_attrs) {
   const unsigned N = a_attrs.GetBatch();
   const unsigned M = a_attrs.GetChannels();
   const unsigned K = a_attrs.GetHeight() * a_attrs.GetWidth();
-  if (detail::ProductFits32({N, M, K}) && detail::ProductFits32({N, M, M})) {
+  if (Fits(Saturating(N) * M * K) && Fits(Saturating(N) * M * M)) {
     for (std::size_t n = 0; n < N; ++n) {
       MultiplyByTransposed(out + n * M * M, {a + n * M * K, K, 1}, M, K);
     }

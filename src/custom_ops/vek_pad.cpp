@@ -4,18 +4,20 @@
 #include <algorithm>
 #include <vector>
 
+#include "contract/attr_text.h"
+#include "contract/checks.h"
+#include "contract/element.h"
+#include "contract/fixed_point.h"
+#include "contract/positions.h"
+#include "contract/sizes.h"
+#include "copy/strided_copy.h"
 #include "custom_ops/vek_common.h"
-#include "detail/attr_text.h"
-#include "detail/checks.h"
-#include "detail/element.h"
-#include "detail/fixed_point.h"
-#include "detail/positions.h"
-#include "detail/sizes.h"
-#include "detail/walk.h"
 
 namespace zeb_custom_ops {
 
 using detail::AsInt;
+using detail::Fits;
+using detail::LastPosition;
 
 const std::string VekPad::k_expected_attr_pad_mode_ = "pad_mode";
 const std::string VekPad::k_expected_attr_pad_ = "pad";
@@ -125,7 +127,7 @@ struct Loop {
   std::uint64_t step = 0;
 };
 
-detail::Axis Along(std::uint64_t extent, std::uint64_t src_step, std::uint64_t dst_step) {
+detail::Loop Along(std::uint64_t extent, std::uint64_t src_step, std::uint64_t dst_step) {
   return {extent, static_cast<std::ptrdiff_t>(src_step), static_cast<std::ptrdiff_t>(dst_step)};
 }
 
@@ -182,8 +184,8 @@ struct Bordered {
     return adds_up(pads[0], interior.N, pads[1], whole.N) && adds_up(pads[2], interior.C, pads[3], whole.C) &&
            adds_up(pads[4], interior.H, pads[5], whole.H) && adds_up(pads[6], interior.W, pads[7], whole.W) &&
            (mode != kEdge || (interior.N != 0 && interior.C != 0 && interior.H != 0 && interior.W != 0)) &&
-           detail::FitsIn32(
-               {{whole.N, steps.batch}, {whole.C, steps.plane}, {whole.H, steps.line}, {whole.W, 1}}) &&
+           LastPosition({{whole.N, steps.batch}, {whole.C, steps.plane}, {whole.H, steps.line}, {whole.W, 1}})
+               .Fits() &&
            AreApart(whole, steps);
   }
 
@@ -247,18 +249,18 @@ struct Bordered {
     const T fill = mode == kConstant ? constant : T{0};
     for (const Side& side : border) {
       if (side.copied != 0) {
-        detail::CopyWalk(data + (origin + side.dst * step), data + (origin + side.src * step),
-                         {{side.copied, side.src_step * signed_step, side.dst_step * signed_step},
-                          along(loops[0], true),
-                          along(loops[1], true),
-                          along(loops[2], true)});
+        detail::StridedCopy(data + (origin + side.dst * step), data + (origin + side.src * step),
+                            {{side.copied, side.src_step * signed_step, side.dst_step * signed_step},
+                             along(loops[0], true),
+                             along(loops[1], true),
+                             along(loops[2], true)});
       }
       if (side.filled != 0) {
-        detail::CopyWalk(data + (origin + side.fill_dst * step), &fill,
-                         {{side.filled, 0, signed_step},
-                          along(loops[0], false),
-                          along(loops[1], false),
-                          along(loops[2], false)});
+        detail::StridedCopy(data + (origin + side.fill_dst * step), &fill,
+                            {{side.filled, 0, signed_step},
+                             along(loops[0], false),
+                             along(loops[1], false),
+                             along(loops[2], false)});
       }
     }
   }
@@ -315,15 +317,17 @@ struct Interior {
 
   // No position wraps and no two elements meet in the target.
   bool IsWellFormed() const {
-    return detail::FitsIn32({{shape.N, src_steps.batch},
-                             {Groups(), src_steps.plane},
-                             {shape.H, src_steps.line},
-                             {shape.W, pack},
-                             {pack, 1}}) &&
-           detail::FitsIn32({{shape.N + p0, dst_steps.batch},
-                             {shape.C + p2, dst_steps.plane},
-                             {shape.H + p4, dst_steps.line},
-                             {shape.W + p6, 1}}) &&
+    return LastPosition({{shape.N, src_steps.batch},
+                         {Groups(), src_steps.plane},
+                         {shape.H, src_steps.line},
+                         {shape.W, pack},
+                         {pack, 1}})
+               .Fits() &&
+           LastPosition({{shape.N + p0, dst_steps.batch},
+                         {shape.C + p2, dst_steps.plane},
+                         {shape.H + p4, dst_steps.line},
+                         {shape.W + p6, 1}})
+               .Fits() &&
            AreApart(shape, dst_steps);
   }
 
@@ -344,7 +348,7 @@ struct Interior {
     if (first >= last) return;
     const std::uint64_t c = std::uint64_t{first} * pack;
     const auto dst_at = static_cast<unsigned>(dst_steps.Position(n + p0, c + p2, p4) + p6);
-    detail::CopyWalk(
+    detail::StridedCopy(
         dst + dst_at, src + src_steps.Position(n, first, 0),
         {Along(last - first, src_steps.plane, pack * dst_steps.plane), Along(channels, 1, dst_steps.plane),
          Along(shape.H, src_steps.line, dst_steps.line), Along(shape.W, pack, 1)});

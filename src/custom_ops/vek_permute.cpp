@@ -6,20 +6,23 @@
 #include <limits>
 #include <new>
 
+#include "contract/attr_text.h"
+#include "contract/checks.h"
+#include "contract/element.h"
+#include "contract/positions.h"
+#include "contract/sizes.h"
+#include "copy/strided_copy.h"
 #include "custom_ops/vek_common.h"
 #include "custom_ops/vek_datastrideconv.h"
-#include "detail/attr_text.h"
-#include "detail/checks.h"
-#include "detail/element.h"
-#include "detail/sizes.h"
-#include "detail/walk.h"
 
 namespace zeb_custom_ops {
 
 using detail::AsInt;
 using detail::AsULongLong;
 using detail::AsUnsigned;
-using detail::Axis;
+using detail::Fits;
+using detail::Loop;
+using detail::Saturating;
 
 const std::string VekPermute::k_expected_attr_axes_ = "axes";
 
@@ -84,11 +87,11 @@ bool VekPermute::Configure(const AttrMap& attrs, const BufAttrsList& inputs, con
   VEK_REQUIRE(in_format.bitdepth == out_format.bitdepth,
               "input bitdepth: %d, differs from output bitdepth: %d", in_format.bitdepth,
               out_format.bitdepth);
-  const std::uint64_t in_bytes = detail::BytesRoundedUp(in_format, detail::Elements64(in.GetDims()));
+  const std::uint64_t in_bytes = detail::BytesRoundedUp(in);
   VEK_REQUIRE(in_bytes <= in.GetSize(),
               "input buffer size too small, size: %d bytes vs expected at least: %llu bytes.",
               AsInt(in.GetSize()), AsULongLong(in_bytes));
-  const std::uint64_t out_bytes = detail::BytesRoundedUp(out_format, detail::Elements64(out.GetDims()));
+  const std::uint64_t out_bytes = detail::BytesRoundedUp(out);
   VEK_REQUIRE(out_bytes <= out.GetSize(),
               "output buffer size too small, size: %d bytes vs expected at least: %llu bytes.",
               AsInt(out.GetSize()), AsULongLong(out_bytes));
@@ -198,13 +201,13 @@ bool NamesOnlyDims(const std::vector<unsigned>& order, std::size_t rank) {
 }
 
 // The loops over the output, in its order. The products wrap at 32 bits.
-std::vector<Axis> OutputAxes(const std::vector<unsigned>& order, const std::vector<unsigned>& in_dims) {
+std::vector<Loop> OutputAxes(const std::vector<unsigned>& order, const std::vector<unsigned>& in_dims) {
   const std::size_t rank = in_dims.size();
   std::vector<unsigned> in_step(rank);
   unsigned step = 1;
   for (std::size_t d = rank; d-- > 0; step *= in_dims[d]) in_step[d] = step;
 
-  std::vector<Axis> axes(rank);
+  std::vector<Loop> axes(rank);
   step = 1;
   for (std::size_t i = rank; i-- > 0; step *= in_dims[order[i]]) {
     axes[i] = {in_dims[order[i]], in_step[order[i]], step};
@@ -213,9 +216,9 @@ std::vector<Axis> OutputAxes(const std::vector<unsigned>& order, const std::vect
 }
 
 // Where the element at output index `index` comes from; any index has a source, also one outside the dims.
-unsigned SourceOf(unsigned index, const std::vector<Axis>& axes) {
+unsigned SourceOf(unsigned index, const std::vector<Loop>& axes) {
   unsigned source = 0;
-  for (const Axis& axis : axes) {
+  for (const Loop& axis : axes) {
     const unsigned out_step = static_cast<unsigned>(axis.dst_step);
     const unsigned coordinate = out_step == 0 ? 0 : index / out_step;
     index -= coordinate * out_step;
@@ -236,7 +239,7 @@ bool IsPermutation(const std::vector<unsigned>& order, std::size_t rank) {
 
 // Whether every element of the output has its source inside an input of as many elements.
 bool StaysInside(const std::vector<unsigned>& order, const std::vector<unsigned>& in_dims, unsigned count) {
-  const std::vector<Axis> axes = OutputAxes(order, in_dims);
+  const std::vector<Loop> axes = OutputAxes(order, in_dims);
   for (unsigned o = 0; o < count; ++o) {
     if (SourceOf(o, axes) >= count) return false;
   }
@@ -255,12 +258,12 @@ bool VekPermute::Permute_v1(const zeb::PuxDnnBufAttrs& in, T* in_data, unsigned 
   const std::size_t rank = in_dims.size();
   const std::vector<unsigned> order = CompletedOrder(axes_, static_cast<unsigned>(rank));
   VEK_REQUIRE(NamesOnlyDims(order, rank), "axes name a dimension that %zuD input does not have", rank);
-  const std::vector<Axis> axes = OutputAxes(order, in_dims);
+  const std::vector<Loop> axes = OutputAxes(order, in_dims);
 
   unsigned done = 0;
   const std::uint64_t count = CappedElements(in_dims);
   if (IsPermutation(order, rank) && count <= out_count) {
-    detail::CopyWalk<T>(out_data, in_data, axes);
+    detail::StridedCopy<T>(out_data, in_data, axes);
     done = static_cast<unsigned>(count);
   }
   // Repeated axes, and what a buffer holds beyond its dims.
@@ -362,13 +365,13 @@ constexpr std::uint64_t RoundUp(std::uint64_t value, unsigned step) {
 // Moves the channels of all pixels in groups of `pack`, the last of which may be partial. The extent of
 // `group` is left to this function.
 template <typename T>
-void WalkGroups(T* dst, T* src, const Axis& n, Axis group, const Axis& h, const Axis& w, unsigned C,
+void WalkGroups(T* dst, T* src, const Loop& n, Loop group, const Loop& h, const Loop& w, unsigned C,
                 unsigned pack) {
   group.extent = C / pack;
   const auto whole = static_cast<std::ptrdiff_t>(group.extent);
-  detail::CopyWalk<T>(dst, src, {n, group, h, w, {pack, 1, 1}});
-  detail::CopyWalk<T>(dst + whole * group.dst_step, src + whole * group.src_step,
-                      {n, h, w, {C % pack, 1, 1}});
+  detail::StridedCopy<T>(dst, src, {n, group, h, w, {pack, 1, 1}});
+  detail::StridedCopy<T>(dst + whole * group.dst_step, src + whole * group.src_step,
+                         {n, h, w, {C % pack, 1, 1}});
 }
 
 }  // namespace
@@ -394,7 +397,7 @@ void VekPermute::UnpackToNhwc(const zeb::PuxDnnBufAttrs& in, T* in_data, T* out_
   const std::uint64_t groups = (std::uint64_t{C} + P - 1) / P;
   const std::uint64_t row = RoundUp(std::uint64_t{P} * W, line);
   const std::uint64_t plane = Capped(row, H) + plane_pad;
-  if (detail::ProductFits32({N, groups, plane}) && RoundUp(plane, line) == plane) {
+  if (Fits(Saturating(N) * groups * plane) && RoundUp(plane, line) == plane) {
     const unsigned plane_step = AsUnsigned(plane);
     WalkGroups(out_data, in_data, {N, AsUnsigned(groups * plane), C * H * W}, {0, plane_step, P},
                {H, AsUnsigned(row), W * C}, {W, P, C}, C, P);
@@ -450,7 +453,7 @@ bool VekPermute::PackToNchw(const zeb::PuxDnnBufAttrs& in, T* in_data, const zeb
   const std::uint64_t in_row = P < C ? in_plane : std::uint64_t{W} * C + in_plane - in_pixels;
   const std::uint64_t in_item = P < C ? Capped(in_plane, in_dims[1]) : Capped(in_row, H);
   if (std::uint64_t{P} * W <= out_line && Capped(out_line, H) <= out_plane &&
-      detail::ProductFits32({N, groups, out_plane}) && (P < C || in_pixels <= in_plane) &&
+      Fits(Saturating(N) * groups * out_plane) && (P < C || in_pixels <= in_plane) &&
       Capped(N, in_item) + Capped(H, in_row) + Capped(W, C) < kTooMany) {
     WalkGroups(out_data, in_data, {N, AsUnsigned(in_item), AsUnsigned(groups * out_plane)}, {0, P, out_plane},
                {H, AsUnsigned(in_row), out_line}, {W, C, P}, C, P);

@@ -1,15 +1,18 @@
 // Layer type "RESHAPE": reshape and pixel shuffle.
 #include "custom_ops/vek_reshape.h"
 
-#include "detail/attr_text.h"
-#include "detail/checks.h"
-#include "detail/element.h"
-#include "detail/sizes.h"
-#include "detail/walk.h"
+#include "contract/attr_text.h"
+#include "contract/checks.h"
+#include "contract/element.h"
+#include "contract/positions.h"
+#include "contract/sizes.h"
+#include "copy/strided_copy.h"
 
 namespace zeb_custom_ops {
 
 using detail::AsInt;
+using detail::Fits;
+using detail::Saturating;
 
 const std::string VekReshape::k_expected_attr_ = "pixelshuffler";
 
@@ -132,15 +135,15 @@ void pixelshuffle(T* out, T* in, int factor, const zeb::PuxDnnBufAttrs& in_attrs
       C / (r * r);  // NOLINT(clang-analyzer-core.DivideZero): Execute refuses such a factor
 
   // Whole groups of r * r channels, and no position wraps.
-  if (detail::ProductFits32({r, r}) && C % (r * r) == 0 && detail::ProductFits32({N, C, H, W})) {
-    detail::CopyWalk(out, in,
-                     {
-                         {N * C_out, r * r * H * W, r * H * r * W},
-                         {H, W, r * r * W},
-                         {r, r * H * W, r * W},  // dy
-                         {r, H * W, 1},          // dx
-                         {W, 1, r},
-                     });
+  if (Fits(Saturating(r) * r) && C % (r * r) == 0 && Fits(Saturating(N) * C * H * W)) {
+    detail::StridedCopy(out, in,
+                        {
+                            {N * C_out, r * r * H * W, r * H * r * W},
+                            {H, W, r * r * W},
+                            {r, r * H * W, r * W},  // dy
+                            {r, H * W, 1},          // dx
+                            {W, 1, r},
+                        });
     return;
   }
 

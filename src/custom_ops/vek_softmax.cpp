@@ -5,19 +5,21 @@
 #include <cmath>
 #include <cstddef>
 
+#include "contract/attr_text.h"
+#include "contract/checks.h"
+#include "contract/positions.h"
+#include "contract/sizes.h"
+#include "copy/transpose.h"
 #include "custom_ops/vek_common.h"
-#include "detail/attr_text.h"
-#include "detail/checks.h"
-#include "detail/exact_math.h"
-#include "detail/lanes.h"
-#include "detail/sizes.h"
-#include "detail/transpose.h"
-#include "detail/vec.h"
+#include "math/exact_math.h"
+#include "simd/simd.h"
 
 namespace zeb_custom_ops {
 
 using detail::AsInt;
 using detail::AsULongLong;
+using detail::Fits;
+using detail::Saturating;
 
 const std::string VekSoftmax::k_expected_attr_ = "axis";
 
@@ -40,16 +42,10 @@ bool VekSoftmax::Configure(const AttrMap& attrs, const BufAttrsList& inputs, con
   const zeb::PuxDnnBufAttrs& in = *inputs[0];
   const zeb::PuxDnnBufAttrs& out = *outputs[0];
 
-  if (!detail::IsPlanarFloat(in.GetMemFormat())) {
-    VEK_LOG_ERROR("unexpected input buffer format");
-    PrintMemFmt(in.GetMemFormat());
-    return false;
-  }
-  if (!detail::IsPlanarFloat(out.GetMemFormat())) {
-    VEK_LOG_ERROR("unexpected output buffer format");
-    PrintMemFmt(out.GetMemFormat());
-    return false;
-  }
+  VEK_REQUIRE_FORMAT(detail::IsPlanarFloat(in.GetMemFormat()), "unexpected input buffer format",
+                     in.GetMemFormat());
+  VEK_REQUIRE_FORMAT(detail::IsPlanarFloat(out.GetMemFormat()), "unexpected output buffer format",
+                     out.GetMemFormat());
 
   const std::vector<unsigned> in_dims = in.GetDims();
   const std::vector<unsigned> out_dims = out.GetDims();
@@ -120,7 +116,7 @@ void SoftmaxVector(const float* in, float* out, unsigned p, unsigned len, unsign
 
 // Which lanes of a vector exist in memory: all, or the first `count`.
 struct AllOfThem {
-  static Floats Load(const float* src) { return detail::Load(src); }
+  static Floats Load(const float* src) { return detail::Load<Floats>(src); }
   static void Store(float* dst, Floats value) { detail::Store(dst, value); }
 };
 struct SomeOfThem {
@@ -170,45 +166,47 @@ void SoftmaxColumns(const float* in, float* out, std::size_t len, std::size_t st
 void ExpRows(const float* in, float* out, std::size_t len, std::size_t stride, const float* max,
              std::size_t rows) {
   for (std::size_t i = 0; i < rows; ++i, in += stride, out += stride) {
-    const Floats last = detail::Load(in + len - kWidth);
+    const Floats last = detail::Load<Floats>(in + len - kWidth);
     const Floats maxima = detail::Splat(max[i]);
     std::size_t k = 0;
     for (; k + 2 * kWidth <= len; k += 2 * kWidth) {
-      const Floats e0 = detail::ExpNonPositive(detail::Load(in + k) - maxima);
-      const Floats e1 = detail::ExpNonPositive(detail::Load(in + k + kWidth) - maxima);
+      const Floats e0 = detail::ExpNonPositive(detail::Load<Floats>(in + k) - maxima);
+      const Floats e1 = detail::ExpNonPositive(detail::Load<Floats>(in + k + kWidth) - maxima);
       detail::Store(out + k, e0);
       detail::Store(out + k + kWidth, e1);
     }
-    if (k + kWidth < len) detail::Store(out + k, detail::ExpNonPositive(detail::Load(in + k) - maxima));
+    if (k + kWidth < len)
+      detail::Store(out + k, detail::ExpNonPositive(detail::Load<Floats>(in + k) - maxima));
     if (k < len) detail::Store(out + len - kWidth, detail::ExpNonPositive(last - maxima));
   }
 }
 
 // Multiplies a row of at least one vector.
 void ScaleRow(float* row, std::size_t len, float factor) {
-  const Floats last = detail::Load(row + len - kWidth);
+  const Floats last = detail::Load<Floats>(row + len - kWidth);
   const Floats factors = detail::Splat(factor);
   std::size_t k = 0;
   for (; k + 4 * kWidth <= len; k += 4 * kWidth) {
     for (std::size_t v = 0; v < 4; ++v) {
       float* at = row + k + v * kWidth;
-      detail::Store(at, detail::Load(at) * factors);
+      detail::Store(at, detail::Load<Floats>(at) * factors);
     }
   }
-  for (; k + kWidth < len; k += kWidth) detail::Store(row + k, detail::Load(row + k) * factors);
+  for (; k + kWidth < len; k += kWidth) detail::Store(row + k, detail::Load<Floats>(row + k) * factors);
   if (k < len) detail::Store(row + len - kWidth, last * factors);
 }
 
 // The greatest value of a row of at least one vector.
 float MaxOfRow(const float* row, std::size_t len) {
   Floats max[4];
-  for (Floats& m : max) m = detail::Load(row);
+  for (Floats& m : max) m = detail::Load<Floats>(row);
   std::size_t k = 0;
   for (; k + 4 * kWidth <= len; k += 4 * kWidth) {
-    for (std::size_t v = 0; v < 4; ++v) max[v] = detail::Max(detail::Load(row + k + v * kWidth), max[v]);
+    for (std::size_t v = 0; v < 4; ++v)
+      max[v] = detail::Max(detail::Load<Floats>(row + k + v * kWidth), max[v]);
   }
-  for (; k + kWidth <= len; k += kWidth) max[0] = detail::Max(detail::Load(row + k), max[0]);
-  max[1] = detail::Max(detail::Load(row + len - kWidth), max[1]);
+  for (; k + kWidth <= len; k += kWidth) max[0] = detail::Max(detail::Load<Floats>(row + k), max[0]);
+  max[1] = detail::Max(detail::Load<Floats>(row + len - kWidth), max[1]);
   return detail::MaxLane(detail::Max(detail::Max(max[0], max[1]), detail::Max(max[2], max[3])));
 }
 
@@ -222,8 +220,7 @@ void AddColumns(const float* rows, std::size_t stride, std::size_t count, Quad (
   for (; k + 4 <= count; k += 4) {
     for (std::size_t q = 0; q < quads; ++q) {
       Quad tile[4];
-      for (std::size_t i = 0; i < 4; ++i)
-        std::memcpy(&tile[i], rows + (4 * q + i) * stride + k, sizeof(Quad));
+      for (std::size_t i = 0; i < 4; ++i) tile[i] = detail::Load<Quad>(rows + (4 * q + i) * stride + k);
       // Two such steps transpose four by four.
       detail::ZipHalves<float>(tile);
       detail::ZipHalves<float>(tile);
@@ -260,12 +257,12 @@ void SoftmaxRows(const float* in, float* out, std::size_t len) {
 void SoftmaxRow(const float* in, float* out, std::size_t len) {
   const float max = MaxOfRow(in, len);
   const Floats maxima = detail::Splat(max);
-  const Floats last = detail::Load(in + len - kWidth);
+  const Floats last = detail::Load<Floats>(in + len - kWidth);
   Floats before = {};
   float sum = 0.0F;
   std::size_t k = 0;
   for (; k + kWidth <= len; k += kWidth) {
-    const Floats e = detail::ExpNonPositive(detail::Load(in + k) - maxima);
+    const Floats e = detail::ExpNonPositive(detail::Load<Floats>(in + k) - maxima);
     detail::Store(out + k, e);
     for (std::size_t lane = 0; lane < kWidth; ++lane) sum += before[lane];
     before = e;
@@ -367,7 +364,7 @@ bool Softmax_v1(const zeb::PuxDnnBufAttrs& attrs, unsigned axis, float* in, unsi
   }
   if (len == 0 || inner == 0) return true;
 
-  if (detail::ProductFits32({N, C, H, W}) && N * C * H * W <= in_size) {
+  if (Fits(Saturating(N) * C * H * W) && N * C * H * W <= in_size) {
     Softmaxes(in, out, len, step, N * C * H * W);
     return true;
   }

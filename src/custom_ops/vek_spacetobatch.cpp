@@ -5,19 +5,22 @@
 #include <cstdint>
 #include <vector>
 
+#include "contract/attr_text.h"
+#include "contract/checks.h"
+#include "contract/element.h"
+#include "contract/fixed_point.h"
+#include "contract/positions.h"
+#include "contract/sizes.h"
+#include "copy/blocks.h"
+#include "copy/strided_copy.h"
 #include "custom_ops/vek_common.h"
-#include "detail/attr_text.h"
-#include "detail/blocks.h"
-#include "detail/checks.h"
-#include "detail/element.h"
-#include "detail/fixed_point.h"
-#include "detail/sizes.h"
-#include "detail/walk.h"
 
 namespace zeb_custom_ops {
 
 using detail::AsInt;
 using detail::AsULongLong;
+using detail::Fits;
+using detail::Saturating;
 
 const std::string VekSpaceToBatch::k_expected_attr_block_shape_ = "block_shape";
 const std::string VekSpaceToBatch::k_expected_attr_paddings_ = "paddings";
@@ -93,11 +96,11 @@ bool VekSpaceToBatch::Configure(const AttrMap& attrs, const BufAttrsList& inputs
   VEK_REQUIRE(!in.IsStrided() && !out.IsStrided(),
               "buffer with stride detected on input or output, which is not supported.");
 
-  const std::uint64_t in_bytes = detail::BytesRoundedUp(in_format, detail::Elements64(in.GetDims()));
+  const std::uint64_t in_bytes = detail::BytesRoundedUp(in);
   VEK_REQUIRE(in_bytes <= in.GetSize(),
               "input buffer size too small, size: %d bytes vs expected at least: %llu bytes.",
               AsInt(in.GetSize()), AsULongLong(in_bytes));
-  const std::uint64_t out_bytes = detail::BytesRoundedUp(out_format, detail::Elements64(out.GetDims()));
+  const std::uint64_t out_bytes = detail::BytesRoundedUp(out);
   VEK_REQUIRE(out_bytes <= out.GetSize(),
               "output buffer size too small, size: %d bytes vs expected at least: %llu bytes.",
               AsInt(out.GetSize()), AsULongLong(out_bytes));
@@ -170,8 +173,8 @@ void WriteBlocks(const detail::BlockGrid& grid, const T* in, T* out, T padding) 
     }
     detail::ForEachPatch(
         grid, plane, planes,
-        [&](std::size_t picture_offset, std::size_t phase_offset, std::span<const detail::Axis> axes) {
-          detail::CopyWalk(out + phase_offset, in + picture_offset, axes);
+        [&](std::size_t picture_offset, std::size_t phase_offset, std::span<const detail::Loop> axes) {
+          detail::StridedCopy(out + phase_offset, in + picture_offset, axes);
         });
     if (padded && !short_rows) {
       for_phases([&](T* phase, std::size_t bh, std::size_t bw) {
@@ -204,9 +207,9 @@ void VekSpaceToBatch::spacetobatch(const zeb::PuxDnnBufAttrs& in_attrs, const ze
   // The output's batch is all phases of the input's, and no position wraps.
   const std::uint64_t H_end = std::uint64_t{H} + pad_top;
   const std::uint64_t W_end = std::uint64_t{W} + pad_left;
-  if (detail::ProductFits32({block_height, block_width, N}) && N_out == block_height * block_width * N &&
-      C_out == C && detail::ProductFits32({N, C, H, W}) && detail::ProductFits32({N_out, C, H_out, W_out}) &&
-      detail::ProductFits32({H_end}) && detail::ProductFits32({W_end})) {
+  if (Fits(Saturating(block_height) * block_width * N) && N_out == block_height * block_width * N &&
+      C_out == C && Fits(Saturating(N) * C * H * W) && Fits(Saturating(N_out) * C * H_out * W_out) &&
+      Fits(Saturating(H_end)) && Fits(Saturating(W_end))) {
     const std::size_t planes = N * C;
     WriteBlocks({planes, block_height, block_width, pad_top, pad_left, H, W, H_out, W_out}, in, out, padding);
     return;

@@ -1,10 +1,10 @@
 // Layer type "SPACETODEPTH".
 #include "custom_ops/vek_spacetodepth.h"
 
-#include "detail/attr_text.h"
-#include "detail/checks.h"
-#include "detail/element.h"
-#include "detail/sizes.h"
+#include "contract/attr_text.h"
+#include "contract/checks.h"
+#include "contract/element.h"
+#include "contract/sizes.h"
 
 namespace zeb_custom_ops {
 
@@ -63,11 +63,11 @@ bool VekSpaceToDepth::Configure(const AttrMap& attrs, const BufAttrsList& inputs
   VEK_REQUIRE(!in.IsStrided() && !out.IsStrided(),
               "buffer with stride detected on input or output, which is not supported.");
 
-  const std::uint64_t in_bytes = detail::BytesRoundedUp(in_format, detail::Elements64(in.GetDims()));
+  const std::uint64_t in_bytes = detail::BytesRoundedUp(in);
   VEK_REQUIRE(in_bytes <= in.GetSize(),
               "input buffer size too small, size: %d bytes vs expected at least: %llu bytes.",
               AsInt(in.GetSize()), AsULongLong(in_bytes));
-  const std::uint64_t out_bytes = detail::BytesRoundedUp(out_format, detail::Elements64(out.GetDims()));
+  const std::uint64_t out_bytes = detail::BytesRoundedUp(out);
   VEK_REQUIRE(out_bytes <= out.GetSize(),
               "output buffer size too small, size: %d bytes vs expected at least: %llu bytes.",
               AsInt(out.GetSize()), AsULongLong(out_bytes));

@@ -13,7 +13,7 @@
 #include <cstring>
 #include <string>
 
-#include "detail/exact_math.h"
+#include "math/exact_math.h"
 
 namespace {
 
@@ -44,8 +44,8 @@ void ExpBlock(std::uint64_t first, Tally& tally) {
       // What a softmax does not pass: positive numbers.
       if (x[i] > 0.0F) x[i] = 0.0F;
     }
-    detail::Store(got, detail::ExpNonPositive(detail::Load(x)));
-    for (int i = 0; i < detail::kFloatLanes; ++i) Compare(x[i], got[i], std::exp(x[i]), tally);
+    detail::Store(got, detail::ExpNonPositive(detail::Load<detail::Floats>(x)));
+    for (std::size_t i = 0; i < detail::kFloatLanes; ++i) Compare(x[i], got[i], std::exp(x[i]), tally);
   }
 }
 

@@ -1,6 +1,6 @@
 // The vector forms of expf and powf against the C library: a sample of what scripts/prove-math compares in
 // full.
-#include "detail/exact_math.h"
+#include "math/exact_math.h"
 
 #include <gtest/gtest.h>
 
@@ -43,8 +43,8 @@ void ExpectExp(const std::vector<float>& values) {
     float got[kFloatLanes];
     for (std::size_t lane = 0; lane < kFloatLanes && i + lane < values.size(); ++lane)
       x[lane] = values[i + lane];
-    Store(got, ExpNonPositive(Load(x)));
-    for (int lane = 0; lane < kFloatLanes; ++lane) {
+    Store(got, ExpNonPositive(Load<Floats>(x)));
+    for (std::size_t lane = 0; lane < kFloatLanes; ++lane) {
       ASSERT_TRUE(Same(got[lane], std::exp(x[lane]))) << "expf(" << x[lane] << ")";
     }
   }

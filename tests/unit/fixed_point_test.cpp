@@ -1,5 +1,5 @@
 // Fill values of fixed-point tensors: the edges of the truncation, and random values against exact arithmetic.
-#include "detail/fixed_point.h"
+#include "contract/fixed_point.h"
 
 #include <gtest/gtest.h>
 

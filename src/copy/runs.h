@@ -7,8 +7,8 @@
 #include <cstdint>
 #include <cstring>
 
-#include "axis.h"
-#include "vec.h"
+#include "copy/loop.h"
+#include "simd/simd.h"
 
 namespace zeb_custom_ops::detail {
 
@@ -17,11 +17,6 @@ namespace internal {
 // Below, everything is bytes: pointers, steps and run lengths.
 
 // The widest move that the target has.
-#if defined(__AVX__)
-inline constexpr std::size_t kBlockBytes = 2 * kVecBytes;
-#else
-inline constexpr std::size_t kBlockBytes = kVecBytes;
-#endif
 typedef std::uint8_t Block __attribute__((vector_size(kBlockBytes)));
 
 // Up to here the moves of a run stand in registers; a longer one is worth aligned stores.
@@ -215,8 +210,8 @@ template <typename T>
 inline Block Pattern(T value) {
   Word<sizeof(T)> word;
   std::memcpy(&word, &value, sizeof word);
-  typedef Word<sizeof(T)> Words __attribute__((vector_size(kBlockBytes)));
-  return reinterpret_cast<Block>(Words{} + word);
+  typedef Word<sizeof(T)> Elements __attribute__((vector_size(kBlockBytes)));
+  return reinterpret_cast<Block>(Elements{} + word);
 }
 
 }  // namespace internal
@@ -225,7 +220,7 @@ inline Block Pattern(T value) {
 template <typename T>
 void CopyRun(T* dst, const T* src, std::size_t count) {
   const std::size_t bytes = count * sizeof(T);
-  if (bytes >= internal::kBlockBytes) {
+  if (bytes >= kBlockBytes) {
     std::memcpy(dst, src, bytes);
   } else if (bytes != 0) {
     internal::WithShortRun(bytes, [=](auto run, std::size_t last) {
@@ -251,7 +246,7 @@ void FillRun(T* dst, T value, std::size_t count) {
     }
   }
   const internal::Block pattern = internal::Pattern(value);
-  if (bytes >= internal::kBlockBytes) {
+  if (bytes >= kBlockBytes) {
     internal::FillVectors(to, pattern, bytes);
   } else if (bytes != 0) {
     internal::WithShortRun(bytes,
@@ -283,7 +278,7 @@ inline void RepeatElements(std::byte* dst, std::ptrdiff_t step, Source source, s
 }  // namespace internal
 
 // Copies rows of `bytes` consecutive bytes each; steps are bytes, a source step of 0 repeats.
-inline void CopyRows(std::byte* dst, const std::byte* src, const Axis& rows, std::size_t bytes) {
+inline void CopyRows(std::byte* dst, const std::byte* src, const Loop& rows, std::size_t bytes) {
   if (rows.src_step == 0 && rows.extent > 1) {
     return internal::RepeatRun(dst, rows.dst_step, rows.extent, src, bytes);
   }
@@ -292,7 +287,7 @@ inline void CopyRows(std::byte* dst, const std::byte* src, const Axis& rows, std
 
 // Repeats one element of each row along `count` elements of the target; steps are bytes.
 template <typename T>
-inline void RepeatRows(std::byte* dst, const std::byte* src, const Axis& rows, std::size_t count) {
+inline void RepeatRows(std::byte* dst, const std::byte* src, const Loop& rows, std::size_t count) {
   internal::RepeatElements<T>(dst, rows.dst_step, internal::SteppedRows{src, rows.src_step}, rows.extent,
                               count);
 }

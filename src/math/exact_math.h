@@ -15,11 +15,10 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "detail/lanes.h"
+#include "simd/simd.h"
 
 namespace zeb_custom_ops::detail {
 
-#if VEK_HAS_VECTOR_FMA
 namespace internal {
 
 // 2^(i / 32), correctly rounded, as bits with the exponent's share of i taken out: (n << 47) more, for an n
@@ -40,32 +39,6 @@ inline constexpr std::array<std::uint64_t, 256> kExp2Table = [] {
     bits[i] = std::bit_cast<std::uint64_t>(kPowers[i % 32]) - (i % 32 << 47);
   return bits;
 }();
-
-// The nearest integer, of which the low 51 bits count, and what is left to it.
-struct Split {
-  LongWords integer;
-  Doubles rest;
-};
-
-// The split of z, and of z = a * b, as the C libraries do it. That of arm64 rounds with an instruction, halves
-// away from zero. That of x86-64 adds a number so large that the sum has no fraction; its compiler fuses the
-// product into this sum and into the difference.
-#if defined(__aarch64__)
-inline Split SplitAtInteger(Doubles z) {
-  return {reinterpret_cast<LongWords>(vcvtaq_s64_f64(z)), z - static_cast<Doubles>(vrndaq_f64(z))};
-}
-inline Split SplitProductAtInteger(Doubles a, Doubles b) { return SplitAtInteger(a * b); }
-#else
-inline constexpr double kNoFractionFromHere = 0x1.8p52;
-inline Split SplitAtInteger(Doubles z) {
-  const Doubles shifted = z + kNoFractionFromHere;
-  return {reinterpret_cast<LongWords>(shifted), z - (shifted - kNoFractionFromHere)};
-}
-inline Split SplitProductAtInteger(Doubles a, Doubles b) {
-  const Doubles shifted = Fma(a, b, Doubles{} + kNoFractionFromHere);
-  return {reinterpret_cast<LongWords>(shifted), Fma(a, b, kNoFractionFromHere - shifted)};
-}
-#endif
 
 // 2^(n / 32) * 2^(r / 32) for an integer n and the rest r: a power from the table times a cubic.
 inline Doubles Exp2Steps(Split z) {
@@ -104,7 +77,7 @@ inline constexpr LogTable kLogTable = [] {
 
 // log2(mantissa * 2^exponent): log2(c) plus a polynomial in mantissa / c - 1; `reciprocal` and `log2` are the
 // bits of 1 / c and of log2(c).
-inline Doubles Log2Steps(Doubles mantissa, Doubles exponent, LongWords reciprocal, LongWords log2) {
+inline Doubles Log2Steps(Doubles mantissa, Doubles exponent, ULongs reciprocal, ULongs log2) {
   constexpr Doubles kZero = {};
   const Doubles r = Fma(mantissa, reinterpret_cast<Doubles>(reciprocal), kZero - 1.0);
   const Doubles r2 = r * r;
@@ -127,20 +100,20 @@ struct Powers {
 
 // x to the power k, which is not 0 and at most kGreatestPower in magnitude.
 inline Powers PowSteps(Floats x, float k) {
-  const auto bits = reinterpret_cast<Words>(x);
+  const auto bits = reinterpret_cast<UInts>(x);
   // A mantissa from 1 to 2 becomes one from 0.7 to 1.4, so that logarithms near 0 are exact.
-  const Words offset = bits - 0x3f330000U;
-  const Words exponent_bits = offset & 0xff800000U;
+  const UInts offset = bits - 0x3f330000U;
+  const UInts exponent_bits = offset & 0xff800000U;
   const Wide<Doubles> mantissa = Widen(reinterpret_cast<Floats>(bits - exponent_bits));
   const Wide<Doubles> exponent = Widen(reinterpret_cast<Ints>(exponent_bits) >> 23);
-  const Words interval = (offset >> 19) & 15U;
-  const Wide<LongWords> reciprocal = LookUp16(kLogTable.reciprocal.data(), interval);
-  const Wide<LongWords> log2 = LookUp16(kLogTable.log2.data(), interval);
+  const UInts interval = (offset >> 19) & 15U;
+  const Wide<ULongs> reciprocal = LookUp16(kLogTable.reciprocal.data(), interval);
+  const Wide<ULongs> log2 = LookUp16(kLogTable.log2.data(), interval);
 
   const double factor = 32.0 * static_cast<double>(k);
   Wide<Doubles> power;
-  Wide<LongWords> integer;
-  for (int i = 0; i < kWideParts; ++i) {
+  Wide<ULongs> integer;
+  for (std::size_t i = 0; i < kWideParts; ++i) {
     // k * log2(x), in thirty-seconds.
     const Split z = SplitAtInteger(
         Log2Steps(mantissa.part[i], exponent.part[i], reciprocal.part[i], log2.part[i]) * factor);
@@ -158,7 +131,7 @@ inline Powers PowSteps(Floats x, float k) {
 inline std::size_t StoreWhileProven(const float* in, float* out, std::size_t count, float k, Powers& rest) {
   std::size_t i = 0;
   for (; i + kFloatLanes <= count; i += kFloatLanes) {
-    rest = PowSteps(Load(in + i), k);
+    rest = PowSteps(Load<Floats>(in + i), k);
     if (!AllLanes(rest.proven)) break;
     Store(out + i, rest.value);
   }
@@ -166,28 +139,25 @@ inline std::size_t StoreWhileProven(const float* in, float* out, std::size_t cou
 }
 
 }  // namespace internal
-#endif  // VEK_HAS_VECTOR_FMA
 
 // expf of values that are at most 0, minus infinity included, or NaN.
 inline Floats ExpNonPositive(Floats x) {
-#if VEK_HAS_VECTOR_FMA
+  if constexpr (!kHasFma) {
+    for (std::size_t lane = 0; lane < kFloatLanes; ++lane) x[lane] = std::exp(x[lane]);
+    return x;
+  }
   constexpr double kThirtySecondsPerUnit = 32 * 0x1.71547652b82fep0;  // 32 / log(2)
   // From -104 down the result is 0. The steps give that at -104; further down their exponent would wrap.
   Wide<Doubles> wide = Widen(Max(Splat(-104.0F), x));
   const Doubles factor = Doubles{} + kThirtySecondsPerUnit;
-  for (Doubles& part : wide.part) part = internal::Exp2Steps(internal::SplitProductAtInteger(part, factor));
+  for (Doubles& part : wide.part) part = internal::Exp2Steps(SplitProductAtInteger(part, factor));
   return Narrow(wide);
-#else
-  for (int lane = 0; lane < kFloatLanes; ++lane) x[lane] = std::exp(x[lane]);
-  return x;
-#endif
 }
 
 // out[i] = powf(in[i], k); `out` may be `in`.
 inline void PowInto(const float* in, float* out, std::size_t count, float k) {
   std::size_t i = 0;
-#if VEK_HAS_VECTOR_FMA
-  if (k != 0.0F && std::abs(k) <= internal::kGreatestPower) {
+  if (kHasFma && k != 0.0F && std::abs(k) <= internal::kGreatestPower) {
     while (i < count) {
       internal::Powers rest;
       i += internal::StoreWhileProven(in + i, out + i, count - i, k, rest);
@@ -198,7 +168,6 @@ inline void PowInto(const float* in, float* out, std::size_t count, float k) {
       }
     }
   }
-#endif
   for (; i < count; ++i) out[i] = std::pow(in[i], k);
 }
 

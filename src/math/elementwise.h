@@ -8,7 +8,7 @@
 #include <cstdint>
 #include <span>
 
-#include "detail/lanes.h"
+#include "simd/simd.h"
 
 namespace zeb_custom_ops::detail {
 
@@ -21,7 +21,7 @@ template <typename At>
 inline void StoreRun(float* out, std::size_t count, At at) {
   std::size_t i = 0;
   Floats first = {};
-  if constexpr (kVectorBytes > 16) {  // wide stores across cache lines are slow
+  if constexpr (kFloatsBytes > 16) {  // wide stores across cache lines are slow
     i = -(reinterpret_cast<std::uintptr_t>(out) / sizeof(float)) % kFloatLanes;
     if (i != 0) first = at(0);
   }
@@ -29,19 +29,13 @@ inline void StoreRun(float* out, std::size_t count, At at) {
   Floats last = {};
   const bool overlaps = (count - begin) % kFloatLanes != 0;
   if (overlaps) last = at(count - kFloatLanes);
-#if defined(__aarch64__)
-  // Loads and stores of pairs, and four results under way at a time.
-  for (; i + 4 * kFloatLanes <= count; i += 4 * kFloatLanes) {
-    const Floats r0 = at(i);
-    const Floats r1 = at(i + kFloatLanes);
-    const Floats r2 = at(i + 2 * kFloatLanes);
-    const Floats r3 = at(i + 3 * kFloatLanes);
-    Store(out + i, r0);
-    Store(out + i + kFloatLanes, r1);
-    Store(out + i + 2 * kFloatLanes, r2);
-    Store(out + i + 3 * kFloatLanes, r3);
+  if constexpr (kMapVectors > 1) {
+    for (; i + kMapVectors * kFloatLanes <= count; i += kMapVectors * kFloatLanes) {
+      Floats results[kMapVectors];
+      for (std::size_t v = 0; v < kMapVectors; ++v) results[v] = at(i + v * kFloatLanes);
+      for (std::size_t v = 0; v < kMapVectors; ++v) Store(out + i + v * kFloatLanes, results[v]);
+    }
   }
-#endif
   for (; i + kFloatLanes <= count; i += kFloatLanes) Store(out + i, at(i));
   if (overlaps) Store(out + count - kFloatLanes, last);
   if (begin != 0) Store(out, first);
@@ -56,7 +50,7 @@ inline void MapRun(const float* in, float* out, std::size_t count, Op op) {
     if (count != 0) StoreSome(out, op(LoadSome(in, count)), count);
     return;
   }
-  internal::StoreRun(out, count, [in, op](std::size_t i) { return op(Load(in + i)); });
+  internal::StoreRun(out, count, [in, op](std::size_t i) { return op(Load<Floats>(in + i)); });
 }
 
 // out[i] = op(a[i], b[i]), for at least one element
@@ -66,7 +60,8 @@ inline void ZipRun(const float* a, const float* b, float* out, std::size_t count
     StoreSome(out, op(LoadSome(a, count), LoadSome(b, count)), count);
     return;
   }
-  internal::StoreRun(out, count, [a, b, op](std::size_t i) { return op(Load(a + i), Load(b + i)); });
+  internal::StoreRun(out, count,
+                     [a, b, op](std::size_t i) { return op(Load<Floats>(a + i), Load<Floats>(b + i)); });
 }
 
 // One loop over two operands and a dense output: `extent` steps, each moving so many elements on in a and in
@@ -162,7 +157,7 @@ float* ZipLoops(const float* a, const float* b, float* out, std::span<const ZipA
 // that of any other loop 0 or the number of values it has inside. `axes` is scratch: loops of one step are
 // dropped, and neighbours that are one loop for both operands become one.
 template <typename Op>
-void ZipWalk(const float* a, const float* b, float* out, std::span<ZipAxis> axes, Op op) {
+void ZipStrided(const float* a, const float* b, float* out, std::span<ZipAxis> axes, Op op) {
   std::size_t first = axes.size();  // the loops that remain stand at the end of `axes`
   for (std::size_t i = axes.size(); i-- > 0;) {
     const ZipAxis axis = axes[i];

@@ -12,8 +12,8 @@
 #include <cstddef>
 #include <type_traits>
 
-#include "axis.h"
-#include "vec.h"
+#include "copy/loop.h"
+#include "simd/simd.h"
 
 namespace zeb_custom_ops::detail {
 
@@ -166,7 +166,7 @@ void TransposeBlocks(std::byte* dst, std::ptrdiff_t dst_stride, const std::byte*
 // Transposes a plane whose unit step lies along `s` in the source and along `d` in the target. Both have two
 // elements or more; steps are bytes.
 template <typename T>
-inline void TransposePlane(std::byte* dst, const std::byte* src, const Axis& d, const Axis& s) {
+inline void TransposePlane(std::byte* dst, const std::byte* src, const Loop& d, const Loop& s) {
   constexpr std::size_t kMostRows = sizeof(T) == 4 ? 2 * kLanes<T> : kLanes<T>;
   internal::WithTileExtent<kMostRows>(d.extent, [&](auto m) {
     internal::WithTileExtent<kLanes<T>>(s.extent, [&](auto n) {

@@ -1,11 +1,11 @@
 // Walks over bytes: the loops of a copy, brought into the form that moves the most at a time.
-#include "detail/walk.h"
+#include "copy/strided_copy.h"
 
 #include <cstdint>
 #include <type_traits>
 
-#include "detail/interleave.h"
-#include "detail/transpose.h"
+#include "copy/interleave.h"
+#include "copy/transpose.h"
 
 namespace zeb_custom_ops::detail::internal {
 
@@ -13,7 +13,7 @@ namespace {
 
 // A plane of any two steps.
 template <typename T>
-inline void CopyPlane(std::byte* dst, const std::byte* src, const Axis& rows, const Axis& columns) {
+inline void CopyPlane(std::byte* dst, const std::byte* src, const Loop& rows, const Loop& columns) {
   for (std::size_t i = 0; i < rows.extent; ++i) {
     ForRows(dst + Offset(i, rows.dst_step), columns.dst_step,
             SteppedRows{src + Offset(i, rows.src_step), columns.src_step}, columns.extent,
@@ -23,9 +23,9 @@ inline void CopyPlane(std::byte* dst, const std::byte* src, const Axis& rows, co
 
 // Calls `body` for each position of nested loops, outermost axis first.
 template <typename Body>
-void ForEach(std::byte* dst, const std::byte* src, std::span<const Axis> axes, const Body& body) {
+void ForEach(std::byte* dst, const std::byte* src, std::span<const Loop> axes, const Body& body) {
   if (axes.empty()) return body(dst, src);
-  const Axis& axis = axes.front();
+  const Loop& axis = axes.front();
   for (std::size_t i = 0; i < axis.extent; ++i) {
     ForEach(dst + Offset(i, axis.dst_step), src + Offset(i, axis.src_step), axes.subspan(1), body);
   }
@@ -33,13 +33,13 @@ void ForEach(std::byte* dst, const std::byte* src, std::span<const Axis> axes, c
 
 // The loops of a walk in the order of the target, as few as they can be.
 struct Loops {
-  Axis axes[kMaxRank];
+  Loop axes[kMaxRank];
   std::size_t rank = 0;
   std::ptrdiff_t dst_start = 0;
   std::ptrdiff_t src_start = 0;
 
   // Puts the axis where its target step belongs.
-  void Insert(Axis axis) {
+  void Insert(Loop axis) {
     if (axis.extent == 1) return;
     if (axis.dst_step < 0) {
       dst_start += Offset(axis.extent - 1, axis.dst_step);
@@ -56,8 +56,8 @@ struct Loops {
   void Fuse() {
     std::size_t kept = 0;
     for (std::size_t i = 1; i < rank; ++i) {
-      Axis& outer = axes[kept];
-      const Axis& inner = axes[i];
+      Loop& outer = axes[kept];
+      const Loop& inner = axes[i];
       if (outer.src_step == Offset(inner.extent, inner.src_step) &&
           outer.dst_step == Offset(inner.extent, inner.dst_step)) {
         outer = {outer.extent * inner.extent, inner.src_step, inner.dst_step};
@@ -69,14 +69,14 @@ struct Loops {
   }
 
   // Takes the axis out and returns it; a loop of one step where there is none.
-  Axis Take(std::size_t i) {
-    const Axis taken = axes[i];
+  Loop Take(std::size_t i) {
+    const Loop taken = axes[i];
     for (--rank; i < rank; ++i) axes[i] = axes[i + 1];
     return taken;
   }
-  Axis TakeLast() { return rank > 0 ? axes[--rank] : Axis{1, 0, 0}; }
+  Loop TakeLast() { return rank > 0 ? axes[--rank] : Loop{1, 0, 0}; }
 
-  std::span<const Axis> Rest() const { return {axes, rank}; }
+  std::span<const Loop> Rest() const { return {axes, rank}; }
 };
 
 // Calls `body` with an extent from 2 to 4 as a constant.
@@ -90,12 +90,12 @@ void WithFew(std::size_t extent, const Body& body) {
 // Planes whose unit step lies along `d` in the target and along `s` in the source, where one of the two is two to
 // four elements long and nothing lies between its runs; false for others.
 template <typename T>
-bool WalkInterleaved(std::byte* dst, const std::byte* src, Loops& loops, const Axis& d, const Axis& s) {
+bool CopyInterleaved(std::byte* dst, const std::byte* src, Loops& loops, const Loop& d, const Loop& s) {
   constexpr std::ptrdiff_t kUnit = sizeof(T);
   if (sizeof(T) == 1 && !kShufflesBytes && (d.extent == 3 || s.extent == 3)) return false;
   if (d.extent <= 4 && s.dst_step == Offset(d.extent, kUnit)) {
     WithFew(d.extent, [&](auto k) {
-      const Axis rows = loops.TakeLast();
+      const Loop rows = loops.TakeLast();
       ForEach(dst, src, loops.Rest(), [&](std::byte* to, const std::byte* from) {
         InterleaveRows<T, k>(to, from, rows, d.src_step, s.extent);
       });
@@ -104,7 +104,7 @@ bool WalkInterleaved(std::byte* dst, const std::byte* src, Loops& loops, const A
   }
   if (s.extent <= 4 && d.src_step == Offset(s.extent, kUnit)) {
     WithFew(s.extent, [&](auto k) {
-      const Axis rows = loops.TakeLast();
+      const Loop rows = loops.TakeLast();
       ForEach(dst, src, loops.Rest(), [&](std::byte* to, const std::byte* from) {
         DeinterleaveRows<T, k>(to, from, rows, s.dst_step, d.extent);
       });
@@ -117,9 +117,9 @@ bool WalkInterleaved(std::byte* dst, const std::byte* src, Loops& loops, const A
 }  // namespace
 
 template <typename T>
-void WalkBytes(std::byte* dst, const std::byte* src, std::span<const Axis> axes) {
+void StridedCopyBytes(std::byte* dst, const std::byte* src, std::span<const Loop> axes) {
   Loops loops;
-  for (const Axis& axis : axes) {
+  for (const Loop& axis : axes) {
     if (axis.extent == 0) return;
     loops.Insert(axis);
   }
@@ -128,37 +128,37 @@ void WalkBytes(std::byte* dst, const std::byte* src, std::span<const Axis> axes)
   src += loops.src_start;
 
   constexpr std::ptrdiff_t kUnit = sizeof(T);
-  const Axis inner = loops.TakeLast();
+  const Loop inner = loops.TakeLast();
   if (inner.extent == 1) return Store(dst, Load<T>(src));
   if (inner.dst_step == kUnit) {
     if (inner.src_step == kUnit) {
-      const Axis rows = loops.TakeLast();
+      const Loop rows = loops.TakeLast();
       return ForEach(dst, src, loops.Rest(), [&](std::byte* to, const std::byte* from) {
         CopyRows(to, from, rows, inner.extent * sizeof(T));
       });
     }
     if (inner.src_step == 0) {
-      const Axis rows = loops.TakeLast();
+      const Loop rows = loops.TakeLast();
       return ForEach(dst, src, loops.Rest(), [&](std::byte* to, const std::byte* from) {
         RepeatRows<T>(to, from, rows, inner.extent);
       });
     }
     for (std::size_t i = 0; i < loops.rank; ++i) {
       if (loops.axes[i].src_step != kUnit) continue;
-      const Axis across = loops.Take(i);
-      if (WalkInterleaved<T>(dst, src, loops, inner, across)) return;
+      const Loop across = loops.Take(i);
+      if (CopyInterleaved<T>(dst, src, loops, inner, across)) return;
       return ForEach(dst, src, loops.Rest(), [&](std::byte* to, const std::byte* from) {
         TransposePlane<T>(to, from, inner, across);
       });
     }
   }
-  const Axis rows = loops.TakeLast();
+  const Loop rows = loops.TakeLast();
   ForEach(dst, src, loops.Rest(),
           [&](std::byte* to, const std::byte* from) { CopyPlane<T>(to, from, rows, inner); });
 }
 
-template void WalkBytes<std::uint8_t>(std::byte*, const std::byte*, std::span<const Axis>);
-template void WalkBytes<std::uint16_t>(std::byte*, const std::byte*, std::span<const Axis>);
-template void WalkBytes<std::uint32_t>(std::byte*, const std::byte*, std::span<const Axis>);
+template void StridedCopyBytes<std::uint8_t>(std::byte*, const std::byte*, std::span<const Loop>);
+template void StridedCopyBytes<std::uint16_t>(std::byte*, const std::byte*, std::span<const Loop>);
+template void StridedCopyBytes<std::uint32_t>(std::byte*, const std::byte*, std::span<const Loop>);
 
 }  // namespace zeb_custom_ops::detail::internal

@@ -6,7 +6,7 @@
 #include <cstddef>
 #include <span>
 
-#include "detail/walk.h"
+#include "copy/strided_copy.h"
 
 namespace zeb_custom_ops::detail {
 
@@ -84,7 +84,7 @@ void ForEachPatch(const BlockGrid& grid, std::size_t first_plane, std::size_t pl
       if (columns.empty()) return;
       const std::size_t h = rows.begin * grid.block_height + bh - grid.top;
       const std::size_t w = columns.begin * grid.block_width + first_bw - grid.left;
-      const std::array<Axis, 4> axes = {{
+      const std::array<Loop, 4> axes = {{
           {plane_count, step(grid.H * grid.W), step(grid.H_phase * grid.W_phase)},
           {rows.count(), step(grid.block_height * grid.W), step(grid.W_phase)},
           {phases, 1, step(phase_step)},
@@ -92,7 +92,7 @@ void ForEachPatch(const BlockGrid& grid, std::size_t first_plane, std::size_t pl
       }};
       walk((first_plane * grid.H + h) * grid.W + w,
            grid.PhaseOffset(bh, first_bw, first_plane) + rows.begin * grid.W_phase + columns.begin,
-           std::span<const Axis>(axes));
+           std::span<const Loop>(axes));
     };
     patch(0, grid.block_width, shared);
     for (std::size_t bw = 0; bw < grid.block_width; ++bw) {

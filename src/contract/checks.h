@@ -1,8 +1,10 @@
-// What the checks of Configure and Execute are written with: one macro that refuses, and predicates that
-// decide.
+// What the checks of Configure and Execute are written with: macros that refuse, and predicates that decide.
 #pragma once
 
-#include "detail/log.h"
+#include <initializer_list>
+
+#include "contract/log.h"
+#include "custom_ops/vek_common.h"
 #include "zeb/pux_dnn_buf_attrs.h"
 
 // States what must hold. If it does not, logs the text at ERROR, here, and returns false. The condition is
@@ -15,7 +17,21 @@
     }                                                 \
   } while (false)
 
+// The same of a buffer's format: behind the text, the records that it concerns are printed at INFO.
+#define VEK_REQUIRE_FORMAT(condition, text, ...)             \
+  do {                                                       \
+    if (!(condition)) {                                      \
+      VEK_LOG_ERROR(text);                                   \
+      ::zeb_custom_ops::detail::PrintFormats({__VA_ARGS__}); \
+      return false;                                          \
+    }                                                        \
+  } while (false)
+
 namespace zeb_custom_ops::detail {
+
+inline void PrintFormats(std::initializer_list<zeb::PuxDnnBufAttrsMemFormat> formats) {
+  for (const zeb::PuxDnnBufAttrsMemFormat& format : formats) PrintMemFmt(format);
+}
 
 // Values as the "%d", "%u" and "%llu" of the messages take them; "%d" shows the low 32 bits.
 template <typename T>

@@ -24,7 +24,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "detail/lanes.h"
+#include "simd/simd.h"
 
 namespace zeb_custom_ops::detail {
 
@@ -41,7 +41,6 @@ inline float ChainOfSquares(const float* row, std::size_t count, float sum) {
   return sum;
 }
 
-#if VEK_HAS_VECTOR_FMA
 namespace internal {
 
 inline constexpr std::size_t kChainVectors = 4;  // side by side, each twice
@@ -65,7 +64,7 @@ inline bool AddSquaresAsLanes(const float* row, std::size_t count, float& sum) {
   }
   for (std::size_t k = 0; k < count; k += kChainStep) {
     for (std::size_t i = 0; i < kChainVectors; ++i) {
-      const Floats x = Load(row + k + i * kFloatLanes);
+      const Floats x = Load<Floats>(row + k + i * kFloatLanes);
       even[i] = Fma(x, x, even[i]);
       odd[i] = Fma(x, x, odd[i]);
     }
@@ -78,51 +77,30 @@ inline bool AddSquaresAsLanes(const float* row, std::size_t count, float& sum) {
   }
   // A lane that left the binade has gained at least `base`, and so have all together.
   float gain = 0.0F;
-  for (int lane = 0; lane < kFloatLanes; ++lane) gain += gains[lane];
+  for (std::size_t lane = 0; lane < kFloatLanes; ++lane) gain += gains[lane];
   if (!AllLanes(regular) || !(sum + gain < 2 * base)) return false;
   sum += gain;
   return true;
 }
 
-// Zips four floats of each 128 bits: a0 b0 a1 b1 and a2 b2 a3 b3.
-inline Floats ZipFirst(Floats a, Floats b) {
-#if defined(__AVX2__)
-  return __builtin_shufflevector(a, b, 0, 8, 1, 9, 4, 12, 5, 13);
-#else
-  return __builtin_shufflevector(a, b, 0, 4, 1, 5);
-#endif
-}
-inline Floats ZipSecond(Floats a, Floats b) {
-#if defined(__AVX2__)
-  return __builtin_shufflevector(a, b, 2, 10, 3, 11, 6, 14, 7, 15);
-#else
-  return __builtin_shufflevector(a, b, 2, 6, 3, 7);
-#endif
-}
-
-// Four values of row i; behind them, where a vector has room, four of row i + 4.
-inline Floats LoadFours(const float* const* rows, int i, std::size_t k) {
-#if defined(__AVX2__)
-  return _mm256_loadu2_m128(rows[i + 4] + k, rows[i] + k);
-#else
-  return Load(rows[i] + k);
-#endif
-}
-
-inline constexpr int kGroups = 16 / kFloatLanes;  // vectors of rows side by side
+inline constexpr std::size_t kGroups = 16 / kFloatLanes;  // vectors of rows side by side
 
 }  // namespace internal
 
-// As many rows as run side by side.
-inline constexpr int kSideBySide = internal::kGroups * kFloatLanes;
+// As many rows as run side by side: one where the target does not fuse multiply-adds.
+inline constexpr std::size_t kSideBySide = kHasFma ? internal::kGroups * kFloatLanes : 1;
 
 // sums[i] = the chain of rows[i], for kSideBySide rows of `count` values.
 inline void SumSquaresSideBySide(const float* const* rows, std::size_t count, float* sums) {
   using namespace internal;
+  if constexpr (!kHasFma) {
+    sums[0] = ChainOfSquares(rows[0], count, 0.0F);
+    return;
+  }
   Floats sum[kGroups] = {};
   std::size_t k = 0;
   for (; k + 4 <= count; k += 4) {
-    for (int g = 0; g < kGroups; ++g) {
+    for (std::size_t g = 0; g < kGroups; ++g) {
       // A transpose of 4 x 4: from four values of each row to one of each row, four times.
       const float* const* group = rows + g * kFloatLanes;
       const Floats r0 = LoadFours(group, 0, k);
@@ -144,18 +122,19 @@ inline void SumSquaresSideBySide(const float* const* rows, std::size_t count, fl
     }
   }
   for (; k < count; ++k) {
-    for (int g = 0; g < kGroups; ++g) {
+    for (std::size_t g = 0; g < kGroups; ++g) {
       Floats x;
-      for (int lane = 0; lane < kFloatLanes; ++lane) x[lane] = rows[g * kFloatLanes + lane][k];
+      for (std::size_t lane = 0; lane < kFloatLanes; ++lane) x[lane] = rows[g * kFloatLanes + lane][k];
       sum[g] = Fma(x, x, sum[g]);
     }
   }
-  for (int g = 0; g < kGroups; ++g) Store(sums + g * kFloatLanes, sum[g]);
+  for (std::size_t g = 0; g < kGroups; ++g) Store(sums + g * kFloatLanes, sum[g]);
 }
 
 // The chain of one row.
 inline float SumSquares(const float* row, std::size_t count) {
   using namespace internal;
+  if constexpr (!kHasFma) return ChainOfSquares(row, count, 0.0F);
   float sum = 0.0F;
   std::size_t plain = kShortPiece;  // values to run plainly before lanes are tried again
   for (std::size_t k = 0; k < count;) {
@@ -180,17 +159,5 @@ inline float SumSquares(const float* row, std::size_t count) {
   }
   return sum;
 }
-
-#else
-
-inline constexpr int kSideBySide = 1;
-
-inline void SumSquaresSideBySide(const float* const* rows, std::size_t count, float* sums) {
-  sums[0] = ChainOfSquares(rows[0], count, 0.0F);
-}
-
-inline float SumSquares(const float* row, std::size_t count) { return ChainOfSquares(row, count, 0.0F); }
-
-#endif  // VEK_HAS_VECTOR_FMA
 
 }  // namespace zeb_custom_ops::detail

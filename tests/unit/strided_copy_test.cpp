@@ -1,6 +1,6 @@
 // The walks against plain nested loops: every width, rank and kind of layout, with the data against unmapped
 // pages and every byte between the target's elements watched.
-#include "detail/walk.h"
+#include "copy/strided_copy.h"
 
 #include <gtest/gtest.h>
 
@@ -15,7 +15,7 @@
 namespace {
 
 namespace detail = zeb_custom_ops::detail;
-using detail::Axis;
+using detail::Loop;
 using vek_test::Guard;
 using vek_test::GuardedBuffer;
 using vek_test::Random;
@@ -27,9 +27,9 @@ struct Range {
   std::size_t count() const { return static_cast<std::size_t>(last - first + 1); }
 };
 
-Range RangeOf(const std::vector<Axis>& axes, std::ptrdiff_t Axis::*step) {
+Range RangeOf(const std::vector<Loop>& axes, std::ptrdiff_t Loop::*step) {
   Range range;
-  for (const Axis& axis : axes) {
+  for (const Loop& axis : axes) {
     if (axis.extent == 0) continue;
     const std::ptrdiff_t reach = (static_cast<std::ptrdiff_t>(axis.extent) - 1) * axis.*step;
     (reach < 0 ? range.first : range.last) += reach;
@@ -37,7 +37,7 @@ Range RangeOf(const std::vector<Axis>& axes, std::ptrdiff_t Axis::*step) {
   return range;
 }
 
-void PlainWalk(std::size_t width, std::uint8_t* dst, const std::uint8_t* src, const std::vector<Axis>& axes,
+void PlainCopy(std::size_t width, std::uint8_t* dst, const std::uint8_t* src, const std::vector<Loop>& axes,
                std::size_t depth = 0) {
   if (depth == axes.size()) {
     for (std::size_t i = 0; i < width; ++i) dst[i] = src[i];
@@ -46,14 +46,14 @@ void PlainWalk(std::size_t width, std::uint8_t* dst, const std::uint8_t* src, co
   const auto bytes = static_cast<std::ptrdiff_t>(width);
   for (std::size_t i = 0; i < axes[depth].extent; ++i) {
     const auto at = static_cast<std::ptrdiff_t>(i);
-    PlainWalk(width, dst + at * axes[depth].dst_step * bytes, src + at * axes[depth].src_step * bytes, axes,
+    PlainCopy(width, dst + at * axes[depth].dst_step * bytes, src + at * axes[depth].src_step * bytes, axes,
               depth + 1);
   }
 }
 
-std::string Text(std::size_t width, const std::vector<Axis>& axes) {
+std::string Text(std::size_t width, const std::vector<Loop>& axes) {
   std::string text = std::to_string(width) + " bytes:";
-  for (const Axis& axis : axes) {
+  for (const Loop& axis : axes) {
     text += " {" + std::to_string(axis.extent) + ", " + std::to_string(axis.src_step) + ", " +
             std::to_string(axis.dst_step) + "}";
   }
@@ -63,9 +63,9 @@ std::string Text(std::size_t width, const std::vector<Axis>& axes) {
 // Runs one walk with both buffers exactly as large as what it touches, or `slack` bytes larger (which also
 // misaligns them), and compares all bytes of the target.
 template <typename T>
-void Check(const std::vector<Axis>& axes, Guard guard, std::size_t slack, Random& random) {
-  const Range from = RangeOf(axes, &Axis::src_step);
-  const Range to = RangeOf(axes, &Axis::dst_step);
+void Check(const std::vector<Loop>& axes, Guard guard, std::size_t slack, Random& random) {
+  const Range from = RangeOf(axes, &Loop::src_step);
+  const Range to = RangeOf(axes, &Loop::dst_step);
   GuardedBuffer src(from.count() * sizeof(T) + slack, guard);
   GuardedBuffer dst(to.count() * sizeof(T) + slack, guard);
   src.FillRandom(random);
@@ -76,13 +76,13 @@ void Check(const std::vector<Axis>& axes, Guard guard, std::size_t slack, Random
   const std::ptrdiff_t dst_origin = -to.first * static_cast<std::ptrdiff_t>(sizeof(T));
   std::uint8_t* const src_data = src.as<std::uint8_t>() + shift + src_origin;
   std::uint8_t* const dst_data = dst.as<std::uint8_t>() + shift + dst_origin;
-  PlainWalk(sizeof(T), expected.data() + shift + dst_origin, src_data, axes);
-  detail::CopyWalk(reinterpret_cast<T*>(dst_data), reinterpret_cast<const T*>(src_data),
-                   std::span<const Axis>(axes));
+  PlainCopy(sizeof(T), expected.data() + shift + dst_origin, src_data, axes);
+  detail::StridedCopy(reinterpret_cast<T*>(dst_data), reinterpret_cast<const T*>(src_data),
+                      std::span<const Loop>(axes));
   ASSERT_EQ(dst.Get(), expected) << Text(sizeof(T), axes);
 }
 
-void CheckWidths(const std::vector<Axis>& axes, Random& random) {
+void CheckWidths(const std::vector<Loop>& axes, Random& random) {
   const Guard guard = random.OneIn(2) ? Guard::kBefore : Guard::kAfter;
   const std::size_t slack = random.OneIn(3) ? random.Between(1, 3) : 0;
   ASSERT_NO_FATAL_FAILURE(Check<std::uint8_t>(axes, guard, slack, random));
@@ -115,7 +115,7 @@ std::vector<std::size_t> RandomOrder(std::size_t rank, Random& random) {
 
 constexpr unsigned kExtents[] = {0, 1, 2, 3, 4, 5, 7, 8, 15, 16, 17, 31, 33, 64, 65};
 
-TEST(Walk, TransposesEveryPlane) {
+TEST(StridedCopy, TransposesEveryPlane) {
   Random random(1);
   for (const std::size_t rows : kExtents) {
     for (const std::size_t columns : kExtents) {
@@ -129,7 +129,7 @@ TEST(Walk, TransposesEveryPlane) {
   }
 }
 
-TEST(Walk, CopiesRowsOfEveryLength) {
+TEST(StridedCopy, CopiesRowsOfEveryLength) {
   Random random(2);
   for (std::size_t width = 1; width <= 150; ++width) {
     const auto W = static_cast<std::ptrdiff_t>(width);
@@ -140,7 +140,7 @@ TEST(Walk, CopiesRowsOfEveryLength) {
 }
 
 // Touching rows that repeat, so many that the pattern outgrows the piece that is copied on and on.
-TEST(Walk, RepeatsTouchingRowsOfEveryLength) {
+TEST(StridedCopy, RepeatsTouchingRowsOfEveryLength) {
   Random random(9);
   for (std::size_t width = 1; width <= 150; width += width < 20 ? 1 : 13) {
     const auto W = static_cast<std::ptrdiff_t>(width);
@@ -149,7 +149,7 @@ TEST(Walk, RepeatsTouchingRowsOfEveryLength) {
   }
 }
 
-TEST(Walk, RepeatsElementsAlongRowsOfEveryLength) {
+TEST(StridedCopy, RepeatsElementsAlongRowsOfEveryLength) {
   Random random(3);
   for (std::size_t width = 1; width <= 150; ++width) {
     const auto W = static_cast<std::ptrdiff_t>(width);
@@ -159,7 +159,7 @@ TEST(Walk, RepeatsElementsAlongRowsOfEveryLength) {
   }
 }
 
-TEST(Walk, InterleavesAndDeinterleavesFewPlanes) {
+TEST(StridedCopy, InterleavesAndDeinterleavesFewPlanes) {
   Random random(4);
   for (const std::size_t planes : {2U, 3U, 4U, 5U, 6U, 8U, 12U, 16U}) {
     for (std::size_t width = 1; width <= 70; ++width) {
@@ -175,7 +175,7 @@ TEST(Walk, InterleavesAndDeinterleavesFewPlanes) {
   }
 }
 
-TEST(Walk, TakesEveryKthElement) {
+TEST(StridedCopy, TakesEveryKthElement) {
   Random random(5);
   for (const std::ptrdiff_t step : {-3, -2, -1, 2, 3, 4, 5, 8}) {
     for (std::size_t width = 1; width <= 70; ++width) {
@@ -186,20 +186,20 @@ TEST(Walk, TakesEveryKthElement) {
   }
 }
 
-TEST(Walk, CopiesOneElementWithoutAxes) {
+TEST(StridedCopy, CopiesOneElementWithoutAxes) {
   Random random(6);
   ASSERT_NO_FATAL_FAILURE(CheckWidths({}, random));
   ASSERT_NO_FATAL_FAILURE(CheckWidths({{1, 7, 9}, {1, 0, 0}}, random));
 }
 
-TEST(Walk, TakesMoreThanSixAxes) {
+TEST(StridedCopy, TakesMoreThanSixAxes) {
   Random random(7);
   ASSERT_NO_FATAL_FAILURE(CheckWidths(
       {{2, 1, 192}, {2, 2, 96}, {2, 4, 48}, {2, 8, 24}, {3, 16, 8}, {2, 48, 4}, {2, 96, 2}, {2, 192, 1}},
       random));
 }
 
-TEST(Walk, AgreesWithNestedLoopsOnRandomLayouts) {
+TEST(StridedCopy, AgreesWithNestedLoopsOnRandomLayouts) {
   vek_test::ForRandomCases(4000, [](Random& random) {
     const std::size_t rank = random.Between(0, 6);
     std::vector<std::size_t> extents(rank);
@@ -216,7 +216,7 @@ TEST(Walk, AgreesWithNestedLoopsOnRandomLayouts) {
     const std::ptrdiff_t dst_unit = random.OneIn(6) ? random.Between(2, 4) : 1;
     const auto src_steps = Steps(extents, RandomOrder(rank, random), padded, src_unit, random);
     const auto dst_steps = Steps(extents, RandomOrder(rank, random), padded, dst_unit, random);
-    std::vector<Axis> axes(rank);
+    std::vector<Loop> axes(rank);
     for (std::size_t i = 0; i < rank; ++i) {
       axes[i] = {extents[i], src_steps[i], dst_steps[i]};
       if (random.OneIn(12)) axes[i].src_step = 0;
@@ -247,7 +247,7 @@ void CheckFill(T value) {
   }
 }
 
-TEST(Walk, FillsRunsOfEveryLength) {
+TEST(StridedCopy, FillsRunsOfEveryLength) {
   CheckFill<std::uint8_t>(0x71);
   CheckFill<std::uint16_t>(0x1234);
   CheckFill<std::uint16_t>(0x3333);

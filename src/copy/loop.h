@@ -6,7 +6,7 @@
 namespace zeb_custom_ops::detail {
 
 // One loop of a walk: `extent` steps, each moving `src_step` on in the source and `dst_step` in the target.
-struct Axis {
+struct Loop {
   std::size_t extent;
   std::ptrdiff_t src_step;
   std::ptrdiff_t dst_step;

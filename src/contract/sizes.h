@@ -3,7 +3,6 @@
 #pragma once
 
 #include <cstdint>
-#include <initializer_list>
 #include <vector>
 
 #include "zeb/pux_dnn_buf_attrs.h"
@@ -22,17 +21,6 @@ inline std::uint32_t Elements32(const std::vector<unsigned>& dims) {
   return static_cast<std::uint32_t>(Elements64(dims));
 }
 
-// Whether the product of some 32-bit extents is itself below 2^32, so that no position inside wraps. A zero
-// behind a partial product that is not does not help.
-inline bool ProductFits32(std::initializer_list<std::uint64_t> extents) {
-  std::uint64_t product = 1;
-  for (std::uint64_t extent : extents) {
-    product *= extent;
-    if (product > 0xFFFFFFFFU) return false;
-  }
-  return true;
-}
-
 namespace internal {
 inline std::uint64_t Bits(const zeb::PuxDnnBufAttrsMemFormat& format) {
   return static_cast<std::uint64_t>(static_cast<std::int64_t>(format.bitdepth));
@@ -43,6 +31,11 @@ inline std::uint64_t Bits(const zeb::PuxDnnBufAttrsMemFormat& format) {
 // bytes.
 inline std::uint64_t BytesRoundedUp(const zeb::PuxDnnBufAttrsMemFormat& format, std::uint64_t count) {
   return format.float_ ? count * 4 : (internal::Bits(format) * count + 7) / 8;
+}
+
+// The same of all elements that a buffer describes.
+inline std::uint64_t BytesRoundedUp(const zeb::PuxDnnBufAttrs& attrs) {
+  return BytesRoundedUp(attrs.GetMemFormat(), Elements64(attrs.GetDims()));
 }
 
 // Bytes of `count` elements: the bits of all elements together, rounded down to bytes; floats are not
