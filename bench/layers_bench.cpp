@@ -1,5 +1,5 @@
-// Times one Execute of each layer type over the layouts that have paths of their own, and beside it a memcpy
-// of the larger of the bytes read and the bytes written.
+// Times one Execute of each layer type over the layouts that have paths of their own, and next to it a
+// memcpy of the larger of the bytes read and the bytes written.
 //
 //   vek_bench [--benchmark_filter=REGEX] [...]      VEK_PLUGIN=PATH times another build of the plug-in
 #include <benchmark/benchmark.h>

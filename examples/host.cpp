@@ -45,7 +45,7 @@ class DenseFloats final : public zeb::PuxDnnBufAttrs {
   void SetLineStride(unsigned bytes) override { line_stride_ = bytes; }
   void SetPlaneStride(unsigned bytes) override { plane_stride_ = bytes; }
 
-  // Never called; they keep the places of the others.
+  // Never called; they keep the slots of the others.
   void Reserved3() override {}
   void Reserved7() override {}
   void Reserved10() override {}
@@ -103,7 +103,7 @@ int main(int argc, char** argv) {
   destroy_object(layer);
   dlclose(library);
 
-  if (!done) return 1;  // the reason stands on standard output
+  if (!done) return 1;  // the reason is on standard output
   for (float probability : probabilities) std::printf("%.6f\n", static_cast<double>(probability));
   return 0;
 }

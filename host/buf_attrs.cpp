@@ -16,17 +16,24 @@ unsigned int BufAttrs::GetBatch() const {
   return batch;
 }
 
-// The last entry is the length of one row; each other entry is what all its inner runs take together. Who
-// walks dimension by dimension finds padding as the excess of an entry over its extent times the next one,
-// and passes over it after every step of that dimension. Rows carry theirs in their own length, so the
-// padding of a plane belongs to the dimension outside H.
+// The entries of N x C x H x W are, from the innermost one outwards:
+//
+//     W: line_stride                 a row, its padding included
+//     H: H * line_stride             the rows of a plane
+//     C: C * H * line_stride + the padding of one plane
+//     N: N * the entry of C
+//
+// The plug-in copies dimension by dimension, the innermost one as a run. After each step of a dimension it
+// passes over that dimension's padding, which is its entry less its extent times the next entry: for C that
+// is the padding of a plane, for the others 0.
 std::vector<unsigned int> BufAttrs::GetStrides() const {
+  constexpr std::size_t kChannels = 2;  // dimensions from the innermost one
   std::vector<unsigned int> strides(dims_.size());
-  unsigned int run = line_stride_;
-  for (std::size_t position = 0; position < dims_.size(); ++position) {
-    if (position > 0) run *= FromInnermost(position);
-    if (position == 2) run += plane_stride_ - GetHeight() * line_stride_;
-    strides[dims_.size() - 1 - position] = run;
+  unsigned int stride = line_stride_;
+  for (std::size_t i = 0; i < dims_.size(); ++i) {
+    if (i > 0) stride *= FromInnermost(i);
+    if (i == kChannels) stride += plane_stride_ - GetHeight() * line_stride_;
+    strides[dims_.size() - 1 - i] = stride;
   }
   return strides;
 }

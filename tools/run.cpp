@@ -122,7 +122,7 @@ std::string FileBytes(const std::string& path, const Buffer& buffer) {
   return Encode(path, tensor);
 }
 
-// The plug-in beside the tool, in the library folder of its installation, or where the loader finds it.
+// The plug-in next to the tool, in the library folder of its installation, or where the loader finds it.
 std::string DefaultPlugin() {
   constexpr const char* kName = "libvekcustom.so";
   std::error_code error;

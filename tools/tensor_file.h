@@ -55,7 +55,7 @@ void CheckCanHold(const std::string& path, ElementType type, const std::vector<u
 /// \return the bytes of an array or picture file that holds the tensor; `CheckCanHold` has passed.
 std::string Encode(const std::string& path, const Tensor& tensor);
 
-/// A file that appears whole or not at all: written under a temporary name beside it, then renamed.
+/// A file that appears whole or not at all: written under a temporary name next to it, then renamed.
 class NewFile {
  public:
   /// Writes the bytes under the temporary name. Throws `UsageError`.

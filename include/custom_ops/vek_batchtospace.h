@@ -39,11 +39,9 @@ class ZEB_EXPORT VekBatchToSpace : public zeb::PuxDnnCustomLayer {
   /// elements.
   ///
   /// \param in_attrs      the input's shape, read through `GetChannels` to `GetWidth`; nothing checks that
-  /// the
-  ///                      places read lie inside.
+  ///                      the positions read lie inside.
   /// \param out_attrs     the output's shape, with the batch; it decides how much is cropped at the bottom
-  /// and
-  ///                      at the right. Nothing is written where an extent is 0, or where a crop and an
+  ///                      and at the right. Nothing is written where an extent is 0, or where a crop and an
   ///                      extent add up to more than 32 bits hold.
   /// \param in            input data.
   /// \param out           output data; must not overlap the input.

@@ -16,17 +16,14 @@ namespace zeb_custom_ops {
 ///     out[0, c, h, w] = in[0, C ? 0 : c, H ? 0 : h, W ? w mod W_in : w]
 ///
 /// - Formats: 8, 16 or 32-bit elements of any kind; bit patterns are moved. Planar; rows may be padded,
-/// planes
-///   may not.
+///   planes may not.
 /// - Attributes: "size", a list of four integers for N, C, H, W; an entry above 0 repeats along its
-/// dimension.
-///   Mandatory. Batches cannot be repeated, and only the first batch item is written. With all four entries
-///   0 or below nothing is written at all.
+///   dimension. Mandatory. Batches cannot be repeated, and only the first batch item is written. With all
+///   four entries 0 or below nothing is written at all.
 /// - Buffers: one input, one output, at least one of them 4-D; they must not overlap.
 /// - Refused in `Configure`: an input extent that is neither the output's nor 1, interleaving, padded planes,
-/// a
-///   buffer with fewer bytes than elements. Refused in `Execute`: a null data pointer, an unknown bit depth.
-///   An entry of "size" that is no number leaves `Configure` as the exception of `std::stoi`.
+///   a buffer with fewer bytes than elements. Refused in `Execute`: a null data pointer, an unknown bit
+///   depth. An entry of "size" that is no number leaves `Configure` as the exception of `std::stoi`.
 /// - Scratch: none.
 class ZEB_EXPORT VekBroadcast : public zeb::PuxDnnCustomLayer {
  public:
@@ -57,8 +54,9 @@ class ZEB_EXPORT VekBroadcast : public zeb::PuxDnnCustomLayer {
 /// \param out       the output's shape and line stride.
 /// \param in_data   input data.
 /// \param out_data  output data; must not overlap the input.
-/// \param bcast_c, bcast_h, bcast_w  not 0: repeat along channels, rows, columns. With none nothing is
-/// written. \return false, after an ERROR line, for a null buffer.
+/// \param bcast_c, bcast_h, bcast_w  not 0: repeat along channels, rows, columns. With none, nothing is
+///                                   written.
+/// \return false, after an ERROR line, for a null buffer.
 template <typename T>
 ZEB_EXPORT bool Broadcast_v1(const zeb::PuxDnnBufAttrs& in, const zeb::PuxDnnBufAttrs& out, T* in_data,
                              T* out_data, unsigned bcast_c, unsigned bcast_h, unsigned bcast_w);

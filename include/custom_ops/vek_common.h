@@ -13,8 +13,8 @@ extern "C" {
 
 /// Makes a layer of the given type: "SOFTMAX", "DATA_STRIDE_CONV", "RESHAPE", "BROADCAST", "ARGMAX",
 /// "NORMALIZE", "MATMUL", "PERMUTE", "SWCONCAT", "DEPTHTOSPACE", "PAD", "GATHER", "ELTWISE", "SPACETOBATCH",
-/// "SPACETODEPTH" or "BATCHTOSPACE", compared exactly. \return a new, unconfigured layer, to be given back to
-/// `destroy_object`; null for any other name.
+/// "SPACETODEPTH" or "BATCHTOSPACE", compared exactly.
+/// \return a new, unconfigured layer, to be given back to `destroy_object`; null for any other name.
 ZEB_EXPORT zeb::PuxDnnCustomLayer* create_object(const std::string& type);
 
 /// Deletes a layer made by `create_object`. Null is ignored.

@@ -13,20 +13,18 @@
 namespace zeb_custom_ops {
 
 /// Joins tensors end to end along one axis. With i and k the input and the position in it that a position
-/// along the axis falls on:
+/// along the axis belongs to:
 ///
 ///     out[outer, position, inner] = in[i][outer, k, inner]
 ///
 /// - Formats: 32-bit float, 16-bit and 8-bit elements, planar and unpadded, 4-D or 5-D; the first input's
-/// format
-///   counts, bit patterns are moved.
+///   format counts, bit patterns are moved.
 /// - Attributes: "axis", from 0 for the outermost dimension; mandatory.
 /// - Buffers: any number of inputs above 0, one output; the output must not overlap an input.
 /// - Refused in `Configure`: no input, any other number of dims, an axis beyond them, a first input and an
-/// output
-///   of different bit depths, short buffers, inputs that occupy more bytes than the output, padding,
-///   interleaving. Refused in `Execute`: 32-bit integers, a null data pointer, extents that differ beside the
-///   axis; 4-D inputs of different batch sizes on every axis.
+///   output of different bit depths, short buffers, inputs that occupy more bytes than the output, padding,
+///   interleaving. Refused in `Execute`: 32-bit integers, a null data pointer, extents that differ outside
+///   the axis; 4-D inputs of different batch sizes on every axis.
 /// - `Configure` is meant to be called once: every success appends its inputs to the stored ones.
 /// - Scratch: the list of the typed input pointers.
 class ZEB_EXPORT VekConcat : public zeb::PuxDnnCustomLayer {
@@ -41,7 +39,7 @@ class ZEB_EXPORT VekConcat : public zeb::PuxDnnCustomLayer {
   /// \param out       output data, written in order; must not overlap an input.
   /// \param in_attrs  the inputs' shapes, read through `GetBatch` to `GetWidth`; along axis 0 from `GetDims`.
   /// \param axis      0 to 3.
-  /// \return false, after an ERROR line, where the batch sizes or two neighbours' extents beside the axis
+  /// \return false, after an ERROR line, where the batch sizes or two neighbours' extents outside the axis
   /// differ; false for any other axis.
   template <typename T>
   bool concat(std::vector<T*> in, T* out, const BufAttrsList& in_attrs, unsigned axis);

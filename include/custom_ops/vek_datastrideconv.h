@@ -17,8 +17,7 @@ namespace zeb_custom_ops {
 ///     out[n, c, h, w] = in[n, c, h, w]
 ///
 /// - Formats: any, the same bit depth, `float` and `q8a` on both sides. A change of interleaving takes floats
-/// and
-///   8 or 16-bit elements.
+///   and 8 or 16-bit elements.
 /// - Ranks: any for planar tensors; interleaved ones and a change of interleaving need four dims.
 /// - Attributes: none; the map is not read.
 /// - Buffers: one input, one output. The same buffer may serve as both where the two layouts are equal.
@@ -40,9 +39,8 @@ class ZEB_EXPORT VekDataStrideConv : public zeb::PuxDnnCustomLayer {
 ///
 /// - equal line and plane strides and equal interleaving: `src_bytes` bytes are copied as they are;
 /// - equal interleaving, at least three source dims and exactly four target dims: row by row. A row is the
-/// whole
-///   line stride, so that its padding is data: a wider target row gets the source's padding and then zeros, a
-///   narrower one drops the end of the source row;
+///   whole line stride, so that its padding is data: a wider target row gets the source's padding and then
+///   zeros, a narrower one drops the end of the source row;
 /// - equal interleaving, other ranks: `copy_dimension` over the target's dims, rows and padding taken from
 ///   `GetStrides`;
 /// - different interleaving: `copy`.
@@ -83,7 +81,7 @@ ZEB_EXPORT void copy_dimension(unsigned int dim, std::vector<unsigned int> dims,
 /// of the source's shape. Instances: `float`, `short`, `signed char`, by the width of the elements.
 ///
 /// Strides are the descriptions' bytes divided by the bytes of an element, `bitdepth / 8`; a plane stride of
-/// 0 stands for dense planes.
+/// 0 means dense planes.
 ///
 /// \param src        source data; must not overlap `dst`.
 /// \param src_bytes  not looked at.

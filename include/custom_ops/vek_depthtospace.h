@@ -47,9 +47,9 @@ class ZEB_EXPORT VekDepthToSpace : public zeb::PuxDnnCustomLayer {
 /// \param block_size  b. Nothing is written where b * b is 0 in 32 bits.
 /// \param in_attrs    the input's shape, read through `GetBatch` to `GetWidth`. Nothing is written where an
 ///                    extent is 0.
-/// \param out_attrs   the output's shape, likewise. An element whose place lies beyond the product of these
-///                    extents is left out, with a WARNING line each; nothing is written where there are no
-///                    channels.
+/// \param out_attrs   the output's shape, likewise. An element whose position lies beyond the product of
+///                    these extents is left out, with a WARNING line each; nothing is written where there are
+///                    no channels.
 template <typename T>
 ZEB_EXPORT void depthtospace(T* out, T* in, int block_size, const zeb::PuxDnnBufAttrs& in_attrs,
                              const zeb::PuxDnnBufAttrs& out_attrs);

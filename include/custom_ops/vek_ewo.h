@@ -15,7 +15,7 @@ namespace zeb_custom_ops {
 
 /// One element-wise function of float tensors. With A for input 0, B for input 1:
 ///
-///     method 0:  out[n, c, h, w] = A[n, c, h, w] * B[n, c, h, w]     an operand may repeat along any dimension
+///     method 0:  out[n, c, h, w] = A[n, c, h, w] * B[n, c, h, w]     either operand may be broadcast
 ///     method 6:  out[n, c, h, w] = A[n, c, h, w] / B[n, c, h, w]     likewise
 ///     method 1:  out[i] = A[i] + k
 ///     method 7:  out[i] = powf(A[i], k), or 1 / A[i] when k is exactly -1
@@ -23,10 +23,11 @@ namespace zeb_custom_ops {
 /// - Formats: 32-bit float, planar, unpadded, of any rank; N, C, H and W are what the accessors of input 0
 ///   say (of the full operand, where the other holds one value per plane).
 /// - Attributes: "method", mandatory, one of 0, 1, 6, 7. "has_k", 1 when "k" gives the constant (1.0 on a new
-///   layer). "broadcast_A", 1 when "word_A" says along which dimensions A has the extent 1 and repeats: bit 3
-///   for N, 2 for C, 1 for H, 0 for W, in decimal, hexadecimal ("0x3") or octal ("03") digits; "broadcast_B"
-///   and "word_B" likewise. What an attribute does not set stays as an earlier `Configure` left it.
-/// - Buffers: two inputs for methods 0 and 6, one for 1 and 7; one output. An input that does not repeat may
+///   layer). "broadcast_A", 1 when "word_A" says along which dimensions A has the extent 1 and is broadcast:
+///   bit 3 for N, 2 for C, 1 for H, 0 for W, in decimal, hexadecimal ("0x3") or octal ("03") digits;
+///   "broadcast_B" and "word_B" likewise. What an attribute does not set keeps its value from an earlier
+///   `Configure`.
+/// - Buffers: two inputs for methods 0 and 6, one for 1 and 7; one output. An input that is not broadcast may
 ///   be the output. The shapes of the buffers are not compared.
 /// - Refused in `Configure`: other buffer counts, a missing or unknown method, a missing "k", "word_A" or
 ///   "word_B", any other format, padding, a short buffer. Every `Configure` that has an input and one output,
@@ -46,10 +47,10 @@ class ZEB_EXPORT VekEwo : public zeb::PuxDnnCustomLayer {
   std::uint64_t calculate_broadcast_indexes(const zeb::PuxDnnBufAttrs& attrs, unsigned n, unsigned c,
                                             unsigned h, unsigned w);
 
-  /// The product and the quotient of two tensors, either of which may repeat. Instance: `float`.
+  /// The product and the quotient of two tensors, either of which may be broadcast. Instance: `float`.
   ///
   /// \param in     the data of A and B.
-  /// \param out    output data, dense N x C x H x W; may be an operand that does not repeat.
+  /// \param out    output data, dense N x C x H x W; may be an operand that is not broadcast.
   /// \param attrs  the shape of the output, read through `GetBatch` to `GetWidth`.
   /// \return true. Nothing is written where an extent is 0.
   template <typename T>

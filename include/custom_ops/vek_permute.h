@@ -21,19 +21,15 @@ namespace zeb_custom_ops {
 ///
 /// - Formats: 8, 16 or 32-bit elements of any kind, the same width on both sides; bit patterns are moved.
 /// - Layouts: floats, planar and unpadded on both sides, of any rank; everything else has four dims and may
-/// be
-///   padded and interleaved.
+///   be padded and interleaved.
 /// - Attributes: "axes", a list such as "[0,2,3,1]"; mandatory. Each `Configure` appends to the axes of the
-/// last
-///   one.
+///   last one.
 /// - Buffers: one input, one output, which must not overlap. The output's dims are not compared with the
 ///   permutation.
 /// - Refused in `Configure`: another attribute, text that is no list, different bit depths, short buffers.
-/// Refused
-///   in `Execute`: other formats and layouts, an axis that the tensor does not have.
+///   Refused in `Execute`: other formats and layouts, an axis that the tensor does not have.
 /// - Scratch: two buffers as large as the input's elements, allocated when `DirectAcessPermute` first runs
-/// and kept
-///   for the life of the layer.
+///   and kept for the life of the layer.
 class ZEB_EXPORT VekPermute : public zeb::PuxDnnCustomLayer {
  public:
   bool Configure(const AttrMap& attrs, const BufAttrsList& inputs, const BufAttrsList& outputs) override;
@@ -67,9 +63,10 @@ class ZEB_EXPORT VekPermute : public zeb::PuxDnnCustomLayer {
   bool Permute_v1(const zeb::PuxDnnBufAttrs& in, T* in_data, unsigned int in_count, T* out_data,
                   unsigned int out_count);
 
-  /// Permutes four-dimensional data in any layout: makes a dense planar copy of the input in the first scratch
-  /// buffer, permutes it into the second, and converts that to the output's layout. A side that is dense already
-  /// does without its copy, unless input and output are one buffer. Instances: `float`, `short`, `char`.
+  /// Permutes four-dimensional data in any layout: makes a dense planar copy of the input in the first
+  /// scratch buffer, permutes it into the second, and converts that to the output's layout. A side that is
+  /// dense already does without its copy, unless input and output are one buffer. Instances: `float`,
+  /// `short`, `char`.
   ///
   /// \param in         the input's shape and layout.
   /// \param in_data    input data.

@@ -42,8 +42,7 @@ class ZEB_EXPORT VekReshape : public zeb::PuxDnnCustomLayer {
 /// \param in        input data, read in its own order.
 /// \param factor    r; r * r must not be 0 in 32 bits.
 /// \param in_attrs  the input's shape, read through `GetBatch` to `GetWidth`. A channel count that is no
-/// multiple of
-///                  r * r is walked all the same. Nothing is written where an extent is 0.
+///                  multiple of r * r is copied all the same. Nothing is written where an extent is 0.
 template <typename T>
 ZEB_EXPORT void pixelshuffle(T* out, T* in, int factor, const zeb::PuxDnnBufAttrs& in_attrs);
 

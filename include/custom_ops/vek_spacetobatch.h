@@ -11,10 +11,10 @@
 
 namespace zeb_custom_ops {
 
-/// Space to batch: pads the rows and columns, then moves the places of every spatial block to the batch.
+/// Space to batch: pads the rows and columns, then moves the positions in every spatial block to the batch.
 ///
-///     out[(bh * block_width + bw) * N + n, c, h, w] = padded[n, c, h * block_height + bh, w * block_width +
-///     bw]
+///     out[(bh * block_width + bw) * N + n, c, h, w]
+///         = padded[n, c, h * block_height + bh, w * block_width + bw]
 ///
 /// - Formats: 8, 16 or 32-bit elements of any kind, the same on both sides; bit patterns are moved. The
 ///   padding holds the input format's zero: `q8a_zero` shifted by its exponent where `q8a` is set, else 0.
@@ -40,15 +40,14 @@ class ZEB_EXPORT VekSpaceToBatch : public zeb::PuxDnnCustomLayer {
   /// \param in_attrs      the input's shape, read through `GetBatch` to `GetWidth`, and the exponent of its
   ///                      format. Nothing is written where the batch is 0.
   /// \param out_attrs     the output's shape, likewise; it decides how much is padded at the bottom and at
-  /// the
-  ///                      right. Nothing is written where an extent is 0.
+  ///                      the right. Nothing is written where an extent is 0.
   /// \param in            input data.
   /// \param out           output data; must not overlap the input.
   /// \param block_height  rows of a block.
   /// \param block_width   columns of a block. Nothing is written where it is 0.
   /// \param pad_top       rows of padding above the input.
   /// \param pad_left      columns of padding before the input.
-  /// \param zero_point    what the padding stands for, before the exponent.
+  /// \param zero_point    the value of the padding, before the exponent.
   template <typename T>
   ZEB_EXPORT void spacetobatch(const zeb::PuxDnnBufAttrs& in_attrs, const zeb::PuxDnnBufAttrs& out_attrs,
                                T* in, T* out, unsigned block_height, unsigned block_width, unsigned pad_top,

@@ -20,9 +20,8 @@ namespace zeb_custom_ops {
 /// - Attributes: "block_size", the block size b; mandatory, at least 1.
 /// - Buffers: one input N x C x H x W, one output N x (C * b^2) x (H / b) x (W / b).
 /// - Refused in `Configure`: any other count of buffers or attributes, a block size that does not divide
-/// width
-///   and height, an output of another shape, different bit depths, padding, interleaving, short buffers.
-///   Refused in `Execute`: an unknown bit depth.
+///   width and height, an output of another shape, different bit depths, padding, interleaving, short
+///   buffers. Refused in `Execute`: an unknown bit depth.
 /// - State: a refused `Configure` leaves the clones of the new descriptions, and a block size that it read,
 ///   in place; a layer that was configured before then runs on them.
 /// - Scratch: none.
@@ -45,8 +44,8 @@ class ZEB_EXPORT VekSpaceToDepth : public zeb::PuxDnnCustomLayer {
 ///
 /// \param in_attrs    the input's shape, read through `GetBatch` to `GetWidth`. Nothing is written where an
 ///                    extent is 0.
-/// \param out_attrs   the output's shape, likewise without the batch; it gives the places, and nothing checks
-///                    that they lie inside the output.
+/// \param out_attrs   the output's shape, likewise without the batch; it gives the positions, and nothing
+///                    checks that they lie inside the output.
 /// \param in          input data.
 /// \param out         output data; must not overlap the input, but may be the input where `block_size` is 1.
 /// \param block_size  b. Nothing is written where it is 0.

@@ -3,7 +3,7 @@
 ///
 /// The host implements `zeb::PuxDnnBufAttrs`; the library only calls it. The two may be built by different
 /// compilers, so the order of the virtual functions is the binary interface: none may be moved, added in
-/// between or removed, and the reserved ones keep the places of functions that belong to the host alone.
+/// between or removed, and the reserved ones keep the slots of functions that belong to the host alone.
 #pragma once
 
 #include <cstdint>
