@@ -24,8 +24,8 @@ namespace zeb_custom_ops {
 ///   be padded and interleaved.
 /// - Attributes: "axes", a list such as "[0,2,3,1]"; mandatory. Each `Configure` appends to the axes of the
 ///   last one.
-/// - Buffers: one input, one output, which must not overlap. The output's dims are not compared with the
-///   permutation.
+/// - Buffers: one input, one output. They must not overlap, except where data goes through scratch. The
+///   output's dims are not compared with the permutation.
 /// - Refused in `Configure`: another attribute, text that is no list, different bit depths, short buffers.
 ///   Refused in `Execute`: other formats and layouts, an axis that the tensor does not have.
 /// - Scratch: two buffers as large as the input's elements, allocated when `DirectAcessPermute` first runs
@@ -65,7 +65,7 @@ class ZEB_EXPORT VekPermute : public zeb::PuxDnnCustomLayer {
 
   /// Permutes four-dimensional data in any layout: makes a dense planar copy of the input in the first
   /// scratch buffer, permutes it into the second, and converts that to the output's layout. A side that is
-  /// dense already does without its copy, unless input and output are one buffer. Instances: `float`,
+  /// dense already does without its copy, unless input and output overlap. Instances: `float`,
   /// `short`, `char`.
   ///
   /// \param in         the input's shape and layout.
@@ -82,7 +82,7 @@ class ZEB_EXPORT VekPermute : public zeb::PuxDnnCustomLayer {
 
   /// Channel-first, padded or interleaved, to dense channel-last. Instances: `int`, `short`, `char`.
   ///
-  /// \param in        the input's shape and layout: four dims, plane pack at least 1.
+  /// \param in        the input's shape and layout: four dims; plane pack at least 1 unless an extent is 0.
   /// \param in_data   input data; must not overlap the output.
   /// \param out_data  output data. Nothing is written where an extent is 0.
   template <typename T>
@@ -95,8 +95,9 @@ class ZEB_EXPORT VekPermute : public zeb::PuxDnnCustomLayer {
   /// \param in_data   input data; must not overlap the output.
   /// \param out       the output's shape and layout.
   /// \param out_data  output data. Nothing is written where an extent is 0.
-  /// \return false, after an ERROR line, for tensors of fewer than four dims, an output line stride that is
-  /// no multiple of the element (8-bit elements aside) or a plane pack below 1; true otherwise.
+  /// \return false, after an ERROR line, for an input of fewer than three dims or an output of fewer than
+  /// four, an output line stride that is no multiple of the element (8-bit elements aside) or a plane pack
+  /// below 1 of an output that is not empty; true otherwise.
   template <typename T>
   bool PackToNchw(const zeb::PuxDnnBufAttrs& in, T* in_data, const zeb::PuxDnnBufAttrs& out, T* out_data);
 

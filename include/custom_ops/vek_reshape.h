@@ -16,10 +16,10 @@ namespace zeb_custom_ops {
 ///     out[n, oc, h * r + dy, w * r + dx] = in[n, (oc * r + dy) * r + dx, h, w]
 ///
 /// - Formats: 8, 16 or 32-bit elements of any kind, the same on both sides; bit patterns are moved.
-/// - Attributes: "pixelshuffler", the factor r; mandatory, at least 1.
+/// - Attributes: "pixelshuffler", the factor r; mandatory, at least 1, and r * r must not be 0 in 32 bits.
 /// - Buffers: one input, one output of as many elements. A plain reshape may run in place.
-/// - Refused in `Configure`: a buffer with fewer bytes than elements, a factor below 1. Refused in `Execute`:
-///   different bit depths, different element counts, an unknown bit depth.
+/// - Refused in `Configure`: a buffer with fewer bytes than elements, a factor below 1 or of square 0.
+///   Refused in `Execute`: different bit depths, different element counts, an unknown bit depth.
 /// - Scratch: none.
 class ZEB_EXPORT VekReshape : public zeb::PuxDnnCustomLayer {
  public:
