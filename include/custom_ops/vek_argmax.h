@@ -37,8 +37,6 @@ class ZEB_EXPORT VekArgmax : public zeb::PuxDnnCustomLayer {
   /// The largest value of a search is the last one that nothing exceeds: of equal values the highest index
   /// wins, and a NaN only counts at index 0. Other values of `top_k` rank the pairs of value and index in
   /// descending order by a heap of the first `top_k` pairs; there a NaN neither exceeds nor is exceeded.
-  /// A search finds no more than the axis holds; with `top_k` 1, one along an axis of extent 0 writes index
-  /// 0, or the value 0.
   ///
   /// Where there is no axis (`has_axis_` is false) each batch item is one search, and with `out_max_val_` set
   /// each index is followed by its value.
@@ -49,6 +47,8 @@ class ZEB_EXPORT VekArgmax : public zeb::PuxDnnCustomLayer {
   /// \param out_data   output data.
   /// \param out_count  elements of `out_data`.
   /// \return false, after an ERROR line, for a null buffer, an axis beyond 3 or short data; true otherwise.
+  /// A search finds no more than the axis holds. Along an axis of extent 0 nothing is read: a search of one
+  /// value finds the value 0 at index 0, any other finds nothing.
   bool Argmax_v1(const zeb::PuxDnnBufAttrs& in, float* in_data, unsigned int in_count, float* out_data,
                  unsigned int out_count);
 
@@ -63,7 +63,7 @@ class ZEB_EXPORT VekArgmax : public zeb::PuxDnnCustomLayer {
   int axis_ = 0;              ///< 0 = N, 1 = C, 2 = H, 3 = W
   bool has_axis_ = true;      ///< search along `axis_`, else through whole batch items
   unsigned top_k_ = 1;        ///< results per search
-  bool out_max_val_ = false;  ///< write values instead of indices; without an axis, both
+  bool out_max_val_ = false;  ///< write values instead of indices; without an axis, next to them
 };
 
 }  // namespace zeb_custom_ops
