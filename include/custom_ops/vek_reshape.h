@@ -16,10 +16,11 @@ namespace zeb_custom_ops {
 ///     out[n, oc, h * r + dy, w * r + dx] = in[n, (oc * r + dy) * r + dx, h, w]
 ///
 /// - Formats: 8, 16 or 32-bit elements of any kind, the same on both sides; bit patterns are moved.
-/// - Attributes: "pixelshuffler", the factor r; mandatory, at least 1, and r * r must not be 0 in 32 bits.
+/// - Attributes: "pixelshuffler", the factor r; mandatory, at least 1 and no multiple of 65536.
 /// - Buffers: one input, one output of as many elements. A plain reshape may run in place.
-/// - Refused in `Configure`: a buffer with fewer bytes than elements, a factor below 1 or of square 0.
-///   Refused in `Execute`: different bit depths, different element counts, an unknown bit depth.
+/// - Refused in `Configure`: a buffer with fewer bytes than elements, another factor. Refused in `Execute`:
+///   different bit depths, different element counts, an unknown bit depth, a factor that a refused `Configure`
+///   left behind.
 /// - Scratch: none.
 class ZEB_EXPORT VekReshape : public zeb::PuxDnnCustomLayer {
  public:
@@ -40,7 +41,7 @@ class ZEB_EXPORT VekReshape : public zeb::PuxDnnCustomLayer {
 ///
 /// \param out       output data; must not overlap the input.
 /// \param in        input data, read in its own order.
-/// \param factor    r; r * r must not be 0 in 32 bits.
+/// \param factor    r; at least 1 and no multiple of 65536.
 /// \param in_attrs  the input's shape, read through `GetBatch` to `GetWidth`. A channel count that is no
 ///                  multiple of r * r is copied all the same. Nothing is written where an extent is 0.
 template <typename T>
