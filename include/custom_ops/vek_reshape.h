@@ -19,8 +19,8 @@ namespace zeb_custom_ops {
 /// - Attributes: "pixelshuffler", the factor r; mandatory, at least 1 and no multiple of 65536.
 /// - Buffers: one input, one output of as many elements. A plain reshape may run in place.
 /// - Refused in `Configure`: a buffer with fewer bytes than elements, another factor. Refused in `Execute`:
-///   different bit depths, different element counts, an unknown bit depth, a factor that a refused `Configure`
-///   left behind.
+///   different bit depths, different element counts, an unknown bit depth, a factor that a refused
+///   `Configure` left behind.
 /// - Scratch: none.
 class ZEB_EXPORT VekReshape : public zeb::PuxDnnCustomLayer {
  public:
