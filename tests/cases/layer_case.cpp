@@ -189,11 +189,11 @@ class Pair {
       if (limit != 0) return AnyIndices(random, limit);
       return model_->Computes() ? AnyFloats(random) : AnyBits(random);
     };
-    const std::uint64_t nulls = random.Below(40);
+    const std::uint64_t nulls = random.Below(100);
     const bool same_inputs = random.OneIn(6);
     Arrays arrays;
-    arrays.in_null = nulls == 39;
-    arrays.out_null = nulls == 38;
+    arrays.in_null = nulls == 99;
+    arrays.out_null = nulls == 98;
     const std::size_t inputs = std::max<std::size_t>(model_->InputsRead(), 1);
     for (std::size_t i = 0; i < inputs; ++i) {
       const bool same = same_inputs && i > 0 && model_->IndicesBelow(i) == 0;
@@ -203,9 +203,9 @@ class Pair {
     const bool in_place = random.OneIn(4) && !same_inputs && model_->RunsInPlace(target);
     if (in_place) trail_ += " in the buffer of input " + std::to_string(target);
     arrays.out.push_back(in_place ? arrays.in[target] : memory(contents(inputs)));
-    if (nulls == 37) arrays.in[0] = nullptr;
-    if (nulls == 36) arrays.in.back() = nullptr;
-    if (nulls == 35) arrays.out[0] = nullptr;
+    if (nulls == 97) arrays.in[0] = nullptr;
+    if (nulls == 96) arrays.in.back() = nullptr;
+    if (nulls == 95) arrays.out[0] = nullptr;
     return arrays;
   }
 

@@ -74,8 +74,8 @@ class Memory {
     if (count != 0) std::memmove(bytes_.data() + offset, from.bytes_.data() + from_offset, count);
   }
 
-  // Counts one round of a loop, which may touch nothing.
-  void Step() { budget_->Take(1); }
+  // Counts rounds of a loop that may touch nothing.
+  void Step(u64 rounds = 1) { budget_->Take(rounds); }
 
   u64 reach() const { return reach_; }
   Budget* budget() const { return budget_; }

@@ -87,6 +87,7 @@ class ConcatModel : public Model {
     if (axis > (five ? 4U : 3U)) return Fail("can't calculate Concat");
     std::vector<Dims> dims;
     for (const Buf& buf : in_) {
+      if (axis == 0 && buf.dims.empty()) throw Skip{};  // no batch to ask for
       dims.push_back(five || axis == 0 ? buf.dims : Dims{buf.At(0), buf.At(1), buf.At(2), buf.At(3)});
     }
     Concat(width, dims, axis, arrays.in, *arrays.out[0]);

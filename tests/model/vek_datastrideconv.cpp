@@ -110,12 +110,14 @@ void CopyDims(const Source& src, const Target& dst) {
 void ChangeInterleaving(u32 width, const Source& src, const Target& dst) {
   const Dims& dims = src.buf.dims;
   dst.data.Zero(0, dst.bytes);
-  if (dims[0] == 0 || dims[1] == 0 || dims[2] == 0 || dims[3] == 0) return;
   const u32 element_bytes = src.buf.format.bitdepth < 8 ? 0 : static_cast<u32>(src.buf.format.bitdepth) / 8;
   const Side s(src.buf, element_bytes);
   const Side d(dst.buf, element_bytes);
   for (u32 n = 0; n < dims[0]; ++n) {
+    dst.data.Step();
     for (u32 c = 0; c < dims[1]; ++c) {
+      dst.data.Step();
+      if (dims[2] == 0 || dims[3] == 0) continue;
       u32 from = s.Channel(n, c);
       u32 to = d.Channel(n, c);
       for (u32 h = 0; h < dims[2]; ++h, from += s.line, to += d.line) {

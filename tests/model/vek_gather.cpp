@@ -33,7 +33,7 @@ class GatherModel : public Model {
   GatherModel() : Model("vek_gather.cpp") {}
   std::size_t InputsRead() const override { return in_.size(); }
   u32 IndicesBelow(std::size_t input) const override {
-    return input == 1 && static_cast<u32>(axis_) < in_[0].dims.size()
+    return input == 1 && !in_.empty() && static_cast<u32>(axis_) < in_[0].dims.size()
                ? in_[0].dims[static_cast<std::size_t>(axis_)]
                : 0;
   }
@@ -113,7 +113,10 @@ class GatherModel : public Model {
       KernelFails("dims index (" + std::to_string(axis) + ") is out of dims range (" + std::to_string(rank) +
                   ")");
     }
-    KernelFails("fisrt_axis > last_axis (" + std::to_string(axis + 1) + " > " + std::to_string(rank) + ")");
+    const u32 behind = axis + 1;
+    if (behind > rank) {
+      KernelFails("fisrt_axis > last_axis (" + std::to_string(behind) + " > " + std::to_string(rank) + ")");
+    }
     const bool searches = axis == rank && Product32(in_[0].dims) != 0 && Product32(in_[1].dims) != 0;
     return !searches || KernelFails("Operation broken (in_idx >= axis Size, " +
                                     std::to_string(indices.Load<i32>(0)) + ", 0)");

@@ -24,7 +24,7 @@ void CopyDenseInterior(const Pads& p, const Shape& i, const Shape& o, Memory& in
 void CopyStridedInterior(u32 width, const Pads& p, const Buf& in_buf, const Buf& out_buf, Memory& in,
                          Memory& out) {
   const Shape i(in_buf);
-  if (i.IsEmpty()) return;
+  if (i.IsEmpty()) return out.Step(u64{i.n} * i.c);
   const auto pack = static_cast<u32>(in_buf.format.plane_pack);
   const auto groups = static_cast<u32>((u64{i.c} + pack - 1) / pack);
   const Steps from = Steps::Strided(width, in_buf, groups);

@@ -50,6 +50,7 @@ void UnpackToNhwc(u32 width, const Buf& in, Memory& in_data, Memory& out_data) {
   for (u32 n = 0; n < N; ++n) {
     out_data.Step();
     for (u64 c0 = 0; c0 < C; c0 += P) {
+      out_data.Step();
       for (u32 h = 0; h < H; ++h) {
         out_data.Step();
         for (u32 w = 0; w < W; ++w, src += P) {
@@ -72,8 +73,8 @@ std::string PackToNchw(u32 width, const Buf& in, Memory& in_data, const Buf& out
   const u32 C = out.dims[1];
   const u32 H = out.dims[2];
   const u32 W = out.dims[3];
-  if (N == 0 || C == 0 || H == 0 || W == 0) return {};
-  if (out.format.plane_pack < 1) return kOwnText;
+  const bool moves = N != 0 && C != 0 && H != 0 && W != 0;
+  if (out.format.plane_pack < 1) return moves ? kOwnText : "";
   const auto P = static_cast<u32>(out.format.plane_pack);
   const u32 line = out.line_stride / width;
   const u32 row = P * W;
@@ -87,8 +88,10 @@ std::string PackToNchw(u32 width, const Buf& in, Memory& in_data, const Buf& out
     for (u32 i = 0; i < count; ++i) out_data.Move(width, u64{dst} + i, in_data, u64{from} + i);
   };
   for (u32 n = 0; n < N; ++n) {
+    out_data.Step();
     if (P >= C) {  // one plane
       for (u32 h = 0; h < H; ++h) {
+        out_data.Step();
         for (u32 w = 0; w < W; ++w, src += C, dst += P) copy(src, C);
         src += in_row_pad;
         dst += line_pad;
@@ -97,7 +100,9 @@ std::string PackToNchw(u32 width, const Buf& in, Memory& in_data, const Buf& out
       continue;
     }
     for (u64 c0 = 0; c0 < C; c0 += P) {
+      out_data.Step();
       for (u32 h = 0; h < H; ++h) {
+        out_data.Step();
         for (u32 w = 0; w < W; ++w, dst += P) {
           const u32 from = n * in_plane * in.dims[1] + static_cast<u32>(c0) + h * in_plane + w * C;
           copy(from, static_cast<u32>(std::min<u64>(P, C - c0)));
@@ -123,6 +128,7 @@ PermuteResult PermuteThroughScratch(u32 width, const Dims& order, const Buf& in,
     return a.line_stride == b.line_stride && a.plane_stride == b.plane_stride &&
            a.format.plane_pack == b.format.plane_pack;
   };
+  if (Product(in.dims) * width >> 32 != 0) throw Skip{};  // a scratch whose size wraps
   const u32 count = Product32(in.dims);
   const u32 bytes = count * width;
   const Buf dense_in = dense(in);
@@ -187,8 +193,9 @@ class PermuteModel : public Model {
       case kUnpack:
         if (width == 0) return Fail("UnpackToNhwc() - unhandled bitdepth!");
         if (in_.dims.size() < 4) return FailOwn();
-        if (Shape(in_.dims[0], in_.dims[1], in_.dims[2], in_.dims[3]).IsEmpty()) return true;
-        if (in_.format.plane_pack < 1) return FailOwn();
+        if (in_.format.plane_pack < 1) {
+          return Shape(in_.dims[0], in_.dims[1], in_.dims[2], in_.dims[3]).IsEmpty() || FailOwn();
+        }
         if (!in || !out) throw Skip{};  // nothing is said of it
         UnpackToNhwc(width, in_, *in, *out);
         return true;
