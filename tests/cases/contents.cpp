@@ -1,7 +1,6 @@
 #include "cases/contents.h"
 
 #include <bit>
-#include <limits>
 
 namespace vek_cases {
 namespace {
@@ -10,6 +9,7 @@ using vek_model::i32;
 using vek_model::Memory;
 using vek_model::u32;
 using vek_model::u64;
+using vek_test::FloatOf;
 using vek_test::Random;
 
 // Well mixed bits for each index.
@@ -23,31 +23,6 @@ u64 Seed(Random& random) { return random.Below(65536) << 32; }
 
 // In [-1, 1).
 float Fraction(u64 bits) { return static_cast<float>(static_cast<i32>(bits)) * 0x1p-31F; }
-
-// Small numbers mostly, also zeros of both signs, infinities, NaN, denormals, large ones, any bits.
-float AnyFloat(u64 bits) {
-  const float small = static_cast<float>(static_cast<i32>(bits % 2001) - 1000) / 64.0F;
-  switch (bits >> 40 & 15) {
-    case 0:
-      return 0.0F;
-    case 1:
-      return -0.0F;
-    case 2:
-      return std::numeric_limits<float>::infinity();
-    case 3:
-      return -std::numeric_limits<float>::infinity();
-    case 4:
-      return std::numeric_limits<float>::quiet_NaN();
-    case 5:
-      return small * 1e-40F;
-    case 6:
-      return small * 1e36F;
-    case 7:
-      return std::bit_cast<float>(static_cast<u32>(bits));
-    default:
-      return small;
-  }
-}
 
 }  // namespace
 
@@ -65,9 +40,9 @@ Memory::Words AnyFloats(Random& random) {
         case 1:
           return Fraction(bits) * scale;
         case 2:  // seldom something special
-          return (bits >> 32) % 40 == 0 ? AnyFloat(bits) : Fraction(bits);
+          return (bits >> 32) % 40 == 0 ? FloatOf(bits) : Fraction(bits);
         case 3:
-          return AnyFloat(bits);
+          return FloatOf(bits);
         case 4:  // many equal ones
           return static_cast<float>(bits % (block + 1));
         case 5:  // blocks of zeros
@@ -75,7 +50,7 @@ Memory::Words AnyFloats(Random& random) {
         case 6:  // not negative
           return static_cast<float>(bits % 2000) / 64.0F;
         default:  // infinities and NaN in some places only
-          return Mixed(~seed, index / 64) % 8 == 0 ? AnyFloat(bits) : Fraction(bits) * scale;
+          return Mixed(~seed, index / 64) % 8 == 0 ? FloatOf(bits) : Fraction(bits) * scale;
       }
     };
     return std::bit_cast<u32>(number());

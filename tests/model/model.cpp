@@ -75,11 +75,23 @@ bool Model::IsPlanarFloat(const char* side, const Buf& buf) {
   return false;
 }
 
-bool Model::IsWholeBytesPlanar(const char* side, const Buf& buf) {
-  if (WidthOf(buf.format.bitdepth) != 0 && buf.format.plane_pack == 1) return true;
-  Fail("unexpected %s buffer format", side);
-  PrintFormat(buf.format);
+bool Model::HaveMovableFormats(const Buf& in, const Buf& out) {
+  for (const auto& [side, buf] : {std::pair{"input", &in}, {"output", &out}}) {
+    if (WidthOf(buf->format.bitdepth) != 0 && buf->format.plane_pack == 1) continue;
+    Fail("unexpected %s buffer format", side);
+    PrintFormat(buf->format);
+    return false;
+  }
+  if (in.format.bitdepth == out.format.bitdepth) return true;
+  Fail("incompatible buffer formats");
+  PrintFormat(in.format);
+  PrintFormat(out.format);
   return false;
+}
+
+bool Model::HasRoom(const char* side, const Buf& buf, u64 bytes) {
+  return bytes <= buf.size ||
+         Fail("%s buf size should be at least %llu, but is %d", side, LLU(bytes), D(buf.size));
 }
 
 bool Model::HasElements(const char* side, const Buf& buf) {

@@ -71,10 +71,11 @@ class Model {
   bool CountsAreOne(const std::vector<Buf>& in, const std::vector<Buf>& out);  // "wrong number of inputs ..."
   bool IsOneInOneOut(const std::vector<Buf>& in, const std::vector<Buf>& out);  // "expected one input ..."
   bool IsPlanarFloat(const char* side, const Buf& buf);                         // and its format
-  bool IsWholeBytesPlanar(const char* side, const Buf& buf);                    // and its format
-  bool HasElements(const char* side, const Buf& buf);                           // elements against bytes
-  bool HasBytes(const char* side, const Buf& buf);                              // whole bytes, rounded up
-  bool IsNotStrided(const char* side, const Buf& buf);                          // "... on input, ..."
+  bool HaveMovableFormats(const Buf& in, const Buf& out);
+  bool HasRoom(const char* side, const Buf& buf, u64 bytes);          // and its format
+  bool HasElements(const char* side, const Buf& buf);                 // elements against bytes
+  bool HasBytes(const char* side, const Buf& buf);                    // whole bytes, rounded up
+  bool IsNotStrided(const char* side, const Buf& buf);                // "... on input, ..."
   bool IsPlain(const char* side, const char* layer, const Buf& buf);  // "... on input of Softmax, ..."
   bool ArraysGiven(const Arrays& arrays, const char* in_text, const char* out_text);
   bool EntriesGiven(const Arrays& arrays, std::size_t count);

@@ -35,13 +35,7 @@ class ConcatModel : public Model {
       return Fail("axis = %d, but should be in range [0..3]", axis_);
     }
     if (in.empty()) return FailOwn();
-    if (!IsWholeBytesPlanar("input", in[0]) || !IsWholeBytesPlanar("output", out[0])) return false;
-    if (out[0].format.bitdepth != in[0].format.bitdepth) {
-      Fail("incompatible buffer formats");
-      PrintFormat(in[0].format);
-      PrintFormat(out[0].format);
-      return false;
-    }
+    if (!HaveMovableFormats(in[0], out[0])) return false;
     const std::size_t rank = in[0].dims.size();
     if (rank != 4 && rank != 5)
       return Fail("Concat supports only 4D and 5D tensors. Can't use %zu dims tensors", rank);
@@ -49,10 +43,10 @@ class ConcatModel : public Model {
       return Fail("There are %zu dims, but axis is set to %d", rank, axis_);
     u64 total = 0;
     for (const Buf& buf : in) {
-      if (!HasRoom("Input", buf)) return false;
+      if (!HasRoom("Input", buf, Need(buf))) return false;
       total += buf.size;
     }
-    if (!HasRoom("Output", out[0])) return false;
+    if (!HasRoom("Output", out[0], Need(out[0]))) return false;
     if (total > out[0].size) {
       return Fail("Input buffers occupy %lluB, but output buffer is %dB", LLU(total), D(out[0].size));
     }
@@ -95,10 +89,8 @@ class ConcatModel : public Model {
   }
 
  private:
-  bool HasRoom(const char* side, const Buf& buf) {
-    const u64 need = Product(buf.dims) * static_cast<u64>(i64{buf.format.bitdepth}) / 8;
-    return need <= buf.size ||
-           Fail("%s buf size should be at least %llu, but is %d", side, LLU(need), D(buf.size));
+  static u64 Need(const Buf& buf) {
+    return Product(buf.dims) * static_cast<u64>(i64{buf.format.bitdepth}) / 8;
   }
   bool Fits4(const Buf& a, const Buf& b, u32 axis) {
     if (b.At(0) != in_[0].At(0)) return Fail("Incompatible concat batch dims");

@@ -53,17 +53,14 @@ class GatherModel : public Model {
       return Fail("expected two inputs and one output, got: %d inputs, %d outputs", D(in.size()),
                   D(out.size()));
     }
-    if (!IsWholeBytesPlanar("input", in[0]) || !IsWholeBytesPlanar("output", out[0])) return false;
-    if (in[0].format.bitdepth != out[0].format.bitdepth) {
-      Fail("incompatible buffer formats");
-      PrintFormat(in[0].format);
-      PrintFormat(out[0].format);
-      return false;
-    }
+    if (!HaveMovableFormats(in[0], out[0])) return false;
     if (static_cast<u64>(axis_) + 1 > in[0].dims.size()) {
       return Fail("There are %zu dims, but axis is set to %d", in[0].dims.size(), axis_);
     }
-    if (!HasRoom("Input", in[0]) || !HasRoom("Input", in[1]) || !HasRoom("Output", out[0])) return false;
+    for (const Buf& buf : in) {
+      if (!HasRoom("Input", buf, Need(buf))) return false;
+    }
+    if (!HasRoom("Output", out[0], Need(out[0]))) return false;
     for (const Buf& buf : in) {
       if (!IsPlain("input", "Gather", buf)) return false;
     }
@@ -85,11 +82,9 @@ class GatherModel : public Model {
   }
 
  private:
-  bool HasRoom(const char* side, const Buf& buf) {
+  static u64 Need(const Buf& buf) {
     if (buf.format.bitdepth < 0) throw Skip{};  // a size below nothing
-    const u64 need = static_cast<u64>(i64{buf.format.bitdepth / 8}) * Product(buf.dims);
-    return need <= buf.size ||
-           Fail("%s buf size should be at least %llu, but is %d", side, LLU(need), D(buf.size));
+    return static_cast<u64>(i64{buf.format.bitdepth / 8}) * Product(buf.dims);
   }
   bool KernelFails(std::string text) {
     log.push_back(vek_test::Error("ext_gather.cpp", std::move(text)));

@@ -64,7 +64,8 @@ class SoftmaxModel : public Model {
     }
     const std::size_t rank = in[0].dims.size();
     if (axis_ + u64{1} > rank) return Fail("There are %zu dims, but axis is set to %d", rank, D(axis_));
-    if (!HasFloats("Input", in[0]) || !HasFloats("Output", out[0])) return false;
+    if (!HasRoom("Input", in[0], Product(in[0].dims) * 4)) return false;
+    if (!HasRoom("Output", out[0], Product(out[0].dims) * 4)) return false;
     if (!IsPlain("input", "Softmax", in[0]) || !IsPlain("output", "Softmax", out[0])) return false;
     if (rank < 4) return Fail("Softmax expects input buf dims >= 4, but got %zu", rank);
     if (out[0].dims.size() < 4)
@@ -81,11 +82,6 @@ class SoftmaxModel : public Model {
   }
 
  private:
-  bool HasFloats(const char* side, const Buf& buf) {
-    const u64 need = Product(buf.dims) * 4;
-    return need <= buf.size ||
-           Fail("%s buf size should be at least %llu, but is %d", side, LLU(need), D(buf.size));
-  }
   bool Kernel(Memory* in, Memory* out) {
     if (!in) return Fail("Softmax_v1 input buffer is null");
     if (!out) return Fail("Softmax_v1 output buffer is null");

@@ -3,9 +3,9 @@
 
 #include <gtest/gtest.h>
 
+#include <bit>
 #include <cstdint>
 #include <cstdlib>
-#include <cstring>
 #include <initializer_list>
 #include <limits>
 #include <random>
@@ -48,8 +48,7 @@ class Random {
     if (kind >= 19) return OneOf({15U, 16U, 17U, 31U, 33U, 64U, 65U});
     return Between(1, 8);
   }
-  // A float of any kind: small numbers mostly, also zeros of both signs, infinities, NaN, denormals, any
-  // bits.
+  // A float of any kind, see FloatOf.
   float AnyFloat();
 
  private:
@@ -65,9 +64,10 @@ class Random {
   const std::uint8_t* end_ = nullptr;
 };
 
-inline float Random::AnyFloat() {
-  const auto small = static_cast<float>(static_cast<int>(Between(0, 2000)) - 1000) / 64.0F;
-  switch (Between(0, 19)) {
+// Small numbers mostly, also zeros of both signs, infinities, NaN, denormals, large ones, any bits.
+inline float FloatOf(std::uint64_t bits) {
+  const float small = static_cast<float>(static_cast<int>(bits % 2001) - 1000) / 64.0F;
+  switch (bits >> 40 & 15) {
     case 0:
       return 0.0F;
     case 1:
@@ -82,16 +82,14 @@ inline float Random::AnyFloat() {
       return small * 1e-40F;
     case 6:
       return small * 1e36F;
-    case 7: {
-      const auto bits = static_cast<std::uint32_t>((*this)());
-      float value;
-      std::memcpy(&value, &bits, sizeof value);
-      return value;
-    }
+    case 7:
+      return std::bit_cast<float>(static_cast<std::uint32_t>(bits));
     default:
       return small;
   }
 }
+
+inline float Random::AnyFloat() { return FloatOf((*this)()); }
 
 inline std::uint64_t EnvNumber(const char* name, std::uint64_t otherwise) {
   const char* text = std::getenv(name);
