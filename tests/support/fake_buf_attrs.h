@@ -192,6 +192,13 @@ struct Buf final : zeb::PuxDnnBufAttrs {
   static void Never(int slot) { ADD_FAILURE() << "the library called reserved slot " << slot; }
 };
 
+// What Configure is given.
+struct Setup {
+  AttrMap attrs;
+  std::vector<Buf> in;
+  std::vector<Buf> out;
+};
+
 // The list of descriptions that Configure takes.
 inline BufAttrsList MakeList(const std::vector<Buf>& bufs) {
   BufAttrsList list;

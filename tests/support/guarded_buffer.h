@@ -23,13 +23,16 @@ enum class Guard { kBefore, kAfter };
 class GuardedBuffer {
  public:
   explicit GuardedBuffer(std::size_t bytes, Guard guard = Guard::kAfter) : bytes_(bytes) {
-    const auto page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
+    const std::size_t page = PageBytes();
     const std::size_t data_pages = (bytes + page - 1) / page * page;
     mapped_bytes_ = data_pages + 2 * page;
-    void* mapped = mmap(nullptr, mapped_bytes_, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-    if (mapped == MAP_FAILED) Die("mmap");
-    mapped_ = static_cast<std::byte*>(mapped);
-    if (data_pages != 0 && mprotect(mapped_ + page, data_pages, PROT_READ | PROT_WRITE) != 0) Die("mprotect");
+    if (data_pages == page && !Spare().mapped.empty()) {
+      mapped_ = Spare().mapped.back();
+      Spare().mapped.pop_back();
+      std::memset(mapped_ + page, 0, page);
+    } else {
+      mapped_ = Map(mapped_bytes_, data_pages);
+    }
     data_ = mapped_ + page + (guard == Guard::kAfter ? data_pages - bytes : 0);
   }
   GuardedBuffer(GuardedBuffer&& other) noexcept
@@ -41,7 +44,12 @@ class GuardedBuffer {
   GuardedBuffer& operator=(const GuardedBuffer&) = delete;
   GuardedBuffer& operator=(GuardedBuffer&&) = delete;
   ~GuardedBuffer() {
-    if (mapped_ != nullptr) munmap(mapped_, mapped_bytes_);
+    if (mapped_ == nullptr) return;
+    if (mapped_bytes_ == 3 * PageBytes() && Spare().mapped.size() < 16) {
+      Spare().mapped.push_back(mapped_);
+    } else {
+      munmap(mapped_, mapped_bytes_);
+    }
   }
 
   void* data() const { return data_; }
@@ -79,6 +87,29 @@ class GuardedBuffer {
   }
 
  private:
+  // Mappings of one page of data, kept for the next buffers of a thread.
+  struct SpareMappings {
+    ~SpareMappings() {
+      for (std::byte* spare : mapped) munmap(spare, 3 * PageBytes());
+    }
+    std::vector<std::byte*> mapped;
+  };
+  static SpareMappings& Spare() {
+    thread_local SpareMappings spare;
+    return spare;
+  }
+  static std::size_t PageBytes() {
+    static const auto bytes = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
+    return bytes;
+  }
+  static std::byte* Map(std::size_t bytes, std::size_t data_bytes) {
+    void* mapped = mmap(nullptr, bytes, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (mapped == MAP_FAILED) Die("mmap");
+    auto* first = static_cast<std::byte*>(mapped);
+    if (data_bytes != 0 && mprotect(first + PageBytes(), data_bytes, PROT_READ | PROT_WRITE) != 0)
+      Die("mprotect");
+    return first;
+  }
   [[noreturn]] static void Die(const char* what) {
     std::perror(what);
     std::abort();

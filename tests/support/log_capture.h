@@ -2,12 +2,11 @@
 #pragma once
 
 #include <gtest/gtest.h>
-#include <sys/mman.h>
-#include <unistd.h>
 
 #include <cstdio>
 #include <ostream>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -47,15 +46,13 @@ inline LogLine ParseLogLine(const std::string& line) {
   return {line.substr(1, level_end - 1), line.substr(file, number - file), line.substr(text + 2)};
 }
 
-// While it lives, standard output goes to memory. Exceptions may pass through its scope.
+// While it lives, what is printed to `stdout` goes to memory. Exceptions may pass through its scope.
 class LogCapture {
  public:
-  LogCapture() {
+  LogCapture() : stdout_(stdout) {
     std::fflush(stdout);
-    stdout_ = dup(STDOUT_FILENO);
-    if (ftruncate(Memory(), 0) != 0) std::perror("ftruncate");
-    lseek(Memory(), 0, SEEK_SET);
-    dup2(Memory(), STDOUT_FILENO);
+    std::rewind(Stream().file);
+    stdout = Stream().file;
   }
   LogCapture(const LogCapture&) = delete;
   LogCapture& operator=(const LogCapture&) = delete;
@@ -63,32 +60,34 @@ class LogCapture {
 
   // Gives standard output back and returns what was printed.
   Log Stop() {
-    if (stdout_ < 0) return {};
-    std::fflush(stdout);
-    dup2(stdout_, STDOUT_FILENO);
-    close(stdout_);
-    stdout_ = -1;
-
-    std::string text(static_cast<std::size_t>(lseek(Memory(), 0, SEEK_END)), '\0');
-    const ssize_t got = pread(Memory(), text.data(), text.size(), 0);
-    EXPECT_EQ(static_cast<std::size_t>(got), text.size());
+    if (stdout_ == nullptr) return {};
+    stdout = std::exchange(stdout_, nullptr);
+    std::fflush(Stream().file);
+    const std::string_view text(Stream().data, Stream().bytes);
     Log log;
     for (std::size_t begin = 0; begin < text.size();) {
       const std::size_t end = text.find('\n', begin);
-      EXPECT_NE(end, std::string::npos) << "the last line has no end";
-      if (end == std::string::npos) break;
-      log.push_back(ParseLogLine(text.substr(begin, end - begin)));
+      EXPECT_NE(end, std::string_view::npos) << "the last line has no end";
+      if (end == std::string_view::npos) break;
+      log.push_back(ParseLogLine(std::string(text.substr(begin, end - begin))));
       begin = end + 1;
     }
     return log;
   }
 
  private:
-  static int Memory() {
-    static const int file = memfd_create("log", MFD_CLOEXEC);
-    return file;
+  // A stream in memory, which the C library allows `stdout` to be. It lives as long as the process.
+  struct MemoryStream {
+    char* data = nullptr;
+    std::size_t bytes = 0;
+    std::FILE* file = open_memstream(&data, &bytes);
+  };
+  static MemoryStream& Stream() {
+    static MemoryStream stream;
+    return stream;
   }
-  int stdout_ = -1;
+
+  std::FILE* stdout_;
 };
 
 // What `call` prints.

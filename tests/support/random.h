@@ -3,9 +3,9 @@
 
 #include <gtest/gtest.h>
 
+#include <bit>
 #include <cstdint>
 #include <cstdlib>
-#include <cstring>
 #include <initializer_list>
 #include <limits>
 #include <random>
@@ -14,41 +14,60 @@
 
 namespace vek_test {
 
+// Where decisions come from: numbers drawn from a seed, or the bytes of a fuzz input. When the bytes run out, every
+// decision is the first of its choices.
 class Random {
  public:
   explicit Random(std::uint64_t seed) : engine_(seed) {}
+  Random(const std::uint8_t* data, std::size_t size) : seeded_(false), data_(data), end_(data + size) {}
 
-  std::uint64_t operator()() { return engine_(); }
+  std::uint64_t operator()() { return seeded_ ? engine_() : Number(8); }
+  // A number below n.
+  std::uint64_t Below(std::uint64_t n) {
+    return (seeded_ ? engine_() : Number(n <= 256 ? 1 : n <= 65536 ? 2 : 8)) % n;
+  }
   // A number from `low` to `high`, both included.
   unsigned Between(unsigned low, unsigned high) {
-    return low + static_cast<unsigned>(engine_() % (std::uint64_t{high} - low + 1));
+    return low + static_cast<unsigned>(Below(std::uint64_t{high} - low + 1));
   }
-  bool OneIn(unsigned n) { return engine_() % n == 0; }
+  bool OneIn(unsigned n) { return Below(n) == n - 1; }
   template <typename T>
   T OneOf(std::initializer_list<T> values) {
-    return values.begin()[engine_() % values.size()];
+    return values.begin()[Below(values.size())];
   }
   template <typename T>
   const T& OneOf(const std::vector<T>& values) {
-    return values[engine_() % values.size()];
+    return values[Below(values.size())];
   }
+  // No bytes are left. A seed never ends.
+  bool IsExhausted() const { return !seeded_ && data_ == end_; }
   // An extent as shapes have them: mostly small, now and then 0, a vector's width or one beside it.
   unsigned Extent() {
-    if (OneIn(24)) return 0;
-    if (OneIn(6)) return OneOf({15U, 16U, 17U, 31U, 33U, 64U, 65U});
+    const auto kind = Below(24);
+    if (kind == 23) return 0;
+    if (kind >= 19) return OneOf({15U, 16U, 17U, 31U, 33U, 64U, 65U});
     return Between(1, 8);
   }
-  // A float of any kind: small numbers mostly, also zeros of both signs, infinities, NaN, denormals, any
-  // bits.
+  // A float of any kind, see FloatOf.
   float AnyFloat();
 
  private:
+  std::uint64_t Number(std::size_t bytes) {
+    std::uint64_t number = 0;
+    for (std::size_t i = 0; i < bytes && data_ != end_; ++i) number |= std::uint64_t{*data_++} << (8 * i);
+    return number;
+  }
+
   std::mt19937_64 engine_;
+  bool seeded_ = true;
+  const std::uint8_t* data_ = nullptr;
+  const std::uint8_t* end_ = nullptr;
 };
 
-inline float Random::AnyFloat() {
-  const auto small = static_cast<float>(static_cast<int>(Between(0, 2000)) - 1000) / 64.0F;
-  switch (Between(0, 19)) {
+// Small numbers mostly, also zeros of both signs, infinities, NaN, denormals, large ones, any bits.
+inline float FloatOf(std::uint64_t bits) {
+  const float small = static_cast<float>(static_cast<int>(bits % 2001) - 1000) / 64.0F;
+  switch (bits >> 40 & 15) {
     case 0:
       return 0.0F;
     case 1:
@@ -63,16 +82,14 @@ inline float Random::AnyFloat() {
       return small * 1e-40F;
     case 6:
       return small * 1e36F;
-    case 7: {
-      const auto bits = static_cast<std::uint32_t>(engine_());
-      float value;
-      std::memcpy(&value, &bits, sizeof value);
-      return value;
-    }
+    case 7:
+      return std::bit_cast<float>(static_cast<std::uint32_t>(bits));
     default:
       return small;
   }
 }
+
+inline float Random::AnyFloat() { return FloatOf((*this)()); }
 
 inline std::uint64_t EnvNumber(const char* name, std::uint64_t otherwise) {
   const char* text = std::getenv(name);

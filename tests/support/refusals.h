@@ -11,13 +11,6 @@
 
 namespace vek_test {
 
-// What Configure is given.
-struct Setup {
-  AttrMap attrs;
-  std::vector<Buf> in;
-  std::vector<Buf> out;
-};
-
 // One way to spoil a valid setup, and what the layer then says. Rows stand in the order of the checks. Two
 // rows of the same (non-empty) group spoil the same thing and are not combined.
 struct Fault {
