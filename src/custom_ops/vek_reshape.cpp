@@ -5,8 +5,10 @@
 #include "contract/checks.h"
 #include "contract/element.h"
 #include "contract/positions.h"
+#include "contract/shape.h"
 #include "contract/sizes.h"
-#include "copy/strided_copy.h"
+#include "copy/runs.h"
+#include "kernels/pixel_shuffle.h"
 
 namespace zeb_custom_ops {
 
@@ -125,39 +127,17 @@ bool VekReshape::Execute(void** in_buffers, void** out_buffers) {
 
 template <typename T>
 void pixelshuffle(T* out, T* in, int factor, const zeb::PuxDnnBufAttrs& in_attrs) {
-  const unsigned N = in_attrs.GetBatch();
-  const unsigned C = in_attrs.GetChannels();
-  const unsigned H = in_attrs.GetHeight();
-  const unsigned W = in_attrs.GetWidth();
+  const auto [N, C, H, W] = detail::Shape(in_attrs);
   const unsigned r = static_cast<unsigned>(factor);
   if (N == 0 || C == 0) return;
-  const unsigned C_out =
-      C / (r * r);  // NOLINT(clang-analyzer-core.DivideZero): Execute refuses such a factor
+  const kernels::PixelShuffleShape shape = {N, C, H, W, r};
 
   // Whole groups of r * r channels, and no position wraps.
+  // NOLINTNEXTLINE(clang-analyzer-core.DivideZero): Execute refuses a factor whose square is 0
   if (Fits(Saturating(r) * r) && C % (r * r) == 0 && Fits(Saturating(N) * C * H * W)) {
-    detail::StridedCopy(out, in,
-                        {
-                            {N * C_out, r * r * H * W, r * H * r * W},
-                            {H, W, r * r * W},
-                            {r, r * H * W, r * W},  // dy
-                            {r, H * W, 1},          // dx
-                            {W, 1, r},
-                        });
-    return;
-  }
-
-  unsigned src = 0;
-  for (unsigned n = 0; n < N; ++n) {
-    for (unsigned c = 0; c < C; ++c) {
-      const unsigned oc = c / (r * r);
-      const unsigned dy = c / r % r;
-      const unsigned dx = c % (r * r) % r;
-      for (unsigned h = 0; h < H; ++h) {
-        unsigned dst = dx + ((n * C_out + oc) * (r * H) + h * r + dy) * (r * W);
-        for (unsigned w = 0; w < W; ++w, dst += r) out[dst] = in[src++];
-      }
-    }
+    kernels::PixelShuffle(out, in, shape);
+  } else {
+    kernels::PlainPixelShuffle(out, in, shape);
   }
 }
 
