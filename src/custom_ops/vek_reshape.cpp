@@ -20,8 +20,11 @@ const std::string VekReshape::k_expected_attr_ = "pixelshuffler";
 
 namespace {
 
-// r * r, by which the kernel divides, is formed in 32 bits.
-bool HasZeroSquare(int factor) { return static_cast<unsigned>(factor) * static_cast<unsigned>(factor) == 0; }
+// A factor that no shuffle has: one below 1, or one whose square, by which the kernel divides, is 0 in 32 bits.
+bool IsNoFactor(int factor) {
+  const unsigned r = static_cast<unsigned>(factor);
+  return factor < 1 || r * r == 0;
+}
 
 // Planar, with rows that end where their elements end.
 bool IsPacked(const zeb::PuxDnnBufAttrsMemFormat& format, const std::vector<unsigned>& dims,
@@ -55,8 +58,8 @@ bool VekReshape::Configure(const AttrMap& attrs, const BufAttrsList& inputs, con
   VEK_REQUIRE(out_count <= out.GetSize(), "Output buf size should be at least %d, but is %d",
               AsInt(out_count), AsInt(out.GetSize()));
 
-  VEK_REQUIRE(pixelshuffler_ > 0 && !HasZeroSquare(pixelshuffler_),
-              "pixelshuffler = %d, but should be at least 1", pixelshuffler_);
+  VEK_REQUIRE(!IsNoFactor(pixelshuffler_),
+              "pixelshuffler = %d, but should be at least 1 and no multiple of 65536", pixelshuffler_);
 
   in_attrs_ = in.Clone();
   out_attrs_ = out.Clone();
@@ -114,9 +117,9 @@ bool VekReshape::Execute(void** in_buffers, void** out_buffers) {
       bitdepth,
       [&](auto width) {
         using T = decltype(width);
-        // Only a factor that a refused Configure left behind has a square of 0 here.
+        // A refused Configure may have left such a factor behind; without items or channels nothing divides by it.
         VEK_REQUIRE(
-            !HasZeroSquare(pixelshuffler_) || in_attrs_->GetBatch() == 0 || in_attrs_->GetChannels() == 0,
+            !IsNoFactor(pixelshuffler_) || in_attrs_->GetBatch() == 0 || in_attrs_->GetChannels() == 0,
             "can't calculate Reshape");
         pixelshuffle(static_cast<T*>(out_buffers[0]), static_cast<T*>(in_buffers[0]), pixelshuffler_,
                      *in_attrs_);
