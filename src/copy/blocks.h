@@ -45,7 +45,7 @@ struct BlockGrid {
   std::size_t block_height;
   std::size_t block_width;
   std::size_t top;    // rows of the frame above a plane
-  std::size_t left;   // columns of the frame beside it
+  std::size_t left;   // columns of the frame to its left
   std::size_t H;      // rows of a plane, without the frame
   std::size_t W;      // columns of a plane
   std::size_t H_sub;  // rows of a sub-grid

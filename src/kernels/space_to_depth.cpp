@@ -28,7 +28,7 @@ template <typename T>
 void SpaceToDepth(T* out, const T* in, const SpaceToDepthShape& shape) {
   const auto [N, C, H, W, C_out, H_out, W_out, b] = shape;
   const unsigned G = C * H_out;  // rows of one group of channels
-  // A few rows of every group at a time: what lies side by side in the input is read while it is in the cache.
+  // A few rows of every group at a time: neighbours in the input are read while they are in the cache.
   constexpr unsigned kChunkBytes = 65536;
   const std::size_t chunk = std::max<std::size_t>(1, kChunkBytes / (std::size_t{b} * b * W_out * sizeof(T)));
   for (std::size_t row = 0; row < G; row += chunk) {
