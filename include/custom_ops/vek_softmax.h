@@ -15,7 +15,7 @@ namespace zeb_custom_ops {
 ///
 ///     out[k] = exp(in[k] - max) * (1 / sum over j of exp(in[j] - max))     for k, j along the axis
 ///
-/// - Formats: 32-bit float, planar, unpadded; at least four dims, of which [N, C, H, W] are walked.
+/// - Formats: 32-bit float, planar, unpadded; at least four dims, of which the accessors say N, C, H and W.
 /// - Attributes: "axis", 0 to 3 for N, C, H, W; without it the stored axis stays (1 on a new layer).
 /// - Buffers: one input, one output of as many elements; the same buffer may serve as both.
 /// - Refused in `Configure`: any other format, padding, interleaving, a short buffer, an axis beyond the
@@ -47,7 +47,7 @@ class ZEB_EXPORT VekSoftmax : public zeb::PuxDnnCustomLayer {
 /// \param out       output data; may be `in`, must not overlap it otherwise.
 /// \param out_size  elements of `out`; must equal `in_size`.
 /// \return false, after an ERROR line, for a null buffer, unequal sizes, an axis above 3, or a shape that
-/// leads beyond `out_size`; true otherwise, and at once where an extent before the axis is 0.
+/// leads beyond `out_size`; true otherwise. Nothing is written where an extent is 0.
 ZEB_EXPORT bool Softmax_v1(const zeb::PuxDnnBufAttrs& attrs, unsigned axis, float* in, unsigned in_size,
                            float* out, unsigned out_size);
 
