@@ -46,7 +46,8 @@ class ZEB_EXPORT VekArgmax : public zeb::PuxDnnCustomLayer {
   /// \param out_data   output data.
   /// \param out_count  elements of `out_data`.
   /// \return false, after an ERROR line, for a null buffer, an axis beyond 3 or short data; true otherwise.
-  /// A search finds no more than the axis holds; one along an axis of extent 0 writes nothing.
+  /// A search finds no more than the axis holds. Along an axis of extent 0 nothing is read: a search of one
+  /// value finds the value 0 at index 0, any other finds nothing.
   bool Argmax_v1(const zeb::PuxDnnBufAttrs& in, float* in_data, unsigned int in_count, float* out_data,
                  unsigned int out_count);
 
@@ -61,7 +62,7 @@ class ZEB_EXPORT VekArgmax : public zeb::PuxDnnCustomLayer {
   int axis_ = 0;              ///< 0 = N, 1 = C, 2 = H, 3 = W
   bool has_axis_ = true;      ///< search along `axis_`, else through whole batch items
   unsigned top_k_ = 1;        ///< results per search
-  bool out_max_val_ = false;  ///< write values instead of indices; without an axis, beside them
+  bool out_max_val_ = false;  ///< write values instead of indices; without an axis, next to them
 };
 
 }  // namespace zeb_custom_ops
