@@ -102,7 +102,7 @@ void SoftmaxVector(const float* in, float* out, unsigned p, unsigned len, unsign
   }
   float sum = 0.0F;
   for (unsigned k = 0; k < len; ++k) {
-    const float e = std::exp(in[p + k * step] - max);
+    const float e = detail::PlainExp(in[p + k * step] - max);
     out[p + k * step] = e;
     sum += e;
   }
