@@ -121,7 +121,7 @@ bool VekArgmax::Argmax_v1(const zeb::PuxDnnBufAttrs& in, float* in_data, unsigne
   kernels::Pair on_stack[512];
   std::vector<kernels::Pair> on_heap;
   std::span<kernels::Pair> lists = on_stack;
-  const std::size_t pairs = top_k_ == 1 ? 0 : ranks * kernels::kListsAtOnce;
+  const std::size_t pairs = ranks * kernels::kListsAtOnce;
   if (pairs > lists.size()) {
     on_heap.resize(pairs);
     lists = on_heap;

@@ -42,7 +42,7 @@ inline constexpr std::size_t kListsAtOnce = detail::kFloatLanes;
 // Several values: pairs of value and index, ranked by a heap of the first `ranks` pairs; there a NaN neither exceeds nor
 // is exceeded.
 //
-// `out` must not overlap `in`. `lists` is scratch: `ranks` * kListsAtOnce pairs, none for one value.
+// `out` must not overlap `in`. `lists` is scratch: `ranks` * kListsAtOnce pairs.
 
 // The formula, for every shape: positions wrap at 32 bits.
 void PlainArgmax(const float* in, float* out, const Searches& s, const Results& results,
