@@ -17,9 +17,9 @@ namespace zeb_custom_ops {
 ///     out[n, c, h, w] = in[n, c, h, w]
 ///
 /// - Formats: any, the same bit depth, `float` and `q8a` on both sides. A change of interleaving takes floats
-/// and
-///   8 or 16-bit elements.
-/// - Ranks: any for planar tensors; interleaved ones and a change of interleaving need four dims.
+///   and 8 or 16-bit elements.
+/// - Ranks: any for planar tensors; interleaved ones need four dims, and so does the source of a change of
+///   interleaving.
 /// - Attributes: none; the map is not read.
 /// - Buffers: one input, one output. The same buffer may serve as both where the two layouts are equal.
 /// - Refused in `Configure`: unequal formats, interleaved tensors of another rank than four, short buffers.
@@ -40,11 +40,11 @@ class ZEB_EXPORT VekDataStrideConv : public zeb::PuxDnnCustomLayer {
 ///
 /// - equal line and plane strides and equal interleaving: `src_bytes` bytes are copied as they are;
 /// - equal interleaving, at least three source dims and exactly four target dims: row by row. A row is the
-/// whole
-///   line stride, so that its padding is data: a wider target row gets the source's padding and then zeros, a
-///   narrower one drops the end of the source row;
+///   whole line stride, so that its padding is data: a wider target row gets the source's padding and then
+///   zeros, for the rows that the target's dims count; a narrower one drops the end of the source row, for the
+///   rows that the source's dims count;
 /// - equal interleaving, other ranks: `copy_dimension` over the target's dims, rows and padding taken from
-///   `GetStrides`;
+///   `GetStrides`. Where an extent in front of the innermost is 0, no strides are needed from there on;
 /// - different interleaving: `copy`.
 ///
 /// All but the first set every byte of the target that no element reaches to 0, as far as `dst_bytes` says.
@@ -56,8 +56,9 @@ class ZEB_EXPORT VekDataStrideConv : public zeb::PuxDnnCustomLayer {
 /// \param dst_bytes  bytes to fill with zeros. Neither count is checked against what the layouts reach.
 /// \param dst_attrs  the target's layout.
 /// \return false, after an ERROR line and before anything is written, for formats that differ in `float` or
-/// bit depth, a plane pack below 1, dims or strides that are too few for the copy, or a bit depth for which
-/// interleaving cannot change; true otherwise. Zero extents copy nothing.
+/// bit depth, dims or strides that are too few for the copy, or a bit depth for which interleaving cannot
+/// change; also for a plane pack below 1 where rows are copied or the interleaving changes, unless there are
+/// none or nothing to move. True otherwise. Zero extents copy nothing.
 ZEB_EXPORT bool convertStride(const signed char* src, unsigned int src_bytes,
                               const zeb::PuxDnnBufAttrs& src_attrs, signed char* dst, unsigned int dst_bytes,
                               const zeb::PuxDnnBufAttrs& dst_attrs);
@@ -79,18 +80,19 @@ ZEB_EXPORT void copy_dimension(unsigned int dim, std::vector<unsigned int> dims,
                                std::vector<unsigned int> in_pads, unsigned int& in_off, signed char* dst,
                                std::vector<unsigned int> out_pads, unsigned int& out_off);
 
-/// Changes the interleaving of four-dimensional data: fills the target with zeros, then moves every element
-/// of the source's shape. Instances: `float`, `short`, `signed char`, by the width of the elements.
+/// Changes the interleaving of data: fills the target with zeros, then moves every element of the source's
+/// four-dimensional shape. Instances: `float`, `short`, `signed char`, by the width of the elements.
 ///
 /// Strides are the descriptions' bytes divided by the bytes of an element, `bitdepth / 8`; a plane stride of
 /// 0 stands for dense planes.
 ///
 /// \param src        source data; must not overlap `dst`.
 /// \param src_bytes  not looked at.
-/// \param src_attrs  the source's layout; four dims, plane pack at least 1.
+/// \param src_attrs  the source's layout; four dims, plane pack at least 1 unless an extent is 0.
 /// \param dst        target data.
 /// \param dst_bytes  bytes to fill with zeros.
-/// \param dst_attrs  the target's layout; four dims, plane pack at least 1.
+/// \param dst_attrs  the target's layout; plane pack as for the source. Of its dims only the second is looked
+///                   at, the channels, and where the plane stride is 0 the third, the rows.
 template <typename T>
 ZEB_EXPORT void copy(const signed char* src, unsigned int src_bytes, const zeb::PuxDnnBufAttrs& src_attrs,
                      signed char* dst, unsigned int dst_bytes, const zeb::PuxDnnBufAttrs& dst_attrs);
