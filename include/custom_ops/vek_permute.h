@@ -20,20 +20,18 @@ namespace zeb_custom_ops {
 /// order: [0,2] on a 4-D tensor is 0, 2, 1, 3.
 ///
 /// - Formats: 8, 16 or 32-bit elements of any kind, the same width on both sides; bit patterns are moved.
-/// - Layouts: floats, planar and unpadded on both sides, of any rank; everything else has four dims and may
-/// be
+/// - Layouts: floats, planar and unpadded on both sides, of any rank; everything else has four dims and may be
 ///   padded and interleaved.
 /// - Attributes: "axes", a list such as "[0,2,3,1]"; mandatory. Each `Configure` appends to the axes of the
 /// last
 ///   one.
-/// - Buffers: one input, one output, which must not overlap. The output's dims are not compared with the
-///   permutation.
+/// - Buffers: one input, one output, which must not overlap, but for `DirectAcessPermute`. The output's dims are
+///   not compared with the permutation.
 /// - Refused in `Configure`: another attribute, text that is no list, different bit depths, short buffers.
-/// Refused
-///   in `Execute`: other formats and layouts, an axis that the tensor does not have.
-/// - Scratch: two buffers as large as the input's elements, allocated when `DirectAcessPermute` first runs
-/// and kept
-///   for the life of the layer.
+///   Refused in `Execute`: other formats and layouts, an axis that the tensor does not have, a plane pack below
+///   1 unless the tensor is empty.
+/// - Scratch: two buffers as large as the input's elements, allocated when `DirectAcessPermute` first runs and
+///   kept for the life of the layer.
 class ZEB_EXPORT VekPermute : public zeb::PuxDnnCustomLayer {
  public:
   bool Configure(const AttrMap& attrs, const BufAttrsList& inputs, const BufAttrsList& outputs) override;
@@ -69,23 +67,25 @@ class ZEB_EXPORT VekPermute : public zeb::PuxDnnCustomLayer {
 
   /// Permutes four-dimensional data in any layout: makes a dense planar copy of the input in the first scratch
   /// buffer, permutes it into the second, and converts that to the output's layout. A side that is dense already
-  /// does without its copy, unless input and output are one buffer. Instances: `float`, `short`, `char`.
+  /// does without its copy, unless input and output overlap. Instances: `float`, `short`, `char`.
   ///
   /// \param in         the input's shape and layout.
-  /// \param in_data    input data.
+  /// \param in_data    input data; may overlap the output, which is written when all of it has been read.
   /// \param in_bytes   bytes of `in_data`.
-  /// \param out        the output's shape and layout.
+  /// \param out        the output's shape and layout. A dense output gets as many elements as the input has,
+  ///                   whatever its own shape.
   /// \param out_data   output data.
   /// \param out_bytes  bytes of `out_data`.
   /// \return false, after an ERROR line, where scratch cannot be had or a step refuses, or where shapes that
-  /// do not fit together would lead a step outside the scratch; the output may then be partly written.
+  /// do not fit together would lead a step outside the scratch, as a padded or interleaved output of more
+  /// elements than the input does; the output may then be partly written.
   template <typename T>
   bool DirectAcessPermute(const zeb::PuxDnnBufAttrs& in, signed char* in_data, unsigned int in_bytes,
                           const zeb::PuxDnnBufAttrs& out, signed char* out_data, unsigned int out_bytes);
 
   /// Channel-first, padded or interleaved, to dense channel-last. Instances: `int`, `short`, `char`.
   ///
-  /// \param in        the input's shape and layout: four dims, plane pack at least 1.
+  /// \param in        the input's shape and layout: four dims, plane pack at least 1 unless an extent is 0.
   /// \param in_data   input data; must not overlap the output.
   /// \param out_data  output data. Nothing is written where an extent is 0.
   template <typename T>
@@ -98,8 +98,9 @@ class ZEB_EXPORT VekPermute : public zeb::PuxDnnCustomLayer {
   /// \param in_data   input data; must not overlap the output.
   /// \param out       the output's shape and layout.
   /// \param out_data  output data. Nothing is written where an extent is 0.
-  /// \return false, after an ERROR line, for tensors of fewer than four dims, an output line stride that is
-  /// no multiple of the element (8-bit elements aside) or a plane pack below 1; true otherwise.
+  /// \return false, after an ERROR line, for an input of fewer than three dims, an output of fewer than four,
+  /// an output line stride that is no multiple of the element (8-bit elements aside), or a plane pack below 1
+  /// unless an extent is 0; true otherwise.
   template <typename T>
   bool PackToNchw(const zeb::PuxDnnBufAttrs& in, T* in_data, const zeb::PuxDnnBufAttrs& out, T* out_data);
 
