@@ -25,15 +25,13 @@ namespace zeb_custom_ops {
 ///   element repeated first), 4 constant; with any other number the border keeps what it held. "pad": the
 ///   constant, as an unsigned number. "pad_shape": p0 to p7, the elements before and after along N, C, H and
 ///   W. "format": [0,1,2,3] or [0,2,3,1], which are treated alike on the dense path.
-/// - The constant: on the direct path converted to the output's fixed point (its exponent counts); on the
-/// dense
+/// - The constant: on the direct path converted to the output's fixed point (its exponent counts); on the dense
 ///   path a float. An input with `q8a` on the dense path replaces the stored constant by
 ///   (constant - q8a_zero) * q8a_scale on every `Execute`.
 /// - Buffers: one input, one output; they must not overlap.
 /// - Refused in `Configure`: fewer than four attributes, lists that are too short, a buffer with fewer bytes
-/// than
-///   elements. Refused in `Execute`: any other format, an unknown bit depth, a null data pointer, an input's
-///   plane_pack below 1. Nothing checks that the extents and pads agree with the output.
+///   than elements. Refused in `Execute`: any other format, an unknown bit depth, a null data pointer, on the
+///   direct path a plane_pack below 1 of an input that is not empty. Nothing checks that the extents and pads agree with the output.
 /// - Scratch: none.
 class ZEB_EXPORT VekPad : public zeb::PuxDnnCustomLayer {
  public:
