@@ -1,4 +1,15 @@
-// The correspondence behind space to batch and batch to space: a picture, and the phases of its blocks.
+// The correspondence behind space to batch and batch to space: a plane, and the sub-grids of its blocks.
+//
+// A plane with a frame of padding (or crop) around it is cut into blocks of block_height x block_width elements. The
+// elements that have the same position (bh, bw) in their blocks, one of each block, make up sub-grid (bh, bw), which is
+// a small plane of its own. With blocks of 2 x 3, each element here shows the sub-grid it belongs to:
+//
+//     00 01 02 00 01 02
+//     10 11 12 10 11 12     sub-grid 12 is the last column of each block, second row:
+//     00 01 02 00 01 02     2 x 2 elements here
+//     10 11 12 10 11 12
+//
+// Element (h, w) of sub-grid (bh, bw) is element (h * block_height + bh, w * block_width + bw) of the framed plane.
 #pragma once
 
 #include <algorithm>
@@ -10,52 +21,50 @@
 
 namespace zeb_custom_ops::detail {
 
-// Steps `begin` to `end`, the latter not included.
-struct Steps {
+// The indices from `begin` up to, not including, `end`.
+struct IndexRange {
   std::size_t begin;
   std::size_t end;
 
   bool empty() const { return begin >= end; }
-  std::size_t count() const { return end - begin; }  // where there are any
+  std::size_t count() const { return end - begin; }  // of a range that is not empty
 };
 
-// The steps k below `count` for which phase + k * block lies in [first, last).
-inline Steps StepsInside(std::size_t phase, std::size_t block, std::size_t count, std::size_t first,
-                         std::size_t last) {
-  const auto first_step_from = [&](std::size_t position) {
-    return position <= phase ? 0 : std::min(count, (position - phase + block - 1) / block);
+// The indices k below `count` for which start + k * step lies in [first, last).
+inline IndexRange IndicesInside(std::size_t start, std::size_t step, std::size_t count, std::size_t first,
+                                std::size_t last) {
+  const auto first_index_from = [&](std::size_t position) {
+    return position <= start ? 0 : std::min(count, (position - start + step - 1) / step);
   };
-  return {first_step_from(first), first_step_from(last)};
+  return {first_index_from(first), first_index_from(last)};
 }
 
-// A framed picture is cut into blocks of block_height x block_width elements. All elements that have the same
-// place (bh, bw) in their block make up one phase, a small picture of its own. Element (h, w) of phase
-// (bh, bw) is element (h * block_height + bh, w * block_width + bw) of the framed picture, whose first `top`
-// rows and `left` columns are frame. The phases follow each other row by row, `planes` pictures each.
+// Some dense planes, and their sub-grids: one sub-grid of all planes after another, row by row of the block.
 struct BlockGrid {
-  std::size_t planes;  // pictures: batch items times channels
+  std::size_t planes;  // batch items times channels
   std::size_t block_height;
   std::size_t block_width;
-  std::size_t top;
-  std::size_t left;
-  std::size_t H;        // rows of a picture, without the frame
-  std::size_t W;        // columns of a picture
-  std::size_t H_phase;  // rows of a phase
-  std::size_t W_phase;  // columns of a phase
+  std::size_t top;    // rows of the frame above a plane
+  std::size_t left;   // columns of the frame to its left
+  std::size_t H;      // rows of a plane, without the frame
+  std::size_t W;      // columns of a plane
+  std::size_t H_sub;  // rows of a sub-grid
+  std::size_t W_sub;  // columns of a sub-grid
 
-  Steps Rows(std::size_t bh) const { return StepsInside(bh, block_height, H_phase, top, top + H); }
-  Steps Columns(std::size_t bw) const { return StepsInside(bw, block_width, W_phase, left, left + W); }
-  // The columns that lie inside the picture in every phase of a block row.
-  Steps SharedColumns() const { return {Columns(0).begin, Columns(block_width - 1).end}; }
+  // The rows and columns of a sub-grid that are not frame.
+  IndexRange Rows(std::size_t bh) const { return IndicesInside(bh, block_height, H_sub, top, top + H); }
+  IndexRange Columns(std::size_t bw) const { return IndicesInside(bw, block_width, W_sub, left, left + W); }
+  // The columns that are not frame in any sub-grid of a row of the block.
+  IndexRange SharedColumns() const { return {Columns(0).begin, Columns(block_width - 1).end}; }
 
-  // The first element of a plane in a phase.
-  std::size_t PhaseOffset(std::size_t bh, std::size_t bw, std::size_t plane) const {
-    return ((bh * block_width + bw) * planes + plane) * H_phase * W_phase;
+  // The first element of a plane in a sub-grid.
+  std::size_t SubGridOffset(std::size_t bh, std::size_t bw, std::size_t plane) const {
+    return ((bh * block_width + bw) * planes + plane) * H_sub * W_sub;
   }
 };
 
-// Calls body(first_plane, plane_count) for a few planes at a time: rows that lie side by side in a picture belong
-// to phases that lie far apart, and so all of them stay in the cache.
+// Calls body(first_plane, plane_count) for a few planes at a time: neighbours in a plane belong to sub-grids that lie
+// far apart, and so all of them stay in the cache.
 template <typename Body>
 void ForPlanes(const BlockGrid& grid, std::size_t width, Body&& body) {
   constexpr std::size_t kChunkBytes = 65536;
@@ -66,38 +75,38 @@ void ForPlanes(const BlockGrid& grid, std::size_t width, Body&& body) {
   }
 }
 
-// Covers what the pictures and their phases have in common, for some of the planes, by walks: calls
-// walk(picture_offset, phase_offset, axes), where the axes have the picture's steps as `src_step`, the
-// phases' as `dst_step`.
+// Covers what the planes and their sub-grids have in common, for some of the planes, by strided copies: calls
+// copy(plane_offset, sub_grid_offset, loops), where the loops have the planes' steps as `src_step`, the sub-grids' as
+// `dst_step`.
 //
-// The phases of one block row go together, so that whole rows of the picture are touched at once; where the
-// frame cuts through a block, the phases differ by one column at each side, which go separately.
-template <typename Walk>
-void ForEachPatch(const BlockGrid& grid, std::size_t first_plane, std::size_t plane_count, Walk&& walk) {
+// The sub-grids of one row of the block go together, so that whole rows of a plane are touched at once; where the
+// frame ends inside a block, the sub-grids differ by one column on that side, and these columns go one by one.
+template <typename Copy>
+void ForEachPatch(const BlockGrid& grid, std::size_t first_plane, std::size_t plane_count, Copy&& copy) {
   const auto step = [](std::size_t elements) { return static_cast<std::ptrdiff_t>(elements); };
-  const std::size_t phase_step = grid.PhaseOffset(0, 1, 0);
-  const Steps shared = grid.SharedColumns();
+  const std::size_t sub_grid_step = grid.SubGridOffset(0, 1, 0);
+  const IndexRange shared = grid.SharedColumns();
   for (std::size_t bh = 0; bh < grid.block_height; ++bh) {
-    const Steps rows = grid.Rows(bh);
+    const IndexRange rows = grid.Rows(bh);
     if (rows.empty()) continue;
-    const auto patch = [&](std::size_t first_bw, std::size_t phases, Steps columns) {
+    const auto patch = [&](std::size_t first_bw, std::size_t sub_grids, IndexRange columns) {
       if (columns.empty()) return;
       const std::size_t h = rows.begin * grid.block_height + bh - grid.top;
       const std::size_t w = columns.begin * grid.block_width + first_bw - grid.left;
-      const std::array<Loop, 4> axes = {{
-          {plane_count, step(grid.H * grid.W), step(grid.H_phase * grid.W_phase)},
-          {rows.count(), step(grid.block_height * grid.W), step(grid.W_phase)},
-          {phases, 1, step(phase_step)},
+      const std::array<Loop, 4> loops = {{
+          {plane_count, step(grid.H * grid.W), step(grid.H_sub * grid.W_sub)},
+          {rows.count(), step(grid.block_height * grid.W), step(grid.W_sub)},
+          {sub_grids, 1, step(sub_grid_step)},
           {columns.count(), step(grid.block_width), 1},
       }};
-      walk((first_plane * grid.H + h) * grid.W + w,
-           grid.PhaseOffset(bh, first_bw, first_plane) + rows.begin * grid.W_phase + columns.begin,
-           std::span<const Loop>(axes));
+      copy((first_plane * grid.H + h) * grid.W + w,
+           grid.SubGridOffset(bh, first_bw, first_plane) + rows.begin * grid.W_sub + columns.begin,
+           std::span<const Loop>(loops));
     };
     patch(0, grid.block_width, shared);
     for (std::size_t bw = 0; bw < grid.block_width; ++bw) {
-      const Steps own = grid.Columns(bw);
-      const Steps done = shared.empty() ? Steps{own.end, own.end} : shared;
+      const IndexRange own = grid.Columns(bw);
+      const IndexRange done = shared.empty() ? IndexRange{own.end, own.end} : shared;
       patch(bw, 1, {own.begin, done.begin});
       patch(bw, 1, {done.end, own.end});
     }

@@ -1,9 +1,8 @@
-// Interleaving: a few planes to and from elements that lie side by side. The structure loads and stores of arm64
+// Interleaving: a few planes to and from elements that lie next to each other. The structure loads and stores of arm64
 // do it on the way; elsewhere it is shuffles.
 #pragma once
 
 #include <cstddef>
-#include <cstdint>
 
 #include "copy/loop.h"
 #include "simd/simd.h"

@@ -1,4 +1,5 @@
-// Walks over bytes: the loops of a copy, brought into the form that moves the most at a time.
+// The body of the strided copy, in bytes: brings its loops into the order of the target, as few as they can be, and
+// chooses what moves the most at a time for the innermost ones.
 #include "copy/strided_copy.h"
 
 #include <cstdint>
@@ -21,62 +22,63 @@ inline void CopyPlane(std::byte* dst, const std::byte* src, const Loop& rows, co
   }
 }
 
-// Calls `body` for each position of nested loops, outermost axis first.
+// Calls `body` for each position of nested loops, outermost loop first.
 template <typename Body>
-void ForEach(std::byte* dst, const std::byte* src, std::span<const Loop> axes, const Body& body) {
-  if (axes.empty()) return body(dst, src);
-  const Loop& axis = axes.front();
-  for (std::size_t i = 0; i < axis.extent; ++i) {
-    ForEach(dst + Offset(i, axis.dst_step), src + Offset(i, axis.src_step), axes.subspan(1), body);
+void ForEach(std::byte* dst, const std::byte* src, std::span<const Loop> loops, const Body& body) {
+  if (loops.empty()) return body(dst, src);
+  const Loop& outer = loops.front();
+  for (std::size_t i = 0; i < outer.extent; ++i) {
+    ForEach(dst + Offset(i, outer.dst_step), src + Offset(i, outer.src_step), loops.subspan(1), body);
   }
 }
 
-// The loops of a walk in the order of the target, as few as they can be.
-struct Loops {
-  Loop axes[kMaxRank];
+// The loops of a strided copy in the order of the target: the one with the largest step there is outermost.
+struct LoopNest {
+  Loop loops[kMaxRank];
   std::size_t rank = 0;
   std::ptrdiff_t dst_start = 0;
   std::ptrdiff_t src_start = 0;
 
-  // Puts the axis where its target step belongs.
-  void Insert(Loop axis) {
-    if (axis.extent == 1) return;
-    if (axis.dst_step < 0) {
-      dst_start += Offset(axis.extent - 1, axis.dst_step);
-      src_start += Offset(axis.extent - 1, axis.src_step);
-      axis.dst_step = -axis.dst_step;
-      axis.src_step = -axis.src_step;
+  // Puts the loop where its target step belongs. One that runs backwards in the target starts at its other end.
+  void Insert(Loop loop) {
+    if (loop.extent == 1) return;
+    if (loop.dst_step < 0) {
+      dst_start += Offset(loop.extent - 1, loop.dst_step);
+      src_start += Offset(loop.extent - 1, loop.src_step);
+      loop.dst_step = -loop.dst_step;
+      loop.src_step = -loop.src_step;
     }
-    std::size_t place = rank++;
-    for (; place > 0 && axes[place - 1].dst_step < axis.dst_step; --place) axes[place] = axes[place - 1];
-    axes[place] = axis;
+    std::size_t i = rank++;
+    for (; i > 0 && loops[i - 1].dst_step < loop.dst_step; --i) loops[i] = loops[i - 1];
+    loops[i] = loop;
   }
 
-  // Makes one loop of neighbours that follow each other without a gap on both sides.
+  // Makes one loop of neighbours where the outer one goes on, on both sides, where the inner one ends.
   void Fuse() {
     std::size_t kept = 0;
     for (std::size_t i = 1; i < rank; ++i) {
-      Loop& outer = axes[kept];
-      const Loop& inner = axes[i];
+      Loop& outer = loops[kept];
+      const Loop& inner = loops[i];
       if (outer.src_step == Offset(inner.extent, inner.src_step) &&
           outer.dst_step == Offset(inner.extent, inner.dst_step)) {
         outer = {outer.extent * inner.extent, inner.src_step, inner.dst_step};
       } else {
-        axes[++kept] = inner;
+        loops[++kept] = inner;
       }
     }
     if (rank > 0) rank = kept + 1;
   }
 
-  // Takes the axis out and returns it; a loop of one step where there is none.
+  // Takes a loop out and returns it.
   Loop Take(std::size_t i) {
-    const Loop taken = axes[i];
-    for (--rank; i < rank; ++i) axes[i] = axes[i + 1];
+    const Loop taken = loops[i];
+    for (--rank; i < rank; ++i) loops[i] = loops[i + 1];
     return taken;
   }
-  Loop TakeLast() { return rank > 0 ? axes[--rank] : Loop{1, 0, 0}; }
+  // The same of the innermost one; a loop of one round where there is none.
+  Loop TakeLast() { return rank > 0 ? loops[--rank] : Loop{1, 0, 0}; }
 
-  std::span<const Loop> Rest() const { return {axes, rank}; }
+  std::span<const Loop> Rest() const { return {loops, rank}; }
 };
 
 // Calls `body` with an extent from 2 to 4 as a constant.
@@ -90,13 +92,13 @@ void WithFew(std::size_t extent, const Body& body) {
 // Planes whose unit step lies along `d` in the target and along `s` in the source, where one of the two is two to
 // four elements long and nothing lies between its runs; false for others.
 template <typename T>
-bool CopyInterleaved(std::byte* dst, const std::byte* src, Loops& loops, const Loop& d, const Loop& s) {
+bool CopyInterleaved(std::byte* dst, const std::byte* src, LoopNest& nest, const Loop& d, const Loop& s) {
   constexpr std::ptrdiff_t kUnit = sizeof(T);
   if (sizeof(T) == 1 && !kShufflesBytes && (d.extent == 3 || s.extent == 3)) return false;
   if (d.extent <= 4 && s.dst_step == Offset(d.extent, kUnit)) {
     WithFew(d.extent, [&](auto k) {
-      const Loop rows = loops.TakeLast();
-      ForEach(dst, src, loops.Rest(), [&](std::byte* to, const std::byte* from) {
+      const Loop rows = nest.TakeLast();
+      ForEach(dst, src, nest.Rest(), [&](std::byte* to, const std::byte* from) {
         InterleaveRows<T, k>(to, from, rows, d.src_step, s.extent);
       });
     });
@@ -104,8 +106,8 @@ bool CopyInterleaved(std::byte* dst, const std::byte* src, Loops& loops, const L
   }
   if (s.extent <= 4 && d.src_step == Offset(s.extent, kUnit)) {
     WithFew(s.extent, [&](auto k) {
-      const Loop rows = loops.TakeLast();
-      ForEach(dst, src, loops.Rest(), [&](std::byte* to, const std::byte* from) {
+      const Loop rows = nest.TakeLast();
+      ForEach(dst, src, nest.Rest(), [&](std::byte* to, const std::byte* from) {
         DeinterleaveRows<T, k>(to, from, rows, s.dst_step, d.extent);
       });
     });
@@ -117,43 +119,43 @@ bool CopyInterleaved(std::byte* dst, const std::byte* src, Loops& loops, const L
 }  // namespace
 
 template <typename T>
-void StridedCopyBytes(std::byte* dst, const std::byte* src, std::span<const Loop> axes) {
-  Loops loops;
-  for (const Loop& axis : axes) {
-    if (axis.extent == 0) return;
-    loops.Insert(axis);
+void StridedCopyBytes(std::byte* dst, const std::byte* src, std::span<const Loop> loops) {
+  LoopNest nest;
+  for (const Loop& loop : loops) {
+    if (loop.extent == 0) return;
+    nest.Insert(loop);
   }
-  loops.Fuse();
-  dst += loops.dst_start;
-  src += loops.src_start;
+  nest.Fuse();
+  dst += nest.dst_start;
+  src += nest.src_start;
 
   constexpr std::ptrdiff_t kUnit = sizeof(T);
-  const Loop inner = loops.TakeLast();
+  const Loop inner = nest.TakeLast();
   if (inner.extent == 1) return Store(dst, Load<T>(src));
   if (inner.dst_step == kUnit) {
     if (inner.src_step == kUnit) {
-      const Loop rows = loops.TakeLast();
-      return ForEach(dst, src, loops.Rest(), [&](std::byte* to, const std::byte* from) {
+      const Loop rows = nest.TakeLast();
+      return ForEach(dst, src, nest.Rest(), [&](std::byte* to, const std::byte* from) {
         CopyRows(to, from, rows, inner.extent * sizeof(T));
       });
     }
     if (inner.src_step == 0) {
-      const Loop rows = loops.TakeLast();
-      return ForEach(dst, src, loops.Rest(), [&](std::byte* to, const std::byte* from) {
+      const Loop rows = nest.TakeLast();
+      return ForEach(dst, src, nest.Rest(), [&](std::byte* to, const std::byte* from) {
         RepeatRows<T>(to, from, rows, inner.extent);
       });
     }
-    for (std::size_t i = 0; i < loops.rank; ++i) {
-      if (loops.axes[i].src_step != kUnit) continue;
-      const Loop across = loops.Take(i);
-      if (CopyInterleaved<T>(dst, src, loops, inner, across)) return;
-      return ForEach(dst, src, loops.Rest(), [&](std::byte* to, const std::byte* from) {
+    for (std::size_t i = 0; i < nest.rank; ++i) {
+      if (nest.loops[i].src_step != kUnit) continue;
+      const Loop across = nest.Take(i);
+      if (CopyInterleaved<T>(dst, src, nest, inner, across)) return;
+      return ForEach(dst, src, nest.Rest(), [&](std::byte* to, const std::byte* from) {
         TransposePlane<T>(to, from, inner, across);
       });
     }
   }
-  const Loop rows = loops.TakeLast();
-  ForEach(dst, src, loops.Rest(),
+  const Loop rows = nest.TakeLast();
+  ForEach(dst, src, nest.Rest(),
           [&](std::byte* to, const std::byte* from) { CopyPlane<T>(to, from, rows, inner); });
 }
 

@@ -1,5 +1,5 @@
-// The walks that the data-movement operators are made of. The bodies stand in walk.cpp, so that they are compiled
-// once for each width and not once for each operator.
+// The strided copy, which most data-movement operators are made of: nested loops of any steps on both sides. Its body
+// is in strided_copy.cpp, so that it is compiled once for each width and not once for each operator.
 #pragma once
 
 #include <cstddef>
@@ -14,38 +14,38 @@ namespace zeb_custom_ops::detail {
 
 namespace internal {
 
-// The most loops that one walk takes.
+// The most loops that one strided copy takes.
 inline constexpr std::size_t kMaxRank = 6;
 
-// The walk over elements of one width; everything is bytes. Instances for words of 1, 2 and 4 bytes.
+// The copy of elements of one width; everything is bytes. Instances for words of 1, 2 and 4 bytes.
 template <typename T>
-void StridedCopyBytes(std::byte* dst, const std::byte* src, std::span<const Loop> axes);
+void StridedCopyBytes(std::byte* dst, const std::byte* src, std::span<const Loop> loops);
 
 }  // namespace internal
 
 // Copies the elements of nested loops; steps are elements. A source step of 0 repeats. Source and target must
 // not overlap, and no two elements may meet in the target: the order of the copies is not defined.
 template <typename T>
-void StridedCopy(T* dst, const T* src, std::span<const Loop> axes) {
-  if (axes.size() > internal::kMaxRank) {
-    const Loop axis = axes.front();
-    for (std::size_t i = 0; i < axis.extent; ++i) {
-      StridedCopy(dst + Offset(i, axis.dst_step), src + Offset(i, axis.src_step), axes.subspan(1));
+void StridedCopy(T* dst, const T* src, std::span<const Loop> loops) {
+  if (loops.size() > internal::kMaxRank) {
+    const Loop& outer = loops.front();
+    for (std::size_t i = 0; i < outer.extent; ++i) {
+      StridedCopy(dst + Offset(i, outer.dst_step), src + Offset(i, outer.src_step), loops.subspan(1));
     }
     return;
   }
   constexpr std::ptrdiff_t kUnit = sizeof(T);
   Loop in_bytes[internal::kMaxRank];
-  for (std::size_t i = 0; i < axes.size(); ++i) {
-    in_bytes[i] = {axes[i].extent, axes[i].src_step * kUnit, axes[i].dst_step * kUnit};
+  for (std::size_t i = 0; i < loops.size(); ++i) {
+    in_bytes[i] = {loops[i].extent, loops[i].src_step * kUnit, loops[i].dst_step * kUnit};
   }
   internal::StridedCopyBytes<Word<sizeof(T)>>(
-      reinterpret_cast<std::byte*>(dst), reinterpret_cast<const std::byte*>(src), {in_bytes, axes.size()});
+      reinterpret_cast<std::byte*>(dst), reinterpret_cast<const std::byte*>(src), {in_bytes, loops.size()});
 }
 
 template <typename T>
-void StridedCopy(T* dst, const T* src, std::initializer_list<Loop> axes) {
-  StridedCopy(dst, src, std::span<const Loop>(axes.begin(), axes.size()));
+void StridedCopy(T* dst, const T* src, std::initializer_list<Loop> loops) {
+  StridedCopy(dst, src, std::span<const Loop>(loops.begin(), loops.size()));
 }
 
 }  // namespace zeb_custom_ops::detail

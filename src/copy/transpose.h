@@ -1,7 +1,7 @@
 // Transposes in registers, and planes of any size made of them.
 //
 // Number the elements of a few vectors through: vector 0 lane 0, lane 1, ..., vector 1 lane 0, ... Zipping
-// the first half of the vectors with the second half sends element p to place 2p: it rotates the bits of the
+// the first half of the vectors with the second half sends element p to position 2p: it rotates the bits of the
 // number to the left by one. A tile of m rows with n elements numbers its elements i * n + j; after log2(m)
 // such steps the number is j * m + i, which is the transposed tile. Unzipping rotates to the right: log2(n)
 // steps do the same. This holds whether a row fills a vector or several rows share one.

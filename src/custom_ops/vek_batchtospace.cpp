@@ -1,19 +1,16 @@
 // Layer type "BATCHTOSPACE".
 #include "custom_ops/vek_batchtospace.h"
 
-#include <algorithm>
-#include <array>
-#include <cstdint>
 #include <vector>
 
 #include "contract/attr_text.h"
 #include "contract/checks.h"
 #include "contract/element.h"
 #include "contract/positions.h"
+#include "contract/shape.h"
 #include "contract/sizes.h"
-#include "copy/blocks.h"
-#include "copy/strided_copy.h"
 #include "custom_ops/vek_common.h"
+#include "kernels/batch_to_space.h"
 
 namespace zeb_custom_ops {
 
@@ -21,6 +18,7 @@ using detail::AsInt;
 using detail::AsULongLong;
 using detail::Fits;
 using detail::Saturating;
+using detail::Shape;
 
 const std::string VekBatchToSpace::k_expected_attr_block_shape_ = "block_shape";
 const std::string VekBatchToSpace::k_expected_attr_crops_ = "crops";
@@ -129,50 +127,22 @@ template <typename T>
 void VekBatchToSpace::batchtospace(const zeb::PuxDnnBufAttrs& in_attrs, const zeb::PuxDnnBufAttrs& out_attrs,
                                    T* in, T* out, unsigned block_height, unsigned block_width,
                                    unsigned crop_top, unsigned crop_left) {
+  // The input's batch is not asked for.
   const unsigned C = in_attrs.GetChannels();
   const unsigned H = in_attrs.GetHeight();
   const unsigned W = in_attrs.GetWidth();
-  const unsigned N_out = out_attrs.GetBatch();
-  const unsigned C_out = out_attrs.GetChannels();
-  const unsigned H_out = out_attrs.GetHeight();
-  const unsigned W_out = out_attrs.GetWidth();
+  const auto [N_out, C_out, H_out, W_out] = Shape(out_attrs);
   if (N_out == 0 || H_out == 0 || W_out == 0 || C_out == 0 || block_height == 0 || block_width == 0) return;
+  const kernels::BatchToSpaceShape shape = {
+      C, H, W, N_out, C_out, H_out, W_out, block_height, block_width, crop_top, crop_left};
 
-  // Every place of the output comes from inside its phase of the input, and no position wraps.
-  const std::uint64_t H_uncropped = std::uint64_t{H} * block_height;
-  const std::uint64_t W_uncropped = std::uint64_t{W} * block_width;
-  if (C_out == C && std::uint64_t{crop_top} + H_out <= H_uncropped &&
-      std::uint64_t{crop_left} + W_out <= W_uncropped &&
+  // Every element of the output comes from inside its sub-grid of the input, and no position wraps.
+  if (C_out == C && Saturating(crop_top) + H_out <= Saturating(H) * block_height &&
+      Saturating(crop_left) + W_out <= Saturating(W) * block_width &&
       Fits(Saturating(N_out) * C * H * block_height * W * block_width)) {
-    const detail::BlockGrid grid = {N_out * C, block_height, block_width, crop_top, crop_left,
-                                    H_out,     W_out,        H,           W};
-    detail::ForPlanes(grid, sizeof(T), [&](std::size_t plane, std::size_t planes) {
-      detail::ForEachPatch(
-          grid, plane, planes,
-          [&](std::size_t picture_offset, std::size_t phase_offset, std::span<const detail::Loop> axes) {
-            std::array<detail::Loop, 4> back;
-            std::transform(axes.begin(), axes.end(), back.begin(), [](const detail::Loop& axis) {
-              return detail::Loop{axis.extent, axis.dst_step, axis.src_step};
-            });
-            detail::StridedCopy(out + picture_offset, in + phase_offset, std::span<const detail::Loop>(back));
-          });
-    });
-    return;
-  }
-
-  // Deliberate: the ends wrap like every position; a crop near 2^32 leaves nothing to do.
-  const unsigned h_end = crop_top + H_out;
-  const unsigned w_end = crop_left + W_out;
-  for (unsigned n = 0; n < N_out; ++n) {
-    for (unsigned h = crop_top; h < h_end; ++h) {
-      for (unsigned w = crop_left; w < w_end; ++w) {
-        const unsigned phase = h % block_height * block_width + w % block_width;
-        for (unsigned c = 0; c < C_out; ++c) {
-          out[((n * C_out + c) * H_out + (h - crop_top)) * W_out + (w - crop_left)] =
-              in[((phase * N_out + n) * C + c) * H * W + h / block_height * W + w / block_width];
-        }
-      }
-    }
+    kernels::BatchToSpace(out, in, shape);
+  } else {
+    kernels::PlainBatchToSpace(out, in, shape);
   }
 }
 

@@ -1,7 +1,6 @@
 // Layer type "BROADCAST".
 #include "custom_ops/vek_broadcast.h"
 
-#include <algorithm>
 #include <vector>
 
 #include "contract/attr_text.h"
@@ -9,8 +8,8 @@
 #include "contract/element.h"
 #include "contract/positions.h"
 #include "contract/sizes.h"
-#include "copy/strided_copy.h"
 #include "custom_ops/vek_common.h"
+#include "kernels/broadcast.h"
 
 namespace zeb_custom_ops {
 
@@ -18,6 +17,7 @@ using detail::AsInt;
 using detail::AsUnsigned;
 using detail::Fits;
 using detail::LastPosition;
+using detail::Saturating;
 
 const std::string VekBroadcast::k_expected_attr_ = "size";
 
@@ -123,34 +123,6 @@ bool VekBroadcast::Execute(void** in_buffers, void** out_buffers) {
       });
 }
 
-namespace {
-
-using detail::Loop;
-
-// dst[x] = src[x mod period]; a period of 0 repeats nothing.
-template <typename T>
-void RepeatRow(T* dst, const T* src, unsigned period, unsigned count) {
-  if (period == 0) period = count;
-  for (unsigned x = 0; x < count; x += std::min(period, count - x)) {
-    detail::CopyRun(dst + x, src, std::min(period, count - x));
-  }
-}
-
-// The same for every row of planes of rows, which must not overlap.
-template <typename T>
-void RepeatRows(T* dst, const T* src, const Loop& planes, const Loop& rows, unsigned period, unsigned count) {
-  if (period == 0 || period >= count) return detail::StridedCopy(dst, src, {planes, rows, {count, 1, 1}});
-  detail::StridedCopy(dst, src, {planes, rows, {count / period, 0, period}, {period, 1, 1}});
-  const unsigned whole = count / period * period;
-  detail::StridedCopy(dst + whole, src, {planes, rows, {count - whole, 1, 1}});
-}
-
-Loop Along(std::size_t extent, std::uint64_t src_step, std::uint64_t dst_step) {
-  return {extent, static_cast<std::ptrdiff_t>(src_step), static_cast<std::ptrdiff_t>(dst_step)};
-}
-
-}  // namespace
-
 template <typename T>
 bool Broadcast_v1(const zeb::PuxDnnBufAttrs& in, const zeb::PuxDnnBufAttrs& out, T* in_data, T* out_data,
                   unsigned bcast_c, unsigned bcast_h, unsigned bcast_w) {
@@ -164,59 +136,24 @@ bool Broadcast_v1(const zeb::PuxDnnBufAttrs& in, const zeb::PuxDnnBufAttrs& out,
   const unsigned in_line = in.GetLineStride() / static_cast<unsigned>(sizeof(T));
   const unsigned out_line = out.GetLineStride() / static_cast<unsigned>(sizeof(T));
   if (bcast_c == 0 && bcast_h == 0 && bcast_w == 0) return true;
+  const kernels::BroadcastShape shape = {
+      C, H, W, H_in, W_in, in_line, out_line, bcast_c != 0, bcast_h != 0, bcast_w != 0};
 
-  // From row to row and from channel to channel of the input; with the channel flag there is one channel. Positions
-  // wrap in 32 bits.
-  const unsigned period = bcast_w != 0 ? W_in : W;
-  const unsigned in_row = bcast_h != 0 ? 0 : in_line;
-  const std::uint64_t in_plane = bcast_h != 0 ? in_line : std::uint64_t{H_in} * in_line;
-  const std::uint64_t out_plane = std::uint64_t{H} * out_line;
-  const std::uint64_t dense_plane = std::uint64_t{H} * W;
+  // From channel to channel and from row to row; with the channel flag the first plane alone is put together so.
   const unsigned planes = bcast_c != 0 ? 1 : C;
-  const bool rows_apart = out_line >= W || (H <= 1 && planes <= 1);
-  const bool walks = rows_apart && Fits(LastPosition({{planes, in_plane}, {H, in_row}, {W, 1}})) &&
-                     Fits(LastPosition({{planes, out_plane}, {H + 1ULL, out_line}, {W, 1}})) &&
-                     Fits(LastPosition({{C, dense_plane}, {dense_plane, 1}}));
+  const Saturating in_plane = bcast_h != 0 ? Saturating(in_line) : Saturating(H_in) * in_line;
+  const unsigned in_row = bcast_h != 0 ? 0 : in_line;
+  const Saturating out_plane = Saturating(H) * out_line;
+  const Saturating dense_plane = Saturating(H) * W;
 
-  if (bcast_c != 0 && bcast_h != 0 && walks && out_line == W && C != 0 && H != 0) {
-    // All rows of all planes are the same, and they touch.
-    RepeatRows(out_data, in_data, {1, 0, 0}, Along(std::uint64_t{C} * H, 0, W), period, W);
-    return true;
-  }
-  const T* first_plane = out_data;
-  unsigned first_copy = 1;
-  if (bcast_c != 0 && bcast_h == 0 && bcast_w == 0) {
-    // Deliberate: a dense block of the input, also where its rows are padded.
-    first_plane = in_data;
-    first_copy = 0;
-  } else if (bcast_c != 0 && bcast_h != 0 && bcast_w != 0) {
-    // Deliberate: the second row follows the first one's elements, not its line stride.
-    RepeatRows(out_data, in_data, {1, 0, 0}, {1, 0, 0}, period, W);
-    if (walks && H > 1) {
-      detail::StridedCopy(out_data + W, out_data, {Along(H - 1, 0, out_line), {W, 1, 1}});
-    } else {
-      T* row = out_data + W;
-      for (unsigned h = 1; h < H; ++h, row += out_line) detail::CopyRun(row, out_data, W);
-    }
-  } else if (walks) {
-    RepeatRows(out_data, in_data, Along(planes, in_plane, out_plane), Along(H, in_row, out_line), period, W);
+  // Rows of the output do not overlap, and no position wraps.
+  if ((out_line >= W || (H <= 1 && planes <= 1)) &&
+      Fits(LastPosition({{planes, in_plane}, {H, in_row}, {W, 1}})) &&
+      Fits(LastPosition({{planes, out_plane}, {Saturating(H) + 1, out_line}, {W, 1}})) &&
+      Fits(LastPosition({{C, dense_plane}, {dense_plane, 1}}))) {
+    kernels::Broadcast(out_data, in_data, shape);
   } else {
-    for (unsigned c = 0; c < planes; ++c) {
-      for (unsigned h = 0; h < H; ++h) {
-        RepeatRow(out_data + static_cast<unsigned>(c * out_plane + std::uint64_t{h} * out_line),
-                  in_data + static_cast<unsigned>(c * in_plane + std::uint64_t{h} * in_row), period, W);
-      }
-    }
-  }
-  if (bcast_c == 0) return true;
-
-  // Deliberate: planes are repeated as dense blocks, also where the output's rows are padded.
-  if (walks && first_copy < C) {
-    detail::StridedCopy(out_data + first_copy * dense_plane, first_plane,
-                        {Along(C - first_copy, 0, dense_plane), Along(dense_plane, 1, 1)});
-  } else {
-    const auto plane = static_cast<unsigned>(dense_plane);
-    for (unsigned c = first_copy; c < C; ++c) detail::CopyRun(out_data + c * plane, first_plane, plane);
+    kernels::PlainBroadcast(out_data, in_data, shape);
   }
   return true;
 }

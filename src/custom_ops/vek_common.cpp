@@ -4,22 +4,7 @@
 #include <utility>
 
 #include "contract/log.h"
-#include "custom_ops/vek_argmax.h"
-#include "custom_ops/vek_batchtospace.h"
-#include "custom_ops/vek_broadcast.h"
-#include "custom_ops/vek_concat.h"
-#include "custom_ops/vek_datastrideconv.h"
-#include "custom_ops/vek_depthtospace.h"
-#include "custom_ops/vek_ewo.h"
-#include "custom_ops/vek_gather.h"
-#include "custom_ops/vek_l2norm.h"
-#include "custom_ops/vek_matmul.h"
-#include "custom_ops/vek_pad.h"
-#include "custom_ops/vek_permute.h"
-#include "custom_ops/vek_reshape.h"
-#include "custom_ops/vek_softmax.h"
-#include "custom_ops/vek_spacetobatch.h"
-#include "custom_ops/vek_spacetodepth.h"
+#include "custom_ops/layer_types.h"
 
 namespace {
 
@@ -33,25 +18,10 @@ struct FactoryEntry {
   zeb::PuxDnnCustomLayer* (*make)();
 };
 
-using namespace zeb_custom_ops;  // NOLINT(google-build-using-namespace): the table reads better bare
-
 constexpr FactoryEntry kFactory[] = {
-    {"SOFTMAX", Make<VekSoftmax>},
-    {"DATA_STRIDE_CONV", Make<VekDataStrideConv>},
-    {"RESHAPE", Make<VekReshape>},
-    {"BROADCAST", Make<VekBroadcast>},
-    {"ARGMAX", Make<VekArgmax>},
-    {"NORMALIZE", Make<VekL2Norm>},
-    {"MATMUL", Make<VekMatmul>},
-    {"PERMUTE", Make<VekPermute>},
-    {"SWCONCAT", Make<VekConcat>},
-    {"DEPTHTOSPACE", Make<VekDepthToSpace>},
-    {"PAD", Make<VekPad>},
-    {"GATHER", Make<VekGather>},
-    {"ELTWISE", Make<VekEwo>},
-    {"SPACETOBATCH", Make<VekSpaceToBatch>},
-    {"SPACETODEPTH", Make<VekSpaceToDepth>},
-    {"BATCHTOSPACE", Make<VekBatchToSpace>},
+#define VEK_FACTORY_ENTRY(type, Op) {type, Make<zeb_custom_ops::Op>},
+    VEK_LAYER_TYPES(VEK_FACTORY_ENTRY)
+#undef VEK_FACTORY_ENTRY
 };
 
 }  // namespace
@@ -76,38 +46,46 @@ void PrintMemFmt(zeb::PuxDnnBufAttrsMemFormat format) {
 namespace sw_ops_parser {
 namespace {
 
-// The state machine. A list is Before its first bracket pair or value, then Inside, then Done at its last
-// bracket.
+// Takes a list text character by character. There are two kinds of lists, told apart by how they begin:
+//
+//   flat     1,2]  or  [1,2]        a value comes before a second '[': the first ']' ends the list
+//   nested   [[1,2],[3,4]]          two '[' in a row: a ']' right behind the one of an inner list ends it
+//
+// A ']' before either ends a list of no elements. An element is complete at ',' or ']', but handed out only when the
+// next one begins, so that several ',' in a row count as one; the ']' that ends the list hands out the last one.
 class ListParser {
  public:
   explicit ListParser(std::vector<std::string>* elements) : elements_(elements) {}
 
   void Take(char c) {
-    switch (phase_) {
-      case Phase::kBefore:
+    switch (state_) {
+      case State::kBefore:
         return TakeBefore(c);
-      case Phase::kInside:
+      case State::kInside:
         return TakeInside(c);
-      case Phase::kDone:
+      case State::kDone:
         return EmitPending();
     }
   }
 
-  bool Done() const { return phase_ == Phase::kDone; }
+  bool Done() const { return state_ == State::kDone; }
 
  private:
-  enum class Phase { kBefore, kInside, kDone };
+  enum class State {
+    kBefore,  // neither a value nor a second '[' has come
+    kInside,  // elements are collected
+    kDone,    // the ']' that ends the list has come
+  };
 
-  // The first '[' only arms; a second one opens the outer list of a nested value.
   void TakeBefore(char c) {
     if (c == '[') {
-      if (armed_) phase_ = Phase::kInside;
-      armed_ = true;
+      if (bracket_seen_) state_ = State::kInside;
+      bracket_seen_ = true;
     } else if (c == ']') {
-      phase_ = Phase::kDone;
+      state_ = State::kDone;
     } else {
       flat_ = true;
-      phase_ = Phase::kInside;
+      state_ = State::kInside;
       Append(c);
     }
   }
@@ -115,10 +93,10 @@ class ListParser {
   void TakeInside(char c) {
     if (c == ',') {
       pending_ = true;
-      closed_ = false;
+      inner_closed_ = false;
     } else if (c == '[') {
       if (token_.empty()) pending_ = false;
-      closed_ = false;
+      inner_closed_ = false;
     } else if (c == ']') {
       CloseBracket();
     } else {
@@ -129,21 +107,20 @@ class ListParser {
 
   void CloseBracket() {
     pending_ = true;
-    if (flat_ || closed_) {
+    if (flat_ || inner_closed_) {
       // Deliberate: the token is emitted but neither cleared nor unmarked, so that any character after the
       // final bracket emits the last element a second time.
-      phase_ = Phase::kDone;
+      state_ = State::kDone;
       if (!token_.empty()) elements_->push_back(token_);
     } else {
-      flat_ = false;
+      inner_closed_ = true;
     }
-    closed_ = true;
   }
 
   void Append(char c) {
     token_ += c;
     pending_ = false;
-    closed_ = false;
+    inner_closed_ = false;
   }
 
   void EmitPending() {
@@ -153,12 +130,12 @@ class ListParser {
   }
 
   std::vector<std::string>* elements_;
-  Phase phase_ = Phase::kBefore;
-  std::string token_;     // the element being collected
-  bool armed_ = false;    // a '[' has been seen before the list
-  bool pending_ = false;  // the token is complete; it is emitted before the next character is appended
-  bool flat_ = false;     // a value came before a second '[', so the list is not nested
-  bool closed_ = false;   // the last significant character closed an inner list
+  State state_ = State::kBefore;
+  std::string token_;          // the element that is collected
+  bool pending_ = false;       // the token is complete and not handed out yet
+  bool bracket_seen_ = false;  // a '[' has come before the list
+  bool flat_ = false;          // the list is not nested
+  bool inner_closed_ = false;  // the character before was the ']' of an inner list
 };
 
 }  // namespace

@@ -3,13 +3,15 @@
 
 #include <algorithm>
 #include <array>
+#include <span>
 
 #include "contract/attr_text.h"
 #include "contract/checks.h"
 #include "contract/positions.h"
+#include "contract/shape.h"
 #include "contract/sizes.h"
-#include "copy/strided_copy.h"
 #include "custom_ops/vek_common.h"
+#include "kernels/concat.h"
 
 namespace zeb_custom_ops {
 
@@ -17,6 +19,7 @@ using detail::AsInt;
 using detail::AsULongLong;
 using detail::Fits;
 using detail::LastPosition;
+using detail::Saturating;
 
 const std::string VekConcat::k_expected_attr_ = "axis";
 
@@ -119,45 +122,28 @@ namespace {
 template <typename T, typename ExtentOf>
 void Join(const std::vector<T*>& in, T* out, std::uint64_t outer, unsigned inner, std::uint64_t extent,
           ExtentOf extent_of) {
-  // The inputs are taken a few at a time and the outer positions in blocks, so that each description is asked
-  // once and the output's lines stay in the cache while all inputs of a group write to them.
-  constexpr std::size_t kGroup = 16;
-  constexpr std::uint64_t kBlockBytes = 16384;
-  const std::uint64_t row = extent * inner;
-  const bool fits = extent <= UINT32_MAX && Fits(LastPosition({{outer, row}, {row, 1}}));
-  const std::uint64_t block =
-      std::max<std::uint64_t>(1, kBlockBytes / std::max<std::uint64_t>(1, row * sizeof(T)));
+  // No position wraps.
+  const Saturating row = Saturating(extent) * inner;
+  const bool fits = Fits(LastPosition({{outer, row}, {row, 1}}));
 
-  unsigned group_offset = 0;
+  // The inputs are taken a few at a time, so that each description is asked once.
+  constexpr std::size_t kGroup = 16;
+  kernels::ConcatRows rows = {outer, static_cast<unsigned>(extent * inner), 0};
   for (std::size_t first = 0; first < in.size(); first += kGroup) {
     const std::size_t count = std::min(kGroup, in.size() - first);
-    std::array<unsigned, kGroup> slabs;
-    unsigned next_offset = group_offset;
+    std::array<kernels::Slab<T>, kGroup> group;
+    unsigned behind = rows.offset;
     for (std::size_t i = 0; i < count; ++i) {
-      slabs[i] = extent_of(first + i) * inner;
-      next_offset += slabs[i];
+      group[i] = {in[first + i], extent_of(first + i) * inner};
+      behind += group[i].count;
     }
-    for (std::uint64_t o = 0; o < outer; o += block) {
-      const std::uint64_t rows = std::min(block, outer - o);
-      unsigned offset = group_offset;
-      for (std::size_t i = 0; i < count; ++i) {
-        const unsigned slab = slabs[i];
-        const T* src = in[first + i];
-        if (fits) {
-          detail::StridedCopy(
-              out + (o * row + offset), src + o * slab,
-              {{rows, static_cast<std::ptrdiff_t>(slab), static_cast<std::ptrdiff_t>(row)}, {slab, 1, 1}});
-        } else {
-          // Positions wrap in 32 bits.
-          for (std::uint64_t r = o; r < o + rows; ++r) {
-            detail::CopyRun(out + static_cast<unsigned>(r * row + offset),
-                            src + static_cast<unsigned>(r * slab), slab);
-          }
-        }
-        offset += slab;
-      }
+    const std::span<const kernels::Slab<T>> slabs(group.data(), count);
+    if (fits) {
+      kernels::Concat(out, slabs, rows);
+    } else {
+      kernels::PlainConcat(out, slabs, rows);
     }
-    group_offset = next_offset;
+    rows.offset = behind;
   }
 }
 
@@ -169,10 +155,7 @@ bool VekConcat::concat(std::vector<T*> in, T* out, const BufAttrsList& in_attrs,
   const zeb::PuxDnnBufAttrs& first = *in_attrs[0];
   if (first.GetNumDims() == 5) return concat_5d<T>(std::move(in), out, in_attrs, axis);
 
-  const unsigned N = first.GetBatch();
-  const unsigned C = first.GetChannels();
-  const unsigned H = first.GetHeight();
-  const unsigned W = first.GetWidth();
+  const auto [N, C, H, W] = detail::Shape(first);
 
   // Sizes are compared with the neighbour's, the batch also with the first input's.
   unsigned C_before = C;

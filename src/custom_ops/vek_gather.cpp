@@ -1,4 +1,4 @@
-// Layer type "GATHER"; the kernel stands in ext_gather.cpp.
+// Layer type "GATHER"; the kernel is in ext_gather.cpp.
 #include "custom_ops/vek_gather.h"
 
 #include "contract/attr_text.h"

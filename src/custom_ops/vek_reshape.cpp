@@ -5,8 +5,10 @@
 #include "contract/checks.h"
 #include "contract/element.h"
 #include "contract/positions.h"
+#include "contract/shape.h"
 #include "contract/sizes.h"
-#include "copy/strided_copy.h"
+#include "copy/runs.h"
+#include "kernels/pixel_shuffle.h"
 
 namespace zeb_custom_ops {
 
@@ -18,8 +20,11 @@ const std::string VekReshape::k_expected_attr_ = "pixelshuffler";
 
 namespace {
 
-// r * r, by which the kernel divides, is formed in 32 bits.
-bool HasZeroSquare(int factor) { return static_cast<unsigned>(factor) * static_cast<unsigned>(factor) == 0; }
+// A factor that no shuffle has: one below 1, or one whose square, by which the kernel divides, is 0 in 32 bits.
+bool IsNoFactor(int factor) {
+  const unsigned r = static_cast<unsigned>(factor);
+  return factor < 1 || r * r == 0;
+}
 
 // Planar, with rows that end where their elements end.
 bool IsPacked(const zeb::PuxDnnBufAttrsMemFormat& format, const std::vector<unsigned>& dims,
@@ -53,8 +58,8 @@ bool VekReshape::Configure(const AttrMap& attrs, const BufAttrsList& inputs, con
   VEK_REQUIRE(out_count <= out.GetSize(), "Output buf size should be at least %d, but is %d",
               AsInt(out_count), AsInt(out.GetSize()));
 
-  VEK_REQUIRE(pixelshuffler_ > 0 && !HasZeroSquare(pixelshuffler_),
-              "pixelshuffler = %d, but should be at least 1", pixelshuffler_);
+  VEK_REQUIRE(!IsNoFactor(pixelshuffler_),
+              "pixelshuffler = %d, but should be at least 1 and no multiple of 65536", pixelshuffler_);
 
   in_attrs_ = in.Clone();
   out_attrs_ = out.Clone();
@@ -112,9 +117,9 @@ bool VekReshape::Execute(void** in_buffers, void** out_buffers) {
       bitdepth,
       [&](auto width) {
         using T = decltype(width);
-        // Only a factor that a refused Configure left behind has a square of 0 here.
+        // A refused Configure may have left such a factor behind; without items or channels nothing divides by it.
         VEK_REQUIRE(
-            !HasZeroSquare(pixelshuffler_) || in_attrs_->GetBatch() == 0 || in_attrs_->GetChannels() == 0,
+            !IsNoFactor(pixelshuffler_) || in_attrs_->GetBatch() == 0 || in_attrs_->GetChannels() == 0,
             "can't calculate Reshape");
         pixelshuffle(static_cast<T*>(out_buffers[0]), static_cast<T*>(in_buffers[0]), pixelshuffler_,
                      *in_attrs_);
@@ -125,39 +130,17 @@ bool VekReshape::Execute(void** in_buffers, void** out_buffers) {
 
 template <typename T>
 void pixelshuffle(T* out, T* in, int factor, const zeb::PuxDnnBufAttrs& in_attrs) {
-  const unsigned N = in_attrs.GetBatch();
-  const unsigned C = in_attrs.GetChannels();
-  const unsigned H = in_attrs.GetHeight();
-  const unsigned W = in_attrs.GetWidth();
+  const auto [N, C, H, W] = detail::Shape(in_attrs);
   const unsigned r = static_cast<unsigned>(factor);
   if (N == 0 || C == 0) return;
-  const unsigned C_out =
-      C / (r * r);  // NOLINT(clang-analyzer-core.DivideZero): Execute refuses such a factor
+  const kernels::PixelShuffleShape shape = {N, C, H, W, r};
 
   // Whole groups of r * r channels, and no position wraps.
+  // NOLINTNEXTLINE(clang-analyzer-core.DivideZero): Execute refuses a factor whose square is 0
   if (Fits(Saturating(r) * r) && C % (r * r) == 0 && Fits(Saturating(N) * C * H * W)) {
-    detail::StridedCopy(out, in,
-                        {
-                            {N * C_out, r * r * H * W, r * H * r * W},
-                            {H, W, r * r * W},
-                            {r, r * H * W, r * W},  // dy
-                            {r, H * W, 1},          // dx
-                            {W, 1, r},
-                        });
-    return;
-  }
-
-  unsigned src = 0;
-  for (unsigned n = 0; n < N; ++n) {
-    for (unsigned c = 0; c < C; ++c) {
-      const unsigned oc = c / (r * r);
-      const unsigned dy = c / r % r;
-      const unsigned dx = c % (r * r) % r;
-      for (unsigned h = 0; h < H; ++h) {
-        unsigned dst = dx + ((n * C_out + oc) * (r * H) + h * r + dy) * (r * W);
-        for (unsigned w = 0; w < W; ++w, dst += r) out[dst] = in[src++];
-      }
-    }
+    kernels::PixelShuffle(out, in, shape);
+  } else {
+    kernels::PlainPixelShuffle(out, in, shape);
   }
 }
 

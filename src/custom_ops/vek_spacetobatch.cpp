@@ -1,8 +1,6 @@
 // Layer type "SPACETOBATCH".
 #include "custom_ops/vek_spacetobatch.h"
 
-#include <algorithm>
-#include <cstdint>
 #include <vector>
 
 #include "contract/attr_text.h"
@@ -10,10 +8,10 @@
 #include "contract/element.h"
 #include "contract/fixed_point.h"
 #include "contract/positions.h"
+#include "contract/shape.h"
 #include "contract/sizes.h"
-#include "copy/blocks.h"
-#include "copy/strided_copy.h"
 #include "custom_ops/vek_common.h"
+#include "kernels/space_to_batch.h"
 
 namespace zeb_custom_ops {
 
@@ -21,6 +19,7 @@ using detail::AsInt;
 using detail::AsULongLong;
 using detail::Fits;
 using detail::Saturating;
+using detail::Shape;
 
 const std::string VekSpaceToBatch::k_expected_attr_block_shape_ = "block_shape";
 const std::string VekSpaceToBatch::k_expected_attr_paddings_ = "paddings";
@@ -132,104 +131,24 @@ bool VekSpaceToBatch::Execute(void** in_buffers, void** out_buffers) {
       });
 }
 
-namespace {
-
-// Fills what lies outside `rows` and `columns` of a plane of H x W elements: one run up to the first of them,
-// one from the end of each row to the start of the next, one behind the last.
-template <typename T>
-void FillFrame(T* plane, std::size_t H, std::size_t W, detail::Steps rows, detail::Steps columns, T value) {
-  if (rows.empty() || columns.empty()) return detail::FillRun(plane, value, H * W);
-  T* const end = plane + H * W;
-  T* gap = plane;
-  for (std::size_t h = rows.begin; h < rows.end; ++h) {
-    T* const row = plane + h * W;
-    detail::FillRun(gap, value, static_cast<std::size_t>(row + columns.begin - gap));
-    gap = row + columns.end;
-  }
-  detail::FillRun(gap, value, static_cast<std::size_t>(end - gap));
-}
-
-// The output of whole blocks.
-template <typename T>
-void WriteBlocks(const detail::BlockGrid& grid, const T* in, T* out, T padding) {
-  const bool padded = grid.top != 0 || grid.left != 0 || grid.H_phase * grid.block_height != grid.H ||
-                      grid.W_phase * grid.block_width != grid.W;
-  // Short rows are padded whole before the input comes over them: that takes less than a gap per row.
-  constexpr std::size_t kShortRowBytes = 64;
-  const bool short_rows = grid.W_phase * sizeof(T) < kShortRowBytes;
-
-  detail::ForPlanes(grid, sizeof(T), [&](std::size_t plane, std::size_t planes) {
-    const auto for_phases = [&](auto&& fill) {
-      for (std::size_t bh = 0; bh < grid.block_height; ++bh) {
-        for (std::size_t bw = 0; bw < grid.block_width; ++bw) {
-          fill(out + grid.PhaseOffset(bh, bw, plane), bh, bw);
-        }
-      }
-    };
-    const std::size_t plane_size = grid.H_phase * grid.W_phase;
-    if (padded && short_rows) {
-      for_phases(
-          [&](T* phase, std::size_t, std::size_t) { detail::FillRun(phase, padding, planes * plane_size); });
-    }
-    detail::ForEachPatch(
-        grid, plane, planes,
-        [&](std::size_t picture_offset, std::size_t phase_offset, std::span<const detail::Loop> axes) {
-          detail::StridedCopy(out + phase_offset, in + picture_offset, axes);
-        });
-    if (padded && !short_rows) {
-      for_phases([&](T* phase, std::size_t bh, std::size_t bw) {
-        for (std::size_t p = 0; p < planes; ++p) {
-          FillFrame(phase + p * plane_size, grid.H_phase, grid.W_phase, grid.Rows(bh), grid.Columns(bw),
-                    padding);
-        }
-      });
-    }
-  });
-}
-
-}  // namespace
-
 template <typename T>
 void VekSpaceToBatch::spacetobatch(const zeb::PuxDnnBufAttrs& in_attrs, const zeb::PuxDnnBufAttrs& out_attrs,
                                    T* in, T* out, unsigned block_height, unsigned block_width,
                                    unsigned pad_top, unsigned pad_left, unsigned zero_point) {
-  const unsigned N = in_attrs.GetBatch();
-  const unsigned C = in_attrs.GetChannels();
-  const unsigned H = in_attrs.GetHeight();
-  const unsigned W = in_attrs.GetWidth();
-  const unsigned N_out = out_attrs.GetBatch();
-  const unsigned C_out = out_attrs.GetChannels();
-  const unsigned H_out = out_attrs.GetHeight();
-  const unsigned W_out = out_attrs.GetWidth();
+  const auto [N, C, H, W] = Shape(in_attrs);
+  const auto [N_out, C_out, H_out, W_out] = Shape(out_attrs);
   if (N_out == 0 || C_out == 0 || H_out == 0 || W_out == 0 || N == 0 || block_width == 0) return;
+  const kernels::SpaceToBatchShape shape = {
+      N, C, H, W, N_out, C_out, H_out, W_out, block_height, block_width, pad_top, pad_left};
   const T padding = detail::FillValue<T>(zero_point, in_attrs.GetMemFormat().exp);
 
-  // The output's batch is all phases of the input's, and no position wraps.
-  const std::uint64_t H_end = std::uint64_t{H} + pad_top;
-  const std::uint64_t W_end = std::uint64_t{W} + pad_left;
-  if (Fits(Saturating(block_height) * block_width * N) && N_out == block_height * block_width * N &&
-      C_out == C && Fits(Saturating(N) * C * H * W) && Fits(Saturating(N_out) * C * H_out * W_out) &&
-      Fits(Saturating(H_end)) && Fits(Saturating(W_end))) {
-    const std::size_t planes = N * C;
-    WriteBlocks({planes, block_height, block_width, pad_top, pad_left, H, W, H_out, W_out}, in, out, padding);
-    return;
-  }
-
-  for (unsigned b = 0; b < N_out; ++b) {
-    const unsigned n = b % N;
-    const unsigned bh = b / N / block_width;
-    const unsigned bw = b / N % block_width;
-    for (unsigned h_out = 0; h_out < H_out; ++h_out) {
-      const unsigned h = bh + h_out * block_height;
-      for (unsigned w_out = 0; w_out < W_out; ++w_out) {
-        const unsigned w = bw + w_out * block_width;
-        const bool outside = h < pad_top || h >= H + pad_top || w < pad_left || w >= W + pad_left;
-        for (unsigned c = 0; c < C_out; ++c) {
-          out[((b * C_out + c) * H_out + h_out) * W_out + w_out] =
-              outside ? padding : in[((n * C + c) * H + (h - pad_top)) * W + (w - pad_left)];
-        }
-      }
-    }
+  // The output's batch is all sub-grids of the input's, and no position wraps.
+  if (Saturating(block_height) * block_width * N == N_out && C_out == C && Fits(Saturating(N) * C * H * W) &&
+      Fits(Saturating(N_out) * C * H_out * W_out) && Fits(Saturating(H) + pad_top) &&
+      Fits(Saturating(W) + pad_left)) {
+    kernels::SpaceToBatch(out, in, shape, padding);
+  } else {
+    kernels::PlainSpaceToBatch(out, in, shape, padding);
   }
 }
 

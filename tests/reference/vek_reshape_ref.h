@@ -60,14 +60,19 @@ struct ReshapeModel {
       return refuse(
           Text("Output buf size should be at least ", D(outs[0].Count()), ", but is ", D(outs[0].size)));
     }
-    const auto r = static_cast<std::uint32_t>(factor);
-    if (factor <= 0 || r * r == 0) {
-      return refuse(Text("pixelshuffler = ", factor, ", but should be at least 1"));
+    if (!HasQuotients()) {
+      return refuse(Text("pixelshuffler = ", factor, ", but should be at least 1 and no multiple of 65536"));
     }
     in = ins[0];
     out = outs[0];
     configured = true;
     return {};
+  }
+
+  // By the factor and by its square.
+  bool HasQuotients() const {
+    const auto r = static_cast<std::uint32_t>(factor);
+    return factor > 0 && r * r != 0;
   }
 
   static bool Packed(const Buf& buf) {
@@ -106,9 +111,9 @@ struct ReshapeModel {
     if (!Packed(in)) outcome.bitdepth = 32;
     if (!IsWholeBytes(outcome.bitdepth)) return outcome;
     const Nchw shape(in);
-    const auto r = static_cast<std::uint32_t>(factor);
-    if (r * r == 0 && shape.N != 0 && shape.C != 0) return refuse({"can't calculate Reshape"});
-    PixelShuffleMoves(outcome, r, shape);
+    if (shape.N == 0 || shape.C == 0) return outcome;
+    if (!HasQuotients()) return refuse({"can't calculate Reshape"});
+    PixelShuffleMoves(outcome, static_cast<std::uint32_t>(factor), shape);
     return outcome;
   }
 };

@@ -1,4 +1,4 @@
-// The walks against plain nested loops: every width, rank and kind of layout, with the data against unmapped
+// The strided copy against plain nested loops: every width, rank and kind of layout, with the data against unmapped
 // pages and every byte between the target's elements watched.
 #include "copy/strided_copy.h"
 
@@ -20,52 +20,52 @@ using vek_test::Guard;
 using vek_test::GuardedBuffer;
 using vek_test::Random;
 
-// The first and last element that one side of a walk touches.
+// The first and last element that one side of a copy touches.
 struct Range {
   std::ptrdiff_t first = 0;
   std::ptrdiff_t last = 0;
   std::size_t count() const { return static_cast<std::size_t>(last - first + 1); }
 };
 
-Range RangeOf(const std::vector<Loop>& axes, std::ptrdiff_t Loop::*step) {
+Range RangeOf(const std::vector<Loop>& loops, std::ptrdiff_t Loop::*step) {
   Range range;
-  for (const Loop& axis : axes) {
-    if (axis.extent == 0) continue;
-    const std::ptrdiff_t reach = (static_cast<std::ptrdiff_t>(axis.extent) - 1) * axis.*step;
+  for (const Loop& loop : loops) {
+    if (loop.extent == 0) continue;
+    const std::ptrdiff_t reach = (static_cast<std::ptrdiff_t>(loop.extent) - 1) * loop.*step;
     (reach < 0 ? range.first : range.last) += reach;
   }
   return range;
 }
 
-void PlainCopy(std::size_t width, std::uint8_t* dst, const std::uint8_t* src, const std::vector<Loop>& axes,
+void PlainCopy(std::size_t width, std::uint8_t* dst, const std::uint8_t* src, const std::vector<Loop>& loops,
                std::size_t depth = 0) {
-  if (depth == axes.size()) {
+  if (depth == loops.size()) {
     for (std::size_t i = 0; i < width; ++i) dst[i] = src[i];
     return;
   }
   const auto bytes = static_cast<std::ptrdiff_t>(width);
-  for (std::size_t i = 0; i < axes[depth].extent; ++i) {
+  for (std::size_t i = 0; i < loops[depth].extent; ++i) {
     const auto at = static_cast<std::ptrdiff_t>(i);
-    PlainCopy(width, dst + at * axes[depth].dst_step * bytes, src + at * axes[depth].src_step * bytes, axes,
-              depth + 1);
+    PlainCopy(width, dst + at * loops[depth].dst_step * bytes, src + at * loops[depth].src_step * bytes,
+              loops, depth + 1);
   }
 }
 
-std::string Text(std::size_t width, const std::vector<Loop>& axes) {
+std::string Text(std::size_t width, const std::vector<Loop>& loops) {
   std::string text = std::to_string(width) + " bytes:";
-  for (const Loop& axis : axes) {
-    text += " {" + std::to_string(axis.extent) + ", " + std::to_string(axis.src_step) + ", " +
-            std::to_string(axis.dst_step) + "}";
+  for (const Loop& loop : loops) {
+    text += " {" + std::to_string(loop.extent) + ", " + std::to_string(loop.src_step) + ", " +
+            std::to_string(loop.dst_step) + "}";
   }
   return text;
 }
 
-// Runs one walk with both buffers exactly as large as what it touches, or `slack` bytes larger (which also
+// Runs one strided copy with both buffers exactly as large as what it touches, or `slack` bytes larger (which also
 // misaligns them), and compares all bytes of the target.
 template <typename T>
-void Check(const std::vector<Loop>& axes, Guard guard, std::size_t slack, Random& random) {
-  const Range from = RangeOf(axes, &Loop::src_step);
-  const Range to = RangeOf(axes, &Loop::dst_step);
+void Check(const std::vector<Loop>& loops, Guard guard, std::size_t slack, Random& random) {
+  const Range from = RangeOf(loops, &Loop::src_step);
+  const Range to = RangeOf(loops, &Loop::dst_step);
   GuardedBuffer src(from.count() * sizeof(T) + slack, guard);
   GuardedBuffer dst(to.count() * sizeof(T) + slack, guard);
   src.FillRandom(random);
@@ -76,21 +76,21 @@ void Check(const std::vector<Loop>& axes, Guard guard, std::size_t slack, Random
   const std::ptrdiff_t dst_origin = -to.first * static_cast<std::ptrdiff_t>(sizeof(T));
   std::uint8_t* const src_data = src.as<std::uint8_t>() + shift + src_origin;
   std::uint8_t* const dst_data = dst.as<std::uint8_t>() + shift + dst_origin;
-  PlainCopy(sizeof(T), expected.data() + shift + dst_origin, src_data, axes);
+  PlainCopy(sizeof(T), expected.data() + shift + dst_origin, src_data, loops);
   detail::StridedCopy(reinterpret_cast<T*>(dst_data), reinterpret_cast<const T*>(src_data),
-                      std::span<const Loop>(axes));
-  ASSERT_EQ(dst.Get(), expected) << Text(sizeof(T), axes);
+                      std::span<const Loop>(loops));
+  ASSERT_EQ(dst.Get(), expected) << Text(sizeof(T), loops);
 }
 
-void CheckWidths(const std::vector<Loop>& axes, Random& random) {
+void CheckWidths(const std::vector<Loop>& loops, Random& random) {
   const Guard guard = random.OneIn(2) ? Guard::kBefore : Guard::kAfter;
   const std::size_t slack = random.OneIn(3) ? random.Between(1, 3) : 0;
-  ASSERT_NO_FATAL_FAILURE(Check<std::uint8_t>(axes, guard, slack, random));
-  ASSERT_NO_FATAL_FAILURE(Check<std::uint16_t>(axes, guard, slack, random));
-  ASSERT_NO_FATAL_FAILURE(Check<std::uint32_t>(axes, guard, slack, random));
+  ASSERT_NO_FATAL_FAILURE(Check<std::uint8_t>(loops, guard, slack, random));
+  ASSERT_NO_FATAL_FAILURE(Check<std::uint16_t>(loops, guard, slack, random));
+  ASSERT_NO_FATAL_FAILURE(Check<std::uint32_t>(loops, guard, slack, random));
 }
 
-// The steps of a tensor with the given order of axes (innermost last), rows that may be padded, and elements
+// The steps of a tensor with the given order of dims (innermost last), rows that may be padded, and elements
 // that may lie apart.
 std::vector<std::ptrdiff_t> Steps(const std::vector<std::size_t>& extents,
                                   const std::vector<std::size_t>& order, bool padded, std::ptrdiff_t unit,
@@ -186,13 +186,13 @@ TEST(StridedCopy, TakesEveryKthElement) {
   }
 }
 
-TEST(StridedCopy, CopiesOneElementWithoutAxes) {
+TEST(StridedCopy, CopiesOneElementWithoutLoops) {
   Random random(6);
   ASSERT_NO_FATAL_FAILURE(CheckWidths({}, random));
   ASSERT_NO_FATAL_FAILURE(CheckWidths({{1, 7, 9}, {1, 0, 0}}, random));
 }
 
-TEST(StridedCopy, TakesMoreThanSixAxes) {
+TEST(StridedCopy, TakesMoreThanSixLoops) {
   Random random(7);
   ASSERT_NO_FATAL_FAILURE(CheckWidths(
       {{2, 1, 192}, {2, 2, 96}, {2, 4, 48}, {2, 8, 24}, {3, 16, 8}, {2, 48, 4}, {2, 96, 2}, {2, 192, 1}},
@@ -216,14 +216,14 @@ TEST(StridedCopy, AgreesWithNestedLoopsOnRandomLayouts) {
     const std::ptrdiff_t dst_unit = random.OneIn(6) ? random.Between(2, 4) : 1;
     const auto src_steps = Steps(extents, RandomOrder(rank, random), padded, src_unit, random);
     const auto dst_steps = Steps(extents, RandomOrder(rank, random), padded, dst_unit, random);
-    std::vector<Loop> axes(rank);
+    std::vector<Loop> loops(rank);
     for (std::size_t i = 0; i < rank; ++i) {
-      axes[i] = {extents[i], src_steps[i], dst_steps[i]};
-      if (random.OneIn(12)) axes[i].src_step = 0;
-      if (random.OneIn(20)) axes[i].src_step = -axes[i].src_step;
-      if (random.OneIn(20)) axes[i].dst_step = -axes[i].dst_step;
+      loops[i] = {extents[i], src_steps[i], dst_steps[i]};
+      if (random.OneIn(12)) loops[i].src_step = 0;
+      if (random.OneIn(20)) loops[i].src_step = -loops[i].src_step;
+      if (random.OneIn(20)) loops[i].dst_step = -loops[i].dst_step;
     }
-    ASSERT_NO_FATAL_FAILURE(CheckWidths(axes, random));
+    ASSERT_NO_FATAL_FAILURE(CheckWidths(loops, random));
   });
 }
 

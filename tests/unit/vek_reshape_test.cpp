@@ -51,28 +51,29 @@ TEST(Reshape, RefusesInOrder) {
   const auto line = [](const std::string& text) { return Log{Error(kFile, text)}; };
   const auto set_attrs = [](const AttrMap& attrs) { return [=](auto& setup) { setup.attrs = attrs; }; };
   const auto set_size = [](unsigned size) { return [=](Buf& buf) { buf.size = size; }; };
-  CheckOrderOfRefusals("RESHAPE", Valid(),
-                       {
-                           {"no attribute", set_attrs({}), line("expected 1 attribute, but got 0"), "attrs"},
-                           {"two attributes", set_attrs({{"pixelshuffler", "2"}, {"more", "1"}}),
-                            line("expected 1 attribute, but got 2"), "attrs"},
-                           {"another key", set_attrs({{"factor", "2"}}),
-                            line("expected attribute: pixelshuffler, got: factor"), "attrs"},
-                           {"no input", [](auto& setup) { setup.in.clear(); },
-                            line("expected one input and one output, got: 0 inputs, 1 outputs"), "counts"},
-                           {"two outputs", [](auto& setup) { setup.out.push_back(setup.out[0]); },
-                            line("expected one input and one output, got: 1 inputs, 2 outputs"), "counts"},
-                           {"input with fewer bytes than elements", SpoilIn(set_size(479)),
-                            line("Input buf size should be at least 480, but is 479")},
-                           {"output with fewer bytes than elements", SpoilOut(set_size(479)),
-                            line("Output buf size should be at least 480, but is 479")},
-                           {"factor 0", set_attrs({{"pixelshuffler", "x"}}),
-                            line("pixelshuffler = 0, but should be at least 1"), "attrs"},
-                           {"factor -1", set_attrs({{"pixelshuffler", "-1"}}),
-                            line("pixelshuffler = -1, but should be at least 1"), "attrs"},
-                           {"factor whose square is 0 in 32 bits", set_attrs({{"pixelshuffler", "65536"}}),
-                            line("pixelshuffler = 65536, but should be at least 1"), "attrs"},
-                       });
+  CheckOrderOfRefusals(
+      "RESHAPE", Valid(),
+      {
+          {"no attribute", set_attrs({}), line("expected 1 attribute, but got 0"), "attrs"},
+          {"two attributes", set_attrs({{"pixelshuffler", "2"}, {"more", "1"}}),
+           line("expected 1 attribute, but got 2"), "attrs"},
+          {"another key", set_attrs({{"factor", "2"}}),
+           line("expected attribute: pixelshuffler, got: factor"), "attrs"},
+          {"no input", [](auto& setup) { setup.in.clear(); },
+           line("expected one input and one output, got: 0 inputs, 1 outputs"), "counts"},
+          {"two outputs", [](auto& setup) { setup.out.push_back(setup.out[0]); },
+           line("expected one input and one output, got: 1 inputs, 2 outputs"), "counts"},
+          {"input with fewer bytes than elements", SpoilIn(set_size(479)),
+           line("Input buf size should be at least 480, but is 479")},
+          {"output with fewer bytes than elements", SpoilOut(set_size(479)),
+           line("Output buf size should be at least 480, but is 479")},
+          {"factor 0", set_attrs({{"pixelshuffler", "x"}}),
+           line("pixelshuffler = 0, but should be at least 1 and no multiple of 65536"), "attrs"},
+          {"factor -1", set_attrs({{"pixelshuffler", "-1"}}),
+           line("pixelshuffler = -1, but should be at least 1 and no multiple of 65536"), "attrs"},
+          {"factor whose square is 0 in 32 bits", set_attrs({{"pixelshuffler", "65536"}}),
+           line("pixelshuffler = 65536, but should be at least 1 and no multiple of 65536"), "attrs"},
+      });
 }
 
 TEST(Reshape, BytesAreComparedWithElementsWhateverTheirWidth) {
@@ -180,31 +181,72 @@ TEST(Reshape, ARefusedConfigureLeavesItsFactorAlone) {
   EXPECT_TRUE(model.Execute().result);
 }
 
-TEST(Reshape, AFactorOfZeroIsOnlyRefusedWhereItIsDividedBy) {
-  Layer layer("RESHAPE");
-  for (std::size_t zero = 0; zero < 4; ++zero) {
-    Buf buf = Buf::Int(8, {1, 1, 1, 1});
-    buf.dims[zero] = 0;
-    buf.Pad(0, 0);
-    ASSERT_TRUE(layer.Configure({{"pixelshuffler", "2"}}, {buf}, {buf}));
-    EXPECT_FALSE(layer.Configure({{"pixelshuffler", "0"}}, {buf}, {buf}));
-    const bool divides = zero >= 2;
-    EXPECT_EQ(layer.Execute({nullptr}, {nullptr}), !divides);
-    EXPECT_EQ(layer.log, divides ? Log{Error(kFile, "can't calculate Reshape")} : Log{});
+// Factors that no shuffle has, by name, left behind by a Configure that was refused.
+constexpr const char* kNoFactors[] = {"0", "-1", "65536", "-65536"};
+
+TEST(Reshape, ARefusedFactorLeftBehindEndsExecute) {
+  Random random(3);
+  for (const std::string factor : kNoFactors) {
+    SCOPED_TRACE(factor);
+    // In the middle one no row is packed, so that the kernel takes words.
+    for (const Buf& buf : {Buf::Int(8, {2, 3, 4, 1}), Buf::Int(8, {2, 3, 4, 1}).Pad(1, 0),
+                           Buf::Int(16, {1, 4, 2, 2}), Buf::Float({1, 4, 2, 2})}) {
+      Layer layer("RESHAPE");
+      ASSERT_TRUE(layer.Configure({{"pixelshuffler", "2"}}, {buf}, {buf}));
+      EXPECT_FALSE(layer.Configure({{"pixelshuffler", factor}}, {buf}, {buf}));
+      EXPECT_EQ(layer.log, (Log{Error(kFile, "pixelshuffler = " + factor +
+                                                 ", but should be at least 1 and no multiple of 65536")}));
+      GuardedBuffer in(buf.size);
+      GuardedBuffer out(buf.size);
+      in.FillRandom(random);
+      out.FillRandom(random);
+      const std::vector<std::uint8_t> before = out.Get();
+      EXPECT_FALSE(layer.Execute({in.data()}, {out.data()}));
+      EXPECT_EQ(layer.log, (Log{Error(kFile, "can't calculate Reshape")}));
+      EXPECT_EQ(out.Get(), before);
+      // A factor that Configure takes mends it.
+      ASSERT_TRUE(layer.Configure({{"pixelshuffler", "1"}}, {buf}, {buf}));
+      EXPECT_TRUE(layer.Execute({in.data()}, {in.data()}));
+    }
   }
 }
 
-TEST(Reshape, ANegativeFactorLeftBehindIsTakenUnsigned) {
-  Random random(3);
+TEST(Reshape, ARefusedFactorIsOnlyRefusedWhereItIsDividedBy) {
+  for (const std::string factor : kNoFactors) {
+    SCOPED_TRACE(factor);
+    for (std::size_t zero = 0; zero < 4; ++zero) {
+      Buf buf = Buf::Int(8, {1, 1, 1, 1});
+      buf.dims[zero] = 0;
+      buf.Pad(0, 0);
+      Layer layer("RESHAPE");
+      ASSERT_TRUE(layer.Configure({{"pixelshuffler", "2"}}, {buf}, {buf}));
+      EXPECT_FALSE(layer.Configure({{"pixelshuffler", factor}}, {buf}, {buf}));
+      const bool divides = zero >= 2;
+      EXPECT_EQ(layer.Execute({nullptr}, {nullptr}), !divides);
+      EXPECT_EQ(layer.log, divides ? Log{Error(kFile, "can't calculate Reshape")} : Log{});
+    }
+    // A width that no kernel has is still left alone.
+    Buf buf = Buf::Int(12, {1, 4, 1, 2});
+    buf.line_stride = 3;
+    Layer layer("RESHAPE");
+    ASSERT_TRUE(layer.Configure({{"pixelshuffler", "2"}}, {buf}, {buf}));
+    EXPECT_FALSE(layer.Configure({{"pixelshuffler", factor}}, {buf}, {buf}));
+    EXPECT_TRUE(layer.Execute({nullptr}, {nullptr}));
+    EXPECT_EQ(layer.log, Log{});
+  }
+}
+
+TEST(Reshape, AFactorAbove65536IsTakenByItsSquareIn32Bits) {
+  // 65537 * 65537 is 131073 in 32 bits: all channels are in group 0, at dy = 0 and dx = c, and rows are 65537 wide.
+  const Buf buf = Buf::Int(8, {1, 3, 1, 1});
   Layer layer("RESHAPE");
-  ReshapeModel model;
-  const Buf column = Buf::Int(8, {2, 3, 4, 1});
-  ASSERT_TRUE(layer.Configure({{"pixelshuffler", "1"}}, {column}, {column}));
-  model.Configure({{"pixelshuffler", "1"}}, {column}, {column});
-  EXPECT_FALSE(layer.Configure({{"pixelshuffler", "-1"}}, {column}, {column}));
-  model.Configure({{"pixelshuffler", "-1"}}, {column}, {column});
-  EXPECT_TRUE(model.Execute().runs);
-  CheckExecute(layer.get(), model.Execute(), random);
+  ASSERT_TRUE(layer.Configure({{"pixelshuffler", "65537"}}, {buf}, {buf}));
+  EXPECT_EQ(layer.log, Log{});
+  GuardedBuffer in = Guarded(std::vector<std::uint8_t>{7, 8, 9});
+  GuardedBuffer out(3);
+  EXPECT_TRUE(layer.Execute({in.data()}, {out.data()}));
+  EXPECT_EQ(layer.log, Log{});
+  EXPECT_EQ(out.Get(), (std::vector<std::uint8_t>{7, 8, 9}));
 }
 
 TEST(Reshape, ChannelsThatAreNoMultipleOfTheBlockAreWalkedAllTheSame) {

@@ -1,0 +1,133 @@
+#include "kernels/gather.h"
+
+#include <algorithm>
+#include <cstddef>
+
+#include "copy/runs.h"
+
+namespace zeb_custom_ops::kernels {
+
+using Reason = GatherStop::Reason;
+
+// Positions are 64-bit: none within the capacity wraps.
+template <typename T>
+GatherStop PlainGather(T* out, const T* params, const std::uint32_t* indices, const GatherShape& shape) {
+  const std::uint64_t inner = shape.inner;
+  for (std::uint64_t o = 0; o < shape.outer; ++o) {
+    for (std::uint64_t j = 0; j < shape.count; ++j) {
+      const std::uint32_t index = indices[j];
+      if (index >= shape.extent) return {Reason::kIndex, index};
+      const std::uint64_t slice = o * shape.count + j;
+      // (slice + 1) * inner > capacity, without a product that wraps.
+      if (inner != 0 && slice >= shape.capacity / inner) return {Reason::kCapacity, 0};
+      const T* const src = params + (o * shape.extent + index) * inner;
+      for (std::uint64_t i = 0; i < inner; ++i) out[slice * inner + i] = src[i];
+    }
+  }
+  return {};
+}
+
+namespace {
+
+// Slices of `inner` elements, `count` of them for each outer position, gathered along an axis of `extent` slices.
+template <typename T>
+struct Slices {
+  const T* params;
+  const std::uint32_t* indices;
+  T* out;
+  std::uint64_t extent;
+  std::uint64_t inner;
+  std::uint64_t count;
+
+  // Copies the first `slices` slices in the order of the output.
+  void Copy(std::uint64_t slices) const {
+    const std::uint64_t whole = slices / count;
+    switch (inner * sizeof(T)) {
+      case 1:
+        return CopyWords<std::uint8_t>(whole, slices % count);
+      case 2:
+        return CopyWords<std::uint16_t>(whole, slices % count);
+      case 4:
+        return CopyWords<std::uint32_t>(whole, slices % count);
+      case 8:
+        return CopyWords<std::uint64_t>(whole, slices % count);
+      default:
+        for (std::uint64_t o = 0; o < whole; ++o) CopyOne(o, count);
+        return CopyOne(whole, slices % count);
+    }
+  }
+
+ private:
+  const std::byte* Source(std::uint64_t o) const {
+    return reinterpret_cast<const std::byte*>(params + o * extent * inner);
+  }
+  std::byte* Target(std::uint64_t o) const { return reinterpret_cast<std::byte*>(out + o * count * inner); }
+
+  void CopyOne(std::uint64_t o, std::uint64_t slices) const {
+    detail::GatherRows(Target(o), Source(o), indices, slices, inner * sizeof(T));
+  }
+
+  // Slices that fit a register: each index is read once for several outer positions.
+  template <typename W>
+  void CopyWords(std::uint64_t whole, std::uint64_t rest) const {
+    std::uint64_t o = 0;
+    for (; o + 8 <= whole; o += 8) CopyColumns<W, 8>(o, count);
+    for (; o < whole; ++o) CopyColumns<W, 1>(o, count);
+    CopyColumns<W, 1>(o, rest);
+  }
+  template <typename W, std::size_t rows>
+  void CopyColumns(std::uint64_t o, std::uint64_t slices) const {
+    const std::byte* from[rows];
+    std::byte* to[rows];
+    for (std::size_t i = 0; i < rows; ++i) {
+      from[i] = Source(o + i);
+      to[i] = Target(o + i);
+    }
+    for (std::size_t j = 0; j < slices; ++j) {
+      const std::size_t index = indices[j];
+      W word[rows];
+      for (std::size_t i = 0; i < rows; ++i) word[i] = detail::Load<W>(from[i] + index * sizeof(W));
+      for (std::size_t i = 0; i < rows; ++i) detail::Store(to[i] + j * sizeof(W), word[i]);
+    }
+  }
+};
+
+}  // namespace
+
+template <typename T>
+GatherStop Gather(T* out, const T* params, const std::uint32_t* indices, const GatherShape& shape) {
+  const auto [outer, extent, inner, count, capacity] = shape;
+  if (outer == 0 || count == 0) return {};
+
+  // Slices are numbered o * count + j and written in this order until one is refused. Every outer position uses the
+  // same indices, so a bad one stops the first position already, and looking once at those that can be reached tells
+  // where.
+  const std::uint64_t slices = std::uint64_t{outer} * count;
+  const std::uint64_t slices_fitting = inner == 0 ? slices : capacity / inner;
+  const std::uint32_t* end = indices + std::min<std::uint64_t>(count, slices_fitting + 1);
+  const std::uint32_t* bad =
+      std::find_if(indices, end, [limit = shape.extent](std::uint32_t index) { return index >= limit; });
+  const bool all_indices_good = bad == end;
+  const std::uint64_t slices_asked = all_indices_good ? slices : static_cast<std::uint64_t>(bad - indices);
+
+  if (inner != 0) {
+    const Slices<T> all = {params, indices, out, extent, inner, count};
+    all.Copy(std::min(slices_asked, slices_fitting));
+  }
+  if (slices_fitting < slices_asked) return {Reason::kCapacity, 0};
+  if (!all_indices_good) return {Reason::kIndex, *bad};
+  return {};
+}
+
+template GatherStop PlainGather<float>(float*, const float*, const std::uint32_t*, const GatherShape&);
+template GatherStop PlainGather<unsigned short>(unsigned short*, const unsigned short*, const std::uint32_t*,
+                                                const GatherShape&);
+template GatherStop PlainGather<unsigned char>(unsigned char*, const unsigned char*, const std::uint32_t*,
+                                               const GatherShape&);
+template GatherStop Gather<float>(float*, const float*, const std::uint32_t*, const GatherShape&);
+template GatherStop Gather<unsigned short>(unsigned short*, const unsigned short*, const std::uint32_t*,
+                                           const GatherShape&);
+template GatherStop Gather<unsigned char>(unsigned char*, const unsigned char*, const std::uint32_t*,
+                                          const GatherShape&);
+
+}  // namespace zeb_custom_ops::kernels
