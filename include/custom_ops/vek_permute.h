@@ -27,7 +27,8 @@ namespace zeb_custom_ops {
 /// - Buffers: one input, one output. They must not overlap, except where data goes through scratch. The
 ///   output's dims are not compared with the permutation.
 /// - Refused in `Configure`: another attribute, text that is no list, different bit depths, short buffers.
-///   Refused in `Execute`: other formats and layouts, an axis that the tensor does not have.
+///   Refused in `Execute`: other formats and layouts, an axis that the tensor does not have, a plane pack
+///   below 1 unless the tensor is empty.
 /// - Scratch: two buffers as large as the input's elements, allocated when `DirectAcessPermute` first runs
 ///   and kept for the life of the layer.
 class ZEB_EXPORT VekPermute : public zeb::PuxDnnCustomLayer {
@@ -69,13 +70,15 @@ class ZEB_EXPORT VekPermute : public zeb::PuxDnnCustomLayer {
   /// `short`, `char`.
   ///
   /// \param in         the input's shape and layout.
-  /// \param in_data    input data.
+  /// \param in_data    input data; may overlap the output, which is written when all of it has been read.
   /// \param in_bytes   bytes of `in_data`.
-  /// \param out        the output's shape and layout.
+  /// \param out        the output's shape and layout. A dense output gets as many elements as the input has,
+  ///                   whatever its own shape.
   /// \param out_data   output data.
   /// \param out_bytes  bytes of `out_data`.
   /// \return false, after an ERROR line, where scratch cannot be had or a step refuses, or where shapes that
-  /// do not fit together would lead a step outside the scratch; the output may then be partly written.
+  /// do not fit together would lead a step outside the scratch, as a padded or interleaved output of more
+  /// elements than the input does; the output may then be partly written.
   template <typename T>
   bool DirectAcessPermute(const zeb::PuxDnnBufAttrs& in, signed char* in_data, unsigned int in_bytes,
                           const zeb::PuxDnnBufAttrs& out, signed char* out_data, unsigned int out_bytes);

@@ -3,7 +3,7 @@
 
 #include <algorithm>
 #include <cmath>
-#include <limits>
+#include <cstdint>
 #include <new>
 
 #include "contract/attr_text.h"
@@ -14,6 +14,7 @@
 #include "copy/strided_copy.h"
 #include "custom_ops/vek_common.h"
 #include "custom_ops/vek_datastrideconv.h"
+#include "kernels/permute.h"
 
 namespace zeb_custom_ops {
 
@@ -21,6 +22,7 @@ using detail::AsInt;
 using detail::AsULongLong;
 using detail::AsUnsigned;
 using detail::Fits;
+using detail::LastPosition;
 using detail::Loop;
 using detail::Saturating;
 
@@ -40,25 +42,18 @@ std::vector<unsigned> CompletedOrder(const std::vector<unsigned>& axes, unsigned
   return order;
 }
 
-// Sizes are compared with 32-bit ones; past those, how large they are does not matter.
-constexpr std::uint64_t kTooMany = std::uint64_t{1} << 32;
-
-// The product of two numbers, or 2^32 where it is larger.
-constexpr std::uint64_t Capped(std::uint64_t a, std::uint64_t b) {
-  return b != 0 && a > kTooMany / b ? kTooMany : a * b;
-}
-
-std::uint64_t CappedElements(const std::vector<unsigned>& dims) {
-  std::uint64_t count = 1;
-  for (unsigned dim : dims) count = Capped(count, dim);
+Saturating Elements(const std::vector<unsigned>& dims) {
+  Saturating count = 1;
+  for (unsigned dim : dims) count = count * dim;
   return count;
 }
 
-// What the target's processor answers to a division by zero is 0.
-unsigned Quotient(unsigned dividend, unsigned divisor) { return divisor == 0 ? 0 : dividend / divisor; }
-
 bool IsOrder(const std::vector<unsigned>& order, std::initializer_list<unsigned> expected) {
   return std::equal(order.begin(), order.end(), expected.begin(), expected.end());
+}
+
+bool HasElements(const std::vector<unsigned>& dims) {
+  return std::find(dims.begin(), dims.end(), 0U) == dims.end();
 }
 
 }  // namespace
@@ -118,8 +113,8 @@ bool VekPermute::Execute(void** in_buffers, void** out_buffers) {
         [&](auto width) {
           using T = decltype(width);
           VEK_REQUIRE(in_rank == 4, "can't make %dD data channel-last, 4D expected", AsInt(in_rank));
-          VEK_REQUIRE(in_format.plane_pack >= 1, "input plane pack is %d, but should be at least 1",
-                      in_format.plane_pack);
+          VEK_REQUIRE(in_format.plane_pack >= 1 || !HasElements(in.GetDims()),
+                      "input plane pack is %d, but should be at least 1", in_format.plane_pack);
           UnpackToNhwc(in, static_cast<T*>(in_buffers[0]), static_cast<T*>(out_buffers[0]));
           return true;
         },
@@ -201,30 +196,18 @@ bool NamesOnlyDims(const std::vector<unsigned>& order, std::size_t rank) {
 }
 
 // The loops over the output, in its order. The products wrap at 32 bits.
-std::vector<Loop> OutputAxes(const std::vector<unsigned>& order, const std::vector<unsigned>& in_dims) {
+std::vector<Loop> OutputLoops(const std::vector<unsigned>& order, const std::vector<unsigned>& in_dims) {
   const std::size_t rank = in_dims.size();
   std::vector<unsigned> in_step(rank);
   unsigned step = 1;
   for (std::size_t d = rank; d-- > 0; step *= in_dims[d]) in_step[d] = step;
 
-  std::vector<Loop> axes(rank);
+  std::vector<Loop> loops(rank);
   step = 1;
   for (std::size_t i = rank; i-- > 0; step *= in_dims[order[i]]) {
-    axes[i] = {in_dims[order[i]], in_step[order[i]], step};
+    loops[i] = {in_dims[order[i]], in_step[order[i]], step};
   }
-  return axes;
-}
-
-// Where the element at output index `index` comes from; any index has a source, also one outside the dims.
-unsigned SourceOf(unsigned index, const std::vector<Loop>& axes) {
-  unsigned source = 0;
-  for (const Loop& axis : axes) {
-    const unsigned out_step = static_cast<unsigned>(axis.dst_step);
-    const unsigned coordinate = out_step == 0 ? 0 : index / out_step;
-    index -= coordinate * out_step;
-    source += coordinate * static_cast<unsigned>(axis.src_step);
-  }
-  return source;
+  return loops;
 }
 
 // Whether the entries name each dim once: then the loops visit every element of the tensor once.
@@ -239,9 +222,9 @@ bool IsPermutation(const std::vector<unsigned>& order, std::size_t rank) {
 
 // Whether every element of the output has its source inside an input of as many elements.
 bool StaysInside(const std::vector<unsigned>& order, const std::vector<unsigned>& in_dims, unsigned count) {
-  const std::vector<Loop> axes = OutputAxes(order, in_dims);
+  const std::vector<Loop> loops = OutputLoops(order, in_dims);
   for (unsigned o = 0; o < count; ++o) {
-    if (SourceOf(o, axes) >= count) return false;
+    if (kernels::SourceOf(o, loops) >= count) return false;
   }
   return true;
 }
@@ -258,37 +241,40 @@ bool VekPermute::Permute_v1(const zeb::PuxDnnBufAttrs& in, T* in_data, unsigned 
   const std::size_t rank = in_dims.size();
   const std::vector<unsigned> order = CompletedOrder(axes_, static_cast<unsigned>(rank));
   VEK_REQUIRE(NamesOnlyDims(order, rank), "axes name a dimension that %zuD input does not have", rank);
-  const std::vector<Loop> axes = OutputAxes(order, in_dims);
+  const std::vector<Loop> loops = OutputLoops(order, in_dims);
 
   unsigned done = 0;
-  const std::uint64_t count = CappedElements(in_dims);
+  const Saturating count = Elements(in_dims);
   if (IsPermutation(order, rank) && count <= out_count) {
-    detail::StridedCopy<T>(out_data, in_data, axes);
-    done = static_cast<unsigned>(count);
+    detail::StridedCopy<T>(out_data, in_data, loops);
+    done = AsUnsigned(count.value());
   }
   // Repeated axes, and what a buffer holds beyond its dims.
-  for (unsigned o = done; o < out_count; ++o) out_data[o] = in_data[SourceOf(o, axes)];
+  kernels::PlainPermute<T>(out_data, in_data, loops, done, out_count);
   return true;
 }
 
 namespace {
 
-// Bytes of a dense planar buffer that its conversion from or to the given format reaches, capped. These are the
-// elements, but for formats that contradict themselves or the other buffer's: a change of interleaving divides strides
-// by the format's bytes, moves floats of four, and counts the planes of a batch item in single precision.
-std::uint64_t BytesToConvert(const std::vector<unsigned>& dims, unsigned element_bytes,
-                             const zeb::PuxDnnBufAttrsMemFormat& format) {
-  const std::uint64_t bytes = Capped(CappedElements(dims), element_bytes);
+// Bytes of a dense planar buffer that its conversion from or to the given format reaches; none where the converter
+// refuses. These are the elements, but for formats that contradict themselves or the other buffer's: a change of
+// interleaving divides strides by the format's bytes, moves floats of four, and counts the planes of a batch item in
+// single precision.
+Saturating BytesToConvert(const std::vector<unsigned>& dims, unsigned element_bytes,
+                          const zeb::PuxDnnBufAttrsMemFormat& format) {
+  const Saturating bytes = Elements(dims) * element_bytes;
+  if (format.plane_pack == 1) return bytes;
   const bool is_convertible = format.float_ || format.bitdepth == 8 || format.bitdepth == 16;
-  if (format.plane_pack <= 1 || !is_convertible || bytes == 0 || bytes == kTooMany) return bytes;
+  if (!is_convertible || format.plane_pack < 1) return 0;
+  if (bytes == 0 || !Fits(bytes)) return bytes;
 
-  const unsigned format_bytes = format.bitdepth < 8 ? 0 : static_cast<unsigned>(format.bitdepth) / 8;
-  const std::uint64_t line = Quotient(dims[3] * element_bytes, format_bytes);
-  const std::uint64_t plane = Quotient(dims[2] * dims[3] * element_bytes, format_bytes);
-  const std::uint64_t item = plane * static_cast<std::uint64_t>(std::ceil(static_cast<float>(dims[1])));
-  const std::uint64_t last =
-      (dims[0] - 1U) * item + (dims[1] - 1U) * plane + (dims[2] - 1U) * line + (dims[3] - 1U);
-  return std::max(bytes, Capped(last + 1, format.float_ ? 4 : format_bytes));
+  const unsigned format_bytes = format.bitdepth < 8 ? 0 : AsUnsigned(format.bitdepth) / 8;
+  const unsigned line = kernels::Quotient(dims[3] * element_bytes, format_bytes);
+  const unsigned plane = kernels::Quotient(dims[2] * dims[3] * element_bytes, format_bytes);
+  const Saturating item =
+      Saturating(plane) * static_cast<std::uint64_t>(std::ceil(static_cast<float>(dims[1])));
+  const Saturating last = LastPosition({{dims[0], item}, {dims[1], plane}, {dims[2], line}, {dims[3], 1}});
+  return std::max(bytes, (last + 1) * (format.float_ ? 4 : format_bytes));
 }
 
 // Makes the description that of a dense planar buffer.
@@ -296,6 +282,13 @@ void DescribeDense(zeb::PuxDnnBufAttrs& attrs, const std::vector<unsigned>& dims
   attrs.SetLineStride(dims[3] * element_bytes);
   attrs.SetPlaneStride(dims[2] * attrs.GetLineStride());
   attrs.SetPlanePack(1);
+}
+
+// Whether two ranges have a byte in common.
+bool Overlap(const signed char* a, std::size_t a_bytes, const signed char* b, std::size_t b_bytes) {
+  const auto a_begin = reinterpret_cast<std::uintptr_t>(a);
+  const auto b_begin = reinterpret_cast<std::uintptr_t>(b);
+  return a_begin < b_begin + b_bytes && b_begin < a_begin + a_bytes;
 }
 
 // Whether a description and its dense one have the same layout, so that converting is copying.
@@ -328,8 +321,9 @@ bool VekPermute::DirectAcessPermute(const zeb::PuxDnnBufAttrs& in, signed char* 
 
   const std::unique_ptr<zeb::PuxDnnBufAttrs> dense_in = in.Clone();
   DescribeDense(*dense_in, in_dims, sizeof(T));
-  // Dense data needs no copy of its own.
-  const bool may_skip = bytes != 0 && in_data != out_data;
+  // Dense data needs no copy of its own, unless the output would overwrite what is still to be read.
+  const bool may_skip =
+      bytes != 0 && !Overlap(in_data, std::max(in_bytes, bytes), out_data, std::max(out_bytes, bytes));
   signed char* permute_from = aux_in_.get();
   if (may_skip && IsDense(in, *dense_in) && in_bytes >= bytes) {
     permute_from = in_data;
@@ -343,16 +337,18 @@ bool VekPermute::DirectAcessPermute(const zeb::PuxDnnBufAttrs& in, signed char* 
               "repeated axes lead outside the %d elements of the input", AsInt(count));
 
   const std::vector<unsigned> out_dims = out.GetDims();
-  const bool output_fits = BytesToConvert(out_dims, sizeof(T), out.GetMemFormat()) <= bytes;
   const std::unique_ptr<zeb::PuxDnnBufAttrs> dense_out = out.Clone();
   DescribeDense(*dense_out, out_dims, sizeof(T));
-  const bool is_last_step = may_skip && output_fits && IsDense(out, *dense_out);
+  // Deliberate: a dense output gets the bytes of the input's elements, however many it has of its own.
+  const bool is_dense_output = IsDense(out, *dense_out);
+  const bool is_last_step = may_skip && is_dense_output;
   signed char* permute_to = is_last_step ? out_data : aux_out_.get();
   if (!Permute_v1(*dense_in, reinterpret_cast<T*>(permute_from), count, reinterpret_cast<T*>(permute_to),
                   count)) {
     return false;
   }
-  VEK_REQUIRE(output_fits, "output needs more than the %d bytes of the auxiliary buffer", AsInt(bytes));
+  VEK_REQUIRE(is_dense_output || BytesToConvert(out_dims, sizeof(T), out.GetMemFormat()) <= bytes,
+              "output needs more than the %d bytes of the auxiliary buffer", AsInt(bytes));
   return is_last_step || convertStride(aux_out_.get(), bytes, *dense_out, out_data, out_bytes, out);
 }
 
@@ -362,63 +358,34 @@ constexpr std::uint64_t RoundUp(std::uint64_t value, unsigned step) {
   return step == 0 ? value : (value + step - 1) / step * step;
 }
 
-// Moves the channels of all pixels in groups of `pack`, the last of which may be partial. The extent of
-// `group` is left to this function.
-template <typename T>
-void WalkGroups(T* dst, T* src, const Loop& n, Loop group, const Loop& h, const Loop& w, unsigned C,
-                unsigned pack) {
-  group.extent = C / pack;
-  const auto whole = static_cast<std::ptrdiff_t>(group.extent);
-  detail::StridedCopy<T>(dst, src, {n, group, h, w, {pack, 1, 1}});
-  detail::StridedCopy<T>(dst + whole * group.dst_step, src + whole * group.src_step,
-                         {n, h, w, {C % pack, 1, 1}});
-}
+kernels::Extents FirstFour(const std::vector<unsigned>& dims) { return {dims[0], dims[1], dims[2], dims[3]}; }
 
 }  // namespace
 
 template <typename T>
 void VekPermute::UnpackToNhwc(const zeb::PuxDnnBufAttrs& in, T* in_data, T* out_data) {
-  const std::vector<unsigned> dims = in.GetDims();
-  const unsigned N = dims[0];
-  const unsigned C = dims[1];
-  const unsigned H = dims[2];
-  const unsigned W = dims[3];
-  if (H == 0 || W == 0) return;
-
+  const kernels::Extents extents = FirstFour(in.GetDims());
+  if (extents.empty()) return;
+  const auto [N, C, H, W] = extents;
   const zeb::PuxDnnBufAttrsMemFormat format = in.GetMemFormat();
-  const unsigned P = static_cast<unsigned>(format.plane_pack);
-  const unsigned element_bytes = format.bitdepth < 8 ? 0 : static_cast<unsigned>(format.bitdepth) / 8;
+  const unsigned P = AsUnsigned(format.plane_pack);
+  const unsigned element_bytes = format.bitdepth < 8 ? 0 : AsUnsigned(format.bitdepth) / 8;
   const unsigned line_stride = in.GetLineStride();
-  const unsigned line = Quotient(line_stride, element_bytes);
-  const unsigned plane_pad = Quotient(in.GetPlaneStride() - line_stride * H, element_bytes);
+  const unsigned line = kernels::Quotient(line_stride, element_bytes);
+  const unsigned plane_pad = kernels::Quotient(in.GetPlaneStride() - line_stride * H, element_bytes);
+  const kernels::ChannelPlanes planes{extents, P, line, plane_pad};
 
-  // Where planes begin at multiples of a line, so do all rows, and the source is a walk. It has at least as many
-  // elements as the target.
-  const std::uint64_t groups = (std::uint64_t{C} + P - 1) / P;
-  const std::uint64_t row = RoundUp(std::uint64_t{P} * W, line);
-  const std::uint64_t plane = Capped(row, H) + plane_pad;
-  if (Fits(Saturating(N) * groups * plane) && RoundUp(plane, line) == plane) {
-    const unsigned plane_step = AsUnsigned(plane);
-    WalkGroups(out_data, in_data, {N, AsUnsigned(groups * plane), C * H * W}, {0, plane_step, P},
-               {H, AsUnsigned(row), W * C}, {W, P, C}, C, P);
-    return;
+  // Where planes begin at multiples of a line, so do all rows: their steps are constant. The input has at least as
+  // many elements as the output.
+  const Saturating row = RoundUp(std::uint64_t{P} * W, line);
+  const Saturating plane = row * H + plane_pad;
+  const Saturating item = plane * planes.Groups();
+  if (!Fits(item * N) || RoundUp(plane.value(), line) != plane.value()) {
+    return kernels::PlainUnpackToNhwc<T>(out_data, in_data, planes);
   }
-
-  unsigned src = 0;
-  for (unsigned n = 0; n < N; ++n) {
-    for (std::uint64_t group = 0; group < groups; ++group) {
-      const unsigned c0 = static_cast<unsigned>(group) * P;
-      const unsigned run = std::min(P, C - c0);
-      for (unsigned h = 0; h < H; ++h) {
-        for (unsigned w = 0; w < W; ++w, src += P) {
-          detail::CopyRun(out_data + (n * C * H * W + (h * W + w) * C + c0), in_data + src, run);
-        }
-        // Deliberate: the position is rounded up to a multiple of the line, wherever the plane began.
-        if (line != 0 && src % line != 0) src += line - src % line;
-      }
-      src += plane_pad;
-    }
-  }
+  kernels::CopyChannelGroups<T>(out_data, in_data, kernels::MakeLoop(N, item.value(), C * H * W),
+                                kernels::MakeLoop(0, plane.value(), P),
+                                kernels::MakeLoop(H, row.value(), W * C), kernels::MakeLoop(W, P, C), C, P);
 }
 
 template <typename T>
@@ -428,66 +395,40 @@ bool VekPermute::PackToNchw(const zeb::PuxDnnBufAttrs& in, T* in_data, const zeb
   const std::vector<unsigned> dims = out.GetDims();
   const zeb::PuxDnnBufAttrsMemFormat format = out.GetMemFormat();
   const unsigned out_line_stride = out.GetLineStride();
-  VEK_REQUIRE(in_dims.size() >= 4 && dims.size() >= 4,
-              "can't make %zuD data channel-first %zuD data, 4D expected", in_dims.size(), dims.size());
+  // Deliberate: the input's fourth dim is not looked at.
+  VEK_REQUIRE(in_dims.size() >= 3 && dims.size() >= 4,
+              "can't make %zuD data channel-first %zuD data, expected at least 3D and 4D", in_dims.size(),
+              dims.size());
   VEK_REQUIRE(out_line_stride % sizeof(T) == 0, "Unsupported stride in PackToNchw().");
+  const kernels::Extents extents = FirstFour(dims);
+  if (extents.empty()) return true;
   VEK_REQUIRE(format.plane_pack >= 1, "output plane pack is %d, but should be at least 1", format.plane_pack);
 
-  const unsigned N = dims[0];
-  const unsigned C = dims[1];
-  const unsigned H = dims[2];
-  const unsigned W = dims[3];
-  if (C == 0 || H == 0 || W == 0) return true;
-  const unsigned P = static_cast<unsigned>(format.plane_pack);
-  const unsigned row = P * W;
-  const unsigned out_line = out_line_stride / static_cast<unsigned>(sizeof(T));
-  const unsigned out_plane = out.GetPlaneStride() / static_cast<unsigned>(sizeof(T));
-  const unsigned in_line = in.GetLineStride() / static_cast<unsigned>(sizeof(T));
-  const unsigned in_plane = in.GetPlaneStride() / static_cast<unsigned>(sizeof(T));  // one row of the picture
+  const auto [N, C, H, W] = extents;
+  const unsigned P = AsUnsigned(format.plane_pack);
+  const unsigned out_line = out_line_stride / AsUnsigned(sizeof(T));
+  const unsigned out_plane = out.GetPlaneStride() / AsUnsigned(sizeof(T));
+  const unsigned in_line = in.GetLineStride() / AsUnsigned(sizeof(T));
+  const unsigned in_plane = in.GetPlaneStride() / AsUnsigned(sizeof(T));  // one row of all channels
+  const kernels::ChannelPlanes planes{extents, P, out_line, out_plane - out_line * H};
+  const kernels::PixelRows pixels{in_dims[1], in_plane, in_plane - in_line * in_dims[2]};
 
-  // Where rows and planes of the output follow each other without overlap, and those of the input too, it is
-  // a walk. Deliberate: an output of one plane per item reads the input as `H` rows of `W` pixels, any other
-  // steps through the input's own shape.
-  const std::uint64_t groups = (std::uint64_t{C} + P - 1) / P;
-  const std::uint64_t in_pixels = std::uint64_t{in_line} * in_dims[2];
-  const std::uint64_t in_row = P < C ? in_plane : std::uint64_t{W} * C + in_plane - in_pixels;
-  const std::uint64_t in_item = P < C ? Capped(in_plane, in_dims[1]) : Capped(in_row, H);
-  if (std::uint64_t{P} * W <= out_line && Capped(out_line, H) <= out_plane &&
-      Fits(Saturating(N) * groups * out_plane) && (P < C || in_pixels <= in_plane) &&
-      Capped(N, in_item) + Capped(H, in_row) + Capped(W, C) < kTooMany) {
-    WalkGroups(out_data, in_data, {N, AsUnsigned(in_item), AsUnsigned(groups * out_plane)}, {0, P, out_plane},
-               {H, AsUnsigned(in_row), out_line}, {W, C, P}, C, P);
+  // Deliberate: an output of one plane per item reads the input as `H` rows of `W` pixels, any other steps through
+  // the input's own shape.
+  const Saturating in_row = P < C ? Saturating(in_plane) : Saturating(W) * C + pixels.row_pad;
+  const Saturating in_item = in_row * (P < C ? pixels.rows : H);
+  const Saturating plane = Saturating(out_line) * H + planes.plane_pad;
+  const Saturating item = plane * planes.Groups();
+  const bool rows_are_apart = Fits(Saturating(P) * W) && P * W <= out_line;
+  if (!rows_are_apart || !Fits(item * N) ||
+      !LastPosition({{N, in_item}, {H, in_row}, {W, C}, {C, 1}}).Fits()) {
+    kernels::PlainPackToNchw<T>(out_data, planes, in_data, pixels);
     return true;
   }
-
-  const unsigned plane_pad = out_plane - out_line * H;
-  unsigned dst = 0;
-  if (P < C) {
-    for (unsigned n = 0; n < N; ++n) {
-      for (std::uint64_t group = 0; group < groups; ++group, dst += plane_pad) {
-        const unsigned c0 = static_cast<unsigned>(group) * P;
-        const unsigned run = std::min(P, C - c0);
-        for (unsigned h = 0; h < H; ++h, dst += out_line - row) {
-          for (unsigned w = 0; w < W; ++w, dst += P) {
-            detail::CopyRun(out_data + dst, in_data + (n * in_plane * in_dims[1] + c0 + h * in_plane + w * C),
-                            run);
-          }
-        }
-      }
-    }
-    return true;
-  }
-
-  // Deliberate: a line too short for its row is followed by the rest of the row, counted in lines.
-  const unsigned line_pad =
-      out_line >= row ? out_line - row : out_line - (row - Quotient(row, out_line) * out_line);
-  const unsigned in_row_pad = in_plane - in_line * in_dims[2];
-  unsigned src = 0;
-  for (unsigned n = 0; n < N; ++n, dst += plane_pad) {
-    for (unsigned h = 0; h < H; ++h, src += in_row_pad, dst += line_pad) {
-      for (unsigned w = 0; w < W; ++w, src += C, dst += P) detail::CopyRun(out_data + dst, in_data + src, C);
-    }
-  }
+  kernels::CopyChannelGroups<T>(out_data, in_data, kernels::MakeLoop(N, in_item.value(), item.value()),
+                                kernels::MakeLoop(0, P, plane.value()),
+                                kernels::MakeLoop(H, in_row.value(), out_line), kernels::MakeLoop(W, C, P), C,
+                                P);
   return true;
 }
 

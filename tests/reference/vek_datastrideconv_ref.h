@@ -1,6 +1,7 @@
 // The converter between memory layouts by its formulas, one byte or element at a time.
 #pragma once
 
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <string>
@@ -82,6 +83,7 @@ inline void CopyRows(Bytes& src, const Buf& s, Bytes& dst, std::uint32_t dst_byt
 
   const bool widen = sls <= dls;
   const std::vector<unsigned>& dims = widen ? d.dims : s.dims;
+  if (dims[2] == 0) return;
   const std::int64_t pack = widen ? d.format.plane_pack : s.format.plane_pack;
   std::uint64_t from = 0;
   std::uint64_t to = 0;
@@ -121,7 +123,14 @@ inline void CopyDimension(std::size_t dim, const std::vector<unsigned>& dims, By
 // False where the lists are too short for the formula.
 inline bool CopyAnyRank(Bytes& src, const Buf& s, Bytes& dst, std::uint32_t dst_bytes, const Buf& d) {
   const std::size_t k = s.strides.size();
-  if (k == 0 || d.strides.size() < k || d.dims.empty()) return false;
+  if (d.dims.empty()) return false;
+  // The first dim without an extent ends the recursion.
+  for (std::size_t i = 0; i + 1 < d.dims.size() && i <= k; ++i) {
+    if (d.dims[i] != 0) continue;
+    dst.Zero(0, dst_bytes);
+    return true;
+  }
+  if (k == 0 || d.strides.size() < k) return false;
   if (s.dims.size() < k - 1 || d.dims.size() < k - 1 || d.dims.size() - 1 > k) return false;
   std::vector<unsigned> in_pads;
   std::vector<unsigned> out_pads;
@@ -150,7 +159,7 @@ struct InterleavedSide {
     line = eb == 0 ? 0 : b.line_stride / eb;
     plane = b.plane_stride == 0 ? line * b.dims[2] : eb == 0 ? 0 : b.plane_stride / eb;
     const float groups = std::ceil(static_cast<float>(b.dims[1]) / static_cast<float>(P));
-    batch = static_cast<std::uint32_t>(static_cast<std::uint64_t>(groups)) * plane;
+    batch = P == 0 ? 0 : static_cast<std::uint32_t>(static_cast<std::uint64_t>(groups)) * plane;
   }
 };
 
@@ -160,6 +169,7 @@ inline void ChangeInterleaving(std::uint32_t width, Bytes& src, const Buf& sourc
   const InterleavedSide d(target);
   dst.Zero(0, dst_bytes);
   const std::vector<unsigned>& dims = source.dims;
+  if (dims[2] == 0 || dims[3] == 0) return;
   for (std::uint32_t n = 0; n < dims[0]; ++n) {
     for (std::uint32_t c = 0; c < dims[1]; ++c) {
       std::uint32_t si = n * s.batch + (c % s.P) + (c / s.P) * s.plane;
@@ -183,13 +193,17 @@ inline std::string ConvertStride(Bytes& src, std::uint32_t src_bytes, const Buf&
   const Format& fi = s.format;
   const Format& fo = d.format;
   if (fi.float_ != fo.float_ || fi.bitdepth != fo.bitdepth) return " input and output tensor formats differ.";
-  if (fi.plane_pack < 1 || fo.plane_pack < 1) return kOwnText;
+  const bool are_packs = fi.plane_pack >= 1 && fo.plane_pack >= 1;
+  const auto has_none = [](const std::vector<unsigned>& dims, std::size_t count) {
+    return std::count(dims.begin(), dims.begin() + static_cast<std::ptrdiff_t>(count), 0U) != 0;
+  };
   if (fi.plane_pack == fo.plane_pack) {
     if (s.line_stride == d.line_stride && s.plane_stride == d.plane_stride) {
       CopyBytes(src, 0, dst, 0, src_bytes);
       return "";
     }
     if (s.dims.size() >= 3 && d.dims.size() == 4) {
+      if (!are_packs && !has_none(s.line_stride <= d.line_stride ? d.dims : s.dims, 3)) return kOwnText;
       CopyRows(src, s, dst, dst_bytes, d);
       return "";
     }
@@ -198,7 +212,8 @@ inline std::string ConvertStride(Bytes& src, std::uint32_t src_bytes, const Buf&
   if (!fi.float_ && fi.bitdepth != 8 && fi.bitdepth != 16) {
     return " unsupported input memory format. Fixed point bitdepth:  " + std::to_string(fi.bitdepth);
   }
-  if (s.dims.size() < 4 || d.dims.size() < 4) return kOwnText;
+  if (s.dims.size() < 4 || d.dims.size() < (d.plane_stride == 0 ? 3 : 2)) return kOwnText;
+  if (!are_packs && !has_none(s.dims, 4)) return kOwnText;
   const std::uint32_t width = fi.float_ ? 4 : static_cast<std::uint32_t>(fi.bitdepth) / 8;
   ChangeInterleaving(width, src, s, dst, dst_bytes, d);
   return "";

@@ -97,10 +97,13 @@ inline void Unpack(std::uint32_t width, const Buf& in, Bytes& src_data, Bytes& d
   }
 }
 
+inline bool IsEmpty(const Buf& b) { return std::count(b.dims.begin(), b.dims.end(), 0U) != 0; }
+
 inline std::string Pack(std::uint32_t width, const Buf& in, Bytes& src_data, const Buf& out,
                         Bytes& dst_data) {
-  if (in.dims.size() < 4 || out.dims.size() < 4) return kOwnText;
+  if (in.dims.size() < 3 || out.dims.size() < 4) return kOwnText;
   if (out.line_stride % width != 0) return "Unsupported stride in PackToNchw().";
+  if (IsEmpty(out)) return "";
   if (out.format.plane_pack < 1) return kOwnText;
   const std::uint32_t N = out.dims[0], C = out.dims[1], H = out.dims[2], W = out.dims[3];
   const auto P = static_cast<std::uint32_t>(out.format.plane_pack);
@@ -208,8 +211,16 @@ inline PermuteOutcome Direct(std::uint32_t width, const std::vector<unsigned>& a
   if (!error.empty()) return {error};
   if (aux_in.reach() > bytes) return {kOwnText};
 
-  Buf dense_out = DenseCopyOf(out, width);
-  if (out.Count() * width > bytes) return {kOwnText};
+  const Buf dense_out = DenseCopyOf(out, width);
+  const bool is_dense = out.format.plane_pack == 1 && out.line_stride == dense_out.line_stride &&
+                        out.plane_stride == dense_out.plane_stride;
+  if (!is_dense) {  // what the converter does not refuse has to fit the scratch
+    Bytes trial = dst;
+    Bytes permuted = aux_out;
+    error = ConvertStride(permuted, bytes, dense_out, trial, out.size, out);
+    if (!error.empty()) return {error, converter};
+    if (out.Count() * width > bytes) return {kOwnText};
+  }
   error = ConvertStride(aux_out, bytes, dense_out, dst, out.size, out);
   if (!error.empty()) return {error, converter};
   if (aux_out.reach() > bytes) return {kOwnText};
@@ -226,7 +237,9 @@ inline PermuteOutcome ExecutePermute(const std::vector<unsigned>& axes, const Bu
   };
   if (order == std::vector<unsigned>{0, 2, 3, 1} && !out.IsStrided() && out.format.plane_pack == 1) {
     if (width_of(bits) == 0) return {"UnpackToNhwc() - unhandled bitdepth!"};
-    if (in.dims.size() < 4 || in.format.plane_pack < 1) return {kOwnText};
+    if (in.dims.size() < 4) return {kOwnText};
+    if (IsEmpty(in)) return {};
+    if (in.format.plane_pack < 1) return {kOwnText};
     Unpack(width_of(bits), in, src, dst);
     return {};
   }

@@ -154,8 +154,9 @@ void ExpectRefused(const Buf& in, const Buf& out, const std::string& text) {
 }
 
 TEST(ConvertStride, RefusesInOrder) {
-  Buf in = Buf::Int(32, {1, 4, 2, 2});
-  Buf out = in;
+  Buf in = Buf::Int(32, {1, 4, 4});
+  Buf out = Buf::Int(32, {1});
+  in.format.plane_pack = -3;
   out.format.plane_pack = 0;
   out.format.float_ = true;
   ExpectRefused(in, out, " input and output tensor formats differ.");
@@ -163,17 +164,58 @@ TEST(ConvertStride, RefusesInOrder) {
   out.format.bitdepth = 16;
   ExpectRefused(in, out, " input and output tensor formats differ.");
   out.format.bitdepth = 32;
-  ExpectRefused(in, out, "plane packs are 1 and 0, but should be at least 1");
-  in.format.plane_pack = -3;
-  out.format.plane_pack = 1;
-  ExpectRefused(in, out, "plane packs are -3 and 1, but should be at least 1");
-  in.format.plane_pack = 4;
-  in.dims = {1, 4, 4};
   ExpectRefused(in, out, " unsupported input memory format. Fixed point bitdepth:  32");
   in.format.bitdepth = out.format.bitdepth = 16;
-  ExpectRefused(in, out, "can't change the interleaving of 3D to 4D data, both should be 4D");
-  std::swap(in.dims, out.dims);
-  ExpectRefused(in, out, "can't change the interleaving of 4D to 3D data, both should be 4D");
+  ExpectRefused(in, out, "can't change the interleaving of 3D to 1D data, expected at least 4D and 2D");
+  in.dims = {1, 4, 2, 2};
+  ExpectRefused(in, out, "can't change the interleaving of 4D to 1D data, expected at least 4D and 2D");
+  out.dims = {1, 4};
+  out.plane_stride = 0;
+  ExpectRefused(in, out, "can't change the interleaving of 4D to 2D data, expected at least 4D and 3D");
+  out.plane_stride = 8;
+  ExpectRefused(in, out, "plane packs are -3 and 0, but should be at least 1");
+  in.format.plane_pack = 1;
+  ExpectRefused(in, out, "plane packs are 1 and 0, but should be at least 1");
+}
+
+TEST(ConvertStride, OnlyKernelsThatDivideOrStepByAPlanePackRefuseOneBelow1) {
+  for (const int pack : {0, -3}) {
+    Buf in = Bytes4D({1, 2, 2, 2}, pack);
+    // The unchanged copy.
+    EXPECT_EQ(Convert(in, Ramp(8), in), Ramp(8));
+    // Rows: not where there are none.
+    Buf out = Bytes4D({1, 2, 2, 2}, pack, 1);
+    const std::string packs = std::to_string(pack) + " and " + std::to_string(pack);
+    ExpectRefused(in, out, "plane packs are " + packs + ", but should be at least 1");
+    for (std::size_t i = 0; i < 3; ++i) {
+      Buf empty = out;
+      empty.dims[i] = 0;
+      EXPECT_EQ(Convert(in, Ramp(8), empty), std::vector<signed char>(out.size, 0)) << "dim " << i;
+    }
+    // Any rank.
+    in = Buf::Int(8, {2, 3});
+    in.strides = {3, 3};
+    out = Buf::Int(8, {2, 3});
+    out.strides = {4, 4};
+    out.line_stride = 4;
+    out.size = 8;
+    in.format.plane_pack = out.format.plane_pack = pack;
+    EXPECT_EQ(Convert(in, Ramp(6), out), (std::vector<signed char>{1, 2, 3, 0, 4, 5, 6, 0}));
+    // A change of interleaving: not where nothing moves.
+    for (const bool is_source : {false, true}) {
+      in = Bytes4D({1, 2, 2, 2});
+      out = in;
+      (is_source ? in : out).format.plane_pack = pack;
+      ExpectRefused(in, out,
+                    "plane packs are " + std::to_string(in.format.plane_pack) + " and " +
+                        std::to_string(out.format.plane_pack) + ", but should be at least 1");
+      for (std::size_t i = 0; i < 4; ++i) {
+        Buf empty = in;
+        empty.dims[i] = 0;
+        EXPECT_EQ(Convert(empty, {}, out), std::vector<signed char>(out.size, 0)) << "dim " << i;
+      }
+    }
+  }
 }
 
 TEST(ConvertStride, AnyOtherBitDepthCannotChangeItsInterleaving) {
@@ -186,26 +228,47 @@ TEST(ConvertStride, AnyOtherBitDepthCannotChangeItsInterleaving) {
   }
 }
 
+Buf Strided(std::vector<unsigned> dims, std::vector<unsigned> strides, unsigned line) {
+  Buf buf = Buf::Int(8, std::move(dims));
+  buf.strides = std::move(strides);
+  buf.line_stride = line;
+  return buf;
+}
+
+void ExpectListsRefused(const Buf& in, const Buf& out) {
+  ExpectRefused(in, out,
+                "can't convert " + std::to_string(in.dims.size()) + " dims with " +
+                    std::to_string(in.strides.size()) + " strides to " + std::to_string(out.dims.size()) +
+                    " dims with " + std::to_string(out.strides.size()) + " strides");
+}
+
 TEST(ConvertStride, ListsThatAreTooShortAreRefused) {
-  const auto strided = [](std::vector<unsigned> dims, std::vector<unsigned> strides, unsigned line) {
-    Buf buf = Buf::Int(8, std::move(dims));
-    buf.strides = std::move(strides);
-    buf.line_stride = line;
-    return buf;
+  const Buf good = Strided({2, 2}, {2, 2}, 2);
+  ExpectListsRefused(Strided({2, 2}, {}, 3), good);
+  ExpectListsRefused(Strided({2, 2}, {4, 2, 2, 2}, 3), Strided({2, 2}, {4, 2, 2, 2}, 2));
+  ExpectListsRefused(Strided({2, 2, 2}, {4, 2, 2}, 3), good);
+  ExpectListsRefused(good, Strided({2, 2}, {2}, 3));
+  ExpectListsRefused(good, Strided({}, {2, 2}, 3));
+  ExpectListsRefused(good, Strided({2, 2, 2, 2}, {8, 4, 2, 2}, 3));
+}
+
+TEST(ConvertStride, ADimensionOfNoExtentEndsTheCopyBeforeItsListsAreNeeded) {
+  const Buf in = Strided({2, 2}, {2, 2}, 2);
+  const auto only_zeros = [&](const Buf& source, Buf target) {
+    target.size = 5;
+    EXPECT_EQ(Convert(source, Ramp(4), target), std::vector<signed char>(5, 0));
   };
-  const auto refused = [&](const Buf& in, const Buf& out) {
-    ExpectRefused(in, out,
-                  "can't convert " + std::to_string(in.dims.size()) + " dims with " +
-                      std::to_string(in.strides.size()) + " strides to " + std::to_string(out.dims.size()) +
-                      " dims with " + std::to_string(out.strides.size()) + " strides");
-  };
-  const Buf good = strided({2, 2}, {2, 2}, 2);
-  refused(strided({2, 2}, {}, 3), good);
-  refused(strided({2, 2}, {4, 2, 2, 2}, 3), strided({2, 2}, {4, 2, 2, 2}, 2));
-  refused(strided({2, 2, 2}, {4, 2, 2}, 3), good);
-  refused(good, strided({2, 2}, {2}, 3));
-  refused(good, strided({}, {2, 2}, 3));
-  refused(good, strided({2, 2, 2, 2}, {8, 4, 2, 2}, 3));
+  only_zeros(in, Strided({0, 2}, {}, 3));
+  only_zeros(in, Strided({0, 2}, {2}, 3));
+  only_zeros(Strided({2, 2}, {}, 2), Strided({0, 2}, {2, 2}, 3));
+  only_zeros(Strided({}, {2, 2, 2}, 2), Strided({0, 2}, {2, 2, 2}, 3));
+  only_zeros(in, Strided({0, 2, 2, 2, 2, 2}, {}, 3));
+  only_zeros(in, Strided({2, 0, 2, 2, 2}, {8, 4, 2, 2, 2}, 3));
+  only_zeros(in, Strided({2, 2, 0, 2, 2}, {8, 4, 2, 2, 2}, 3));
+  // The dims around it need theirs, and the innermost is a run of its stride whatever its extent.
+  ExpectListsRefused(in, Strided({2, 2, 2, 0, 2}, {8, 4, 2, 2, 2}, 3));
+  ExpectListsRefused(in, Strided({0}, {}, 3));
+  ExpectListsRefused(in, Strided({2, 0}, {2}, 3));
 }
 
 // --- convertStride: equal interleaving.
@@ -301,6 +364,16 @@ TEST(ConvertStride, SourcesOfThreeAndFiveDimsGoByTheirFirstThreeEntries) {
   EXPECT_EQ(Convert(in, Ramp(8), out), expected);
   in.dims = {1, 2, 2, 2, 9};
   EXPECT_EQ(Convert(in, Ramp(8), out), expected);
+}
+
+TEST(ConvertStride, RowsThatGetWiderAreCountedByTheTargetNarrowerOnesByTheSource) {
+  // One row by its own dims, two by the other side's.
+  Buf in = Bytes4D({1, 1, 2, 2});
+  in.dims[2] = 1;
+  EXPECT_EQ(Convert(in, Ramp(4), Bytes4D({1, 1, 2, 2}, 1, 1)), (std::vector<signed char>{1, 2, 0, 3, 4, 0}));
+  Buf out = Bytes4D({1, 1, 2, 2});
+  out.dims[2] = 1;
+  EXPECT_EQ(Convert(Bytes4D({1, 1, 2, 2}, 1, 1), Ramp(6), out), (std::vector<signed char>{1, 2, 4, 5}));
 }
 
 TEST(ConvertStride, ShorterTargetsThanTheLayoutAreFilledOnlyAsFarAsTheyGo) {
@@ -438,6 +511,34 @@ TEST(CopyDimension, OffsetsWrapAt32Bits) {
 TEST(ConvertStride, SixChannelsFillTwoPlanesOfFour) {
   const std::vector<signed char> got = Convert(Bytes4D({1, 6, 1, 2}), Ramp(12), Bytes4D({1, 6, 1, 2}, 4));
   EXPECT_EQ(got, (std::vector<signed char>{1, 3, 5, 7, 2, 4, 6, 8, 9, 11, 0, 0, 10, 12, 0, 0}));
+}
+
+TEST(ConvertStride, OfTheTargetsDimsOnlyThoseHaveToBeThereThatTheFormulaLooksAt) {
+  const Buf in = Bytes4D({1, 6, 2, 3}, 4);
+  std::vector<signed char> data(in.size, 99);
+  std::vector<signed char> dense(36);
+  for (std::size_t c = 0; c < 6; ++c) {
+    for (std::size_t at = 0; at < 6; ++at) {
+      dense[c * 6 + at] = static_cast<signed char>(c * 6 + at);
+      data[c / 4 * 24 + at * 4 + c % 4] = dense[c * 6 + at];
+    }
+  }
+  EXPECT_EQ(Convert(in, data, Buf::Int(8, {6, 2, 3})), dense);
+  // Through the layer.
+  Layer layer("DATA_STRIDE_CONV");
+  ASSERT_TRUE(layer.Configure({}, {in}, {Buf::Int(8, {6, 2, 3})}));
+  const GuardedBuffer source = Guarded(data);
+  const GuardedBuffer target(36);
+  EXPECT_TRUE(layer.Execute({source.data()}, {target.data()}));
+  EXPECT_EQ(target.Get<signed char>(), dense);
+
+  // Two dims do where there is a plane stride, and three where dims[2] lines make a plane.
+  Buf out = Bytes4D({1, 6, 2, 3});
+  out.dims = {9, 6};
+  EXPECT_EQ(Convert(in, data, out), dense);
+  out.dims = {9, 6, 2};
+  out.plane_stride = 0;
+  EXPECT_EQ(Convert(in, data, out), dense);
 }
 
 template <typename T>

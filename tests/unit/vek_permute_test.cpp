@@ -255,11 +255,46 @@ TEST(Permute, LayoutPathsNeedFourDims) {
             reference::kOwnText);
 }
 
+TEST(Permute, PackingDoesNotLookAtTheInputsFourthDim) {
+  Buf in = Buf::Int(8, {1, 3, 4, 2});
+  in.strided = false;
+  in.dims = {1, 3, 4};
+  EXPECT_EQ(RunSame({0, 3, 1, 2}, in, Buf::Int(8, {1, 2, 3, 4})).error, "");
+  in.dims = {1, 3};
+  EXPECT_EQ(RunSame({0, 3, 1, 2}, in, Buf::Int(8, {1, 2, 3, 4})).error, reference::kOwnText);
+  // By eye: two pixels of two channels.
+  in = Buf::Int(8, {1, 1, 2, 2});
+  in.strided = false;
+  in.dims = {1, 1, 2};
+  const GuardedBuffer source = Guarded<signed char>({1, 2, 3, 4});
+  const GuardedBuffer target(4);
+  Layer layer("PERMUTE");
+  ASSERT_TRUE(layer.Configure({{"axes", "[0,3,1,2]"}}, {in}, {Buf::Int(8, {1, 2, 1, 2})}));
+  EXPECT_TRUE(layer.Execute({source.data()}, {target.data()}));
+  EXPECT_EQ(target.Get<signed char>(), (std::vector<signed char>{1, 3, 2, 4}));
+}
+
 TEST(Permute, LayoutPathsNeedAPlanePack) {
   Buf bad = Buf::Int(8, {1, 2, 3, 4});
   bad.format.plane_pack = 0;
   EXPECT_EQ(RunSame({0, 2, 3, 1}, bad, Buf::Int(8, {1, 3, 4, 2})).error, reference::kOwnText);
   EXPECT_EQ(RunSame({0, 3, 1, 2}, Buf::Int(8, {1, 2, 3, 4}), bad).error, reference::kOwnText);
+}
+
+TEST(Permute, EmptyTensorsNeedNoPlanePack) {
+  for (const int pack : {0, -2}) {
+    for (std::size_t i = 0; i < 4; ++i) {
+      std::vector<unsigned> dims = {1, 2, 3, 4};
+      dims[i] = 0;
+      Buf bad = Buf::Int(8, dims);
+      bad.format.plane_pack = pack;
+      // Each path: to channel-last, to channel-first, and through the scratch in and out.
+      EXPECT_EQ(RunSame({0, 2, 3, 1}, bad, Buf::Int(8, Permuted(dims, {0, 2, 3, 1}))).error, "");
+      EXPECT_EQ(RunSame({0, 3, 1, 2}, Buf::Int(8, Permuted(dims, {0, 2, 3, 1})), bad).error, "");
+      EXPECT_EQ(RunSame({0, 1, 3, 2}, bad, Buf::Int(8, Permuted(dims, {0, 1, 3, 2}))).error, "");
+      EXPECT_EQ(RunSame({0, 1, 3, 2}, Buf::Int(8, Permuted(dims, {0, 1, 3, 2})), bad).error, "");
+    }
+  }
 }
 
 TEST(Permute, PackingRefusesLinesThatEndInsideAnElement) {
@@ -395,11 +430,33 @@ TEST(Permute, TheConverterSpeaksForItself) {
   }
 }
 
-TEST(Permute, AnOutputLargerThanTheScratchIsRefused) {
-  EXPECT_EQ(RunSame({0, 1, 3, 2}, Buf::Int(8, {1, 2, 3, 4}), Buf::Int(8, {1, 2, 4, 4})).error,
-            reference::kOwnText);
+TEST(Permute, ADenseOutputGetsTheBytesOfTheInputsElementsHoweverManyItHas) {
+  const Buf in = Buf::Int(8, {1, 2, 3, 4});
+  for (const std::vector<unsigned>& dims : {std::vector<unsigned>{1, 2, 4, 4}, {1, 9, 4, 3}, {1, 2, 4, 3}}) {
+    EXPECT_EQ(RunSame({0, 1, 3, 2}, in, Buf::Int(8, dims)).error, "");
+  }
+  // Also from an input that goes through the scratch, and of no elements.
+  EXPECT_EQ(RunSame({0, 1, 3, 2}, Buf::Int(8, {1, 2, 3, 4}).Pad(3, 0), Buf::Int(8, {1, 2, 4, 4})).error, "");
+  EXPECT_EQ(RunSame({0, 1, 3, 2}, Buf::Int(8, {1, 0, 3, 4}), Buf::Int(8, {1, 2, 4, 4})).error, "");
+  // By eye: the two elements of the input, and nothing behind them.
+  const GuardedBuffer source = Guarded<signed char>({1, 2});
+  GuardedBuffer target(4);
+  target.Fill(0x55);
+  Layer layer("PERMUTE");
+  ASSERT_TRUE(
+      layer.Configure({{"axes", "[0,1,3,2]"}}, {Buf::Int(8, {1, 1, 1, 2})}, {Buf::Int(8, {1, 1, 2, 2})}));
+  EXPECT_TRUE(layer.Execute({source.data()}, {target.data()}));
+  EXPECT_EQ(target.Get<signed char>(), (std::vector<signed char>{1, 2, 0x55, 0x55}));
+}
+
+TEST(Permute, APaddedOrInterleavedOutputLargerThanTheScratchIsRefused) {
   const Buf padded = Buf::Int(8, {1, 2, 4, 4}).Pad(3, 0);
   EXPECT_EQ(RunSame({0, 1, 3, 2}, Buf::Int(8, {1, 2, 3, 4}), padded).error, reference::kOwnText);
+  const Buf interleaved = Buf::Packed({1, 2, 4, 4}, Buf::Planar(8, false, 4));
+  EXPECT_EQ(RunSame({0, 1, 3, 2}, Buf::Int(8, {1, 2, 3, 4}), interleaved).error, reference::kOwnText);
+  // What the converter refuses needs no scratch.
+  Buf words = Buf::Packed({1, 2, 4, 4}, Buf::Planar(32, false, 4));
+  EXPECT_EQ(RunSame({0, 1, 3, 2}, Buf::Int(32, {1, 2, 3, 4}), words).file, kConverter);
 }
 
 TEST(Permute, ALargerInputBufferDoesNotOverrunTheScratch) {
@@ -463,6 +520,25 @@ TEST(Permute, DirectAccessRunsInPlaceThroughItsScratch) {
     std::vector<std::uint8_t> got = data.Get();
     got.resize(out.size);
     EXPECT_EQ(got, dst.Front(out.size));
+  }
+}
+
+TEST(Permute, DirectAccessReadsAnOverlappingInputBeforeItWrites) {
+  // Dense on both sides; the output begins inside the input, or ends there.
+  const Buf in = Buf::Int(8, {1, 2, 3, 4});
+  const Buf out = Buf::Int(8, {1, 2, 4, 3});
+  Bytes src(1);
+  Bytes dst(2);
+  EXPECT_EQ(reference::ExecutePermute({0, 1, 3, 2}, in, src, out, dst).error, "");
+  for (std::size_t in_at = 0; in_at <= 48; ++in_at) {
+    const GuardedBuffer data(72);
+    std::uint8_t* bytes = data.as<std::uint8_t>();
+    const std::vector<std::uint8_t> input = Bytes(1).Front(24);
+    std::copy(input.begin(), input.end(), bytes + in_at);
+    Layer layer("PERMUTE");
+    ASSERT_TRUE(layer.Configure({{"axes", "[0,1,3,2]"}}, {in}, {out}));
+    EXPECT_TRUE(layer.Execute({bytes + in_at}, {bytes + 24}));
+    EXPECT_EQ(std::vector<std::uint8_t>(bytes + 24, bytes + 48), dst.Front(24)) << "input at " << in_at;
   }
 }
 
