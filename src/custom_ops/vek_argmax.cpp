@@ -2,19 +2,17 @@
 #include "custom_ops/vek_argmax.h"
 
 #include <algorithm>
-#include <cmath>
-#include <cstddef>
-#include <cstring>
+#include <cstdint>
 #include <limits>
 #include <span>
-#include <utility>
 #include <vector>
 
 #include "contract/attr_text.h"
 #include "contract/checks.h"
 #include "contract/positions.h"
+#include "contract/shape.h"
 #include "contract/sizes.h"
-#include "simd/simd.h"
+#include "kernels/argmax.h"
 
 namespace zeb_custom_ops {
 
@@ -78,345 +76,61 @@ bool VekArgmax::Execute(void** in_buffers, void** out_buffers) {
                    static_cast<float*>(out_buffers[0]), out_count);
 }
 
-namespace {
-
-// A candidate of a search.
-struct Pair {
-  float value;
-  unsigned index;
-};
-
-// By value, then by index. A NaN neither exceeds a value nor is exceeded, so that there the index decides.
-bool Exceeds(const Pair& a, const Pair& b) {
-  return a.value > b.value || (!(b.value > a.value) && a.index > b.index);
-}
-
-// A heap whose root is exceeded by all others. It is written out here because with NaNs `Exceeds` is no order,
-// which the standard library's heaps require; the result is still defined, by these steps.
-
-// Fills the hole at `hole` of the heap with `pair`: the hole sinks to the bottom along the least children, then
-// the pair rises to its place.
-void Sift(std::span<Pair> heap, std::size_t hole, Pair pair) {
-  const std::size_t top = hole;
-  for (std::size_t child = 2 * hole + 1; child < heap.size(); child = 2 * hole + 1) {
-    if (child + 1 < heap.size() && !Exceeds(heap[child + 1], heap[child])) ++child;
-    heap[hole] = heap[child];
-    hole = child;
-  }
-  while (hole > top) {
-    const std::size_t parent = (hole - 1) / 2;
-    if (!Exceeds(heap[parent], pair)) break;
-    heap[hole] = heap[parent];
-    hole = parent;
-  }
-  heap[hole] = pair;
-}
-
-void MakeHeap(std::span<Pair> heap) {
-  for (std::size_t i = heap.size() / 2; i-- > 0;) Sift(heap, i, heap[i]);
-}
-
-// Turns the heap into a list in descending order.
-void SortHeap(std::span<Pair> heap) {
-  for (std::size_t last = heap.size(); last-- > 1;) {
-    const Pair pair = heap[last];
-    heap[last] = heap[0];
-    Sift(heap.first(last), 0, pair);
-  }
-}
-
-// The first candidates become the heap; each later one that exceeds the root takes its place. `Scan` calls back
-// for every later candidate that may.
-template <typename ValueAt, typename Scan>
-void SelectTop(std::span<Pair> list, const ValueAt& value_at, const Scan& scan) {
-  for (std::size_t k = 0; k < list.size(); ++k) list[k] = {value_at(k), static_cast<unsigned>(k)};
-  MakeHeap(list);
-  scan([&](std::size_t k) {
-    const Pair pair = {value_at(k), static_cast<unsigned>(k)};
-    if (Exceeds(pair, list[0])) Sift(list, 0, pair);
-  });
-  SortHeap(list);
-}
-
-// What is written of each result.
-struct Writer {
-  float* out;
-  bool indices;
-  bool values;
-
-  void Write(Pair pair) {
-    if (indices) *out++ = static_cast<float>(pair.index);
-    if (values) *out++ = pair.value;
-  }
-};
-
-// The searches, in the order of their results: `runs` times `columns` of them.
-struct Searches {
-  unsigned len;       // values of one search
-  unsigned step;      // elements between them
-  unsigned runs;      //
-  unsigned run_step;  // elements from the start of a run to the next
-  unsigned columns;   // searches of a run, which start at neighbouring elements
-};
-
-// --- One search, element by element. Positions wrap at 32 bits.
-
-Pair FindLargest(const float* in, unsigned base, const Searches& s) {
-  Pair best = {in[base], 0};
-  for (unsigned k = 0; k < s.len; ++k) {
-    const float value = in[base + k * s.step];
-    if (best.value <= value) best = {value, k};
-  }
-  return best;
-}
-
-void SelectTop(const float* in, unsigned base, const Searches& s, std::span<Pair> list) {
-  SelectTop(
-      list, [&](std::size_t k) { return in[base + static_cast<unsigned>(k) * s.step]; },
-      [&](const auto& offer) {
-        for (std::size_t k = list.size(); k < s.len; ++k) offer(k);
-      });
-}
-
-void SearchEach(const float* in, const Searches& s, unsigned top_k, std::span<Pair> list, Writer& writer) {
-  for (unsigned run = 0; run < s.runs; ++run) {
-    for (unsigned column = 0; column < s.columns; ++column) {
-      const unsigned base = run * s.run_step + column;
-      if (top_k == 1) {
-        writer.Write(FindLargest(in, base, s));
-      } else {
-        SelectTop(in, base, s, list);
-        for (const Pair& pair : list) writer.Write(pair);
-      }
-    }
-  }
-}
-
-// --- The same in vectors. All positions lie inside the data and below 2^31.
-
-using detail::Floats;
-using detail::Ints;
-constexpr std::size_t kWidth = detail::kFloatLanes;
-
-// The largest value of `len` neighbours: blocks that hold nothing larger are passed over, the last one that does
-// is searched. Equal values go to the later block, so that the highest index is found.
-Pair FindLargestInRow(const float* row, std::size_t len) {
-  constexpr std::size_t kBlock = 16 * kWidth;
-  if (len < kBlock || std::isnan(row[0]))
-    return FindLargest(row, 0, {static_cast<unsigned>(len), 1, 1, 0, 1});
-  const Floats least = detail::Splat(-std::numeric_limits<float>::infinity());
-  float largest = least[0];
-  std::size_t where = 0;
-  for (std::size_t start = 0; start < len; start += kBlock) {
-    const std::size_t block = std::min(start, len - kBlock);  // the last one may overlap its neighbour
-    Floats max[4] = {least, least, least, least};
-    for (std::size_t i = 0; i < 16; ++i)
-      max[i % 4] = detail::Max(detail::Load<Floats>(row + block + i * kWidth), max[i % 4]);
-    float found = detail::MaxLane(detail::Max(detail::Max(max[0], max[1]), detail::Max(max[2], max[3])));
-    if (std::isnan(found)) {
-      found = least[0];
-      for (std::size_t i = 0; i < kBlock; ++i) found = row[block + i] > found ? row[block + i] : found;
-    }
-    if (found >= largest) {
-      largest = found;
-      where = block;
-    }
-  }
-  std::size_t k = where + kBlock - 1;
-  while (row[k] != largest) --k;
-  return {row[k], static_cast<unsigned>(k)};
-}
-
-// The largest values of `vectors` vectors of searches that start side by side.
-template <std::size_t vectors>
-void FindLargestSideBySide(const float* in, const Searches& s, Floats (&value)[vectors],
-                           Ints (&index)[vectors]) {
-  for (std::size_t v = 0; v < vectors; ++v) {
-    value[v] = detail::Load<Floats>(in + v * kWidth);
-    index[v] = Ints{};
-  }
-  Ints k = {};
-  for (unsigned i = 1; i < s.len; ++i) {
-    in += s.step;
-    k += 1;
-    for (std::size_t v = 0; v < vectors; ++v) {
-      const Floats next = detail::Load<Floats>(in + v * kWidth);
-      const Ints takes = value[v] <= next;
-      value[v] = takes ? next : value[v];
-      index[v] = takes ? k : index[v];
-    }
-  }
-}
-
-template <std::size_t vectors>
-void FindLargestColumns(const float* in, const Searches& s, float* out, bool indices) {
-  Floats value[vectors];
-  Ints index[vectors];
-  FindLargestSideBySide(in, s, value, index);
-  for (std::size_t v = 0; v < vectors; ++v) {
-    detail::Store(out + v * kWidth, indices ? __builtin_convertvector(index[v], Floats) : value[v]);
-  }
-}
-
-void FindLargestInVectors(const float* in, const Searches& s, Writer& writer) {
-  for (std::size_t run = 0; run < s.runs; ++run, in += s.run_step) {
-    std::size_t i = 0;
-    if (s.step == 1) {
-      for (; i < s.columns; ++i) writer.Write(FindLargestInRow(in + i, s.len));
-      continue;
-    }
-    for (; i + 4 * kWidth <= s.columns; i += 4 * kWidth) {
-      FindLargestColumns<4>(in + i, s, writer.out + i, writer.indices);
-    }
-    for (; i + kWidth <= s.columns; i += kWidth) {
-      FindLargestColumns<1>(in + i, s, writer.out + i, writer.indices);
-    }
-    if (i < s.columns && s.columns >= kWidth) {  // the last vector overlaps its neighbour
-      i = s.columns - kWidth;
-      FindLargestColumns<1>(in + i, s, writer.out + i, writer.indices);
-      i = s.columns;
-    }
-    writer.out += i;
-    for (; i < s.columns; ++i) writer.Write(FindLargest(in, static_cast<unsigned>(i), s));
-  }
-}
-
-// One search over neighbours. A value below the root's does not exceed it, whatever its index; four vectors of
-// such values are passed over at a time.
-void SelectTopInRow(const float* row, std::size_t len, std::span<Pair> list) {
-  SelectTop(
-      list, [&](std::size_t k) { return row[k]; },
-      [&](const auto& offer) {
-        std::size_t k = list.size();
-        for (; k + 4 * kWidth <= len; k += 4 * kWidth) {
-          const Floats root = detail::Splat(list[0].value);
-          Ints below = detail::Load<Floats>(row + k) < root;
-          for (std::size_t v = 1; v < 4; ++v) below &= detail::Load<Floats>(row + k + v * kWidth) < root;
-          if (detail::AllLanes(below)) continue;
-          for (std::size_t i = 0; i < 4 * kWidth; ++i) offer(k + i);
-        }
-        for (; k < len; ++k) offer(k);
-      });
-}
-
-// A vector of searches that start side by side; `lists` holds `ranks` pairs for each.
-void SelectTopSideBySide(const float* in, const Searches& s, std::span<Pair> lists, std::size_t ranks) {
-  Floats root = {};
-  for (std::size_t lane = 0; lane < kWidth; ++lane) {
-    const std::span<Pair> list = lists.subspan(lane * ranks, ranks);
-    for (std::size_t k = 0; k < ranks; ++k) list[k] = {in[lane + k * s.step], static_cast<unsigned>(k)};
-    MakeHeap(list);
-    root[lane] = list[0].value;
-  }
-  for (std::size_t k = ranks; k < s.len; ++k) {
-    const Floats next = detail::Load<Floats>(in + k * s.step);
-    if (detail::AllLanes(next < root)) continue;
-    for (std::size_t lane = 0; lane < kWidth; ++lane) {
-      const std::span<Pair> list = lists.subspan(lane * ranks, ranks);
-      const Pair pair = {next[lane], static_cast<unsigned>(k)};
-      if (!Exceeds(pair, list[0])) continue;
-      Sift(list, 0, pair);
-      root[lane] = list[0].value;
-    }
-  }
-  for (std::size_t lane = 0; lane < kWidth; ++lane) SortHeap(lists.subspan(lane * ranks, ranks));
-}
-
-// `lists` holds `ranks` pairs for each lane of a vector.
-void SelectTopInVectors(const float* in, const Searches& s, std::span<Pair> lists, std::size_t ranks,
-                        Writer& writer) {
-  const auto write = [&](std::span<const Pair> pairs) {
-    for (const Pair& pair : pairs) writer.Write(pair);
-  };
-  const std::span<Pair> list = lists.first(ranks);
-  for (std::size_t run = 0; run < s.runs; ++run, in += s.run_step) {
-    std::size_t i = 0;
-    for (; s.step != 1 && i + kWidth <= s.columns; i += kWidth) {
-      SelectTopSideBySide(in + i, s, lists, ranks);
-      write(lists);
-    }
-    for (; i < s.columns; ++i) {
-      if (s.step == 1) {
-        SelectTopInRow(in + i, s.len, list);
-      } else {
-        SelectTop(in, static_cast<unsigned>(i), s, list);
-      }
-      write(list);
-    }
-  }
-}
-
-// Lists up to this many pairs stay on the stack.
-constexpr std::size_t kPairsOnStack = 512;
-
-}  // namespace
-
 bool VekArgmax::Argmax_v1(const zeb::PuxDnnBufAttrs& in, float* in_data, unsigned int in_count,
                           float* out_data, unsigned int out_count) {
   VEK_REQUIRE(in_data != nullptr && out_data != nullptr, "Argmax_v1 input or output buffer is null.");
 
-  const unsigned N = in.GetBatch();
-  const unsigned C = in.GetChannels();
-  const unsigned H = in.GetHeight();
-  const unsigned W = in.GetWidth();
-
-  Searches s = {};
-  unsigned outer = N;  // how often all searches are repeated
+  const auto [N, C, H, W] = detail::Shape(in);
+  kernels::Searches s{};
+  unsigned outer = N;  // how often all results are written
   if (!has_axis_) {
-    s = {.len = C * H * W, .step = 1, .runs = N, .run_step = C * H * W, .columns = 1};
+    s = {.len = C * H * W, .step = 1, .columns = 1, .slices = N};
   } else {
     switch (axis_) {
       case 0:
-        s = {.len = N, .step = C * H * W, .runs = 1, .run_step = 0, .columns = C * H * W};
+        s = {.len = N, .step = C * H * W, .columns = C * H * W, .slices = C * H * W};
         outer = 1;
         break;
       // Deliberate: for the axes C, H and W the searches span the batch already, and are repeated N times.
       case 1:
-        s = {.len = C, .step = H * W, .runs = 1, .run_step = 0, .columns = N * H * W};
+        s = {.len = C, .step = H * W, .columns = N * H * W, .slices = N * H * W};
         break;
       case 2:
-        s = {.len = H, .step = W, .runs = N * C, .run_step = H * W, .columns = W};
+        s = {.len = H, .step = W, .columns = W, .slices = N * C * W};
         break;
       case 3:
-        s = {.len = W, .step = 1, .runs = N * C * H, .run_step = W, .columns = 1};
+        s = {.len = W, .step = 1, .columns = 1, .slices = N * C * H};
         break;
       default:
         VEK_REQUIRE(false, "Argmax_v1 wrong argmax axis parameter.");
     }
   }
-  const unsigned slices = s.runs * s.columns;
   const bool both = !has_axis_ && out_max_val_;
-  const unsigned needed = slices * outer * top_k_ * (both ? 2 : 1);
+  const unsigned needed = s.slices * outer * top_k_ * (both ? 2 : 1);
   VEK_REQUIRE(out_count >= needed,
               "Argmax_v1 output buffer too small, expected: %d, received space for: %d  elements.",
               AsInt(needed), AsInt(out_count));
   VEK_REQUIRE(in_count >= N * C * H * W, "Argmax_v1 input buffer too small.");
-  // A search ranks no more values than it has.
-  const unsigned ranks = std::min(top_k_, s.len);
-  if (outer == 0 || slices == 0 || ranks == 0) return true;
+  // A search finds no more values than it has. Deliberate: a search of one value finds 0 at index 0 where it has none.
+  const unsigned ranks = top_k_ == 1 ? 1 : std::min(top_k_, s.len);
+  if (outer == 0 || s.slices == 0 || ranks == 0) return true;
 
-  Writer writer = {.out = out_data, .indices = !out_max_val_ || both, .values = out_max_val_};
-  if (Fits(Saturating(N) * C * H * W) && Fits(Saturating(slices) * outer * top_k_ * 2) &&
-      s.len <= std::numeric_limits<std::int32_t>::max()) {
-    if (top_k_ == 1) {
-      FindLargestInVectors(in_data, s, writer);
-    } else {
-      Pair on_stack[kPairsOnStack];
-      std::vector<Pair> on_heap;
-      std::span<Pair> lists = on_stack;
-      if (ranks * kWidth > kPairsOnStack) {
-        on_heap.resize(ranks * kWidth);
-        lists = on_heap;
-      }
-      SelectTopInVectors(in_data, s, lists.first(ranks * kWidth), ranks, writer);
-    }
-    const auto count = static_cast<std::size_t>(writer.out - out_data);
-    for (unsigned o = 1; o < outer; ++o) std::memcpy(out_data + o * count, out_data, count * sizeof(float));
-    return true;
+  const kernels::Results results = {
+      .ranks = ranks, .indices = !out_max_val_ || both, .values = out_max_val_, .repeats = outer};
+  // Lists of candidates: on the stack unless they are long.
+  kernels::Pair on_stack[512];
+  std::vector<kernels::Pair> on_heap;
+  std::span<kernels::Pair> lists = on_stack;
+  const std::size_t pairs = ranks * kernels::kListsAtOnce;
+  if (pairs > lists.size()) {
+    on_heap.resize(pairs);
+    lists = on_heap;
   }
-
-  std::vector<Pair> list(top_k_ == 1 ? 0 : ranks);
-  for (unsigned o = 0; o < outer; ++o) SearchEach(in_data, s, top_k_, list, writer);
+  if (s.len != 0 && Fits(Saturating(N) * C * H * W) && s.len <= std::numeric_limits<std::int32_t>::max()) {
+    kernels::Argmax(in_data, out_data, s, results, lists);
+  } else {
+    kernels::PlainArgmax(in_data, out_data, s, results, lists);
+  }
   return true;
 }
 

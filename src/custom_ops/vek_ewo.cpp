@@ -1,23 +1,24 @@
 // Layer type "ELTWISE".
 #include "custom_ops/vek_ewo.h"
 
-#include <cmath>
 #include <cstddef>
 #include <functional>
 
 #include "contract/attr_text.h"
 #include "contract/checks.h"
 #include "contract/positions.h"
+#include "contract/shape.h"
 #include "contract/sizes.h"
 #include "custom_ops/vek_common.h"
+#include "math/broadcast.h"
 #include "math/elementwise.h"
 #include "math/exact_math.h"
-#include "simd/simd.h"
 
 namespace zeb_custom_ops {
 
 using detail::AsInt;
 using detail::AsULongLong;
+using detail::BroadcastSteps;
 using detail::Fits;
 using detail::Saturating;
 
@@ -36,6 +37,14 @@ constexpr int kMul = 0;
 constexpr int kAddK = 1;
 constexpr int kDiv = 6;
 constexpr int kPowK = 7;
+
+// Reads the flag of a broadcast attribute. Returns whether the attribute is there and sets it.
+bool ReadFlag(const zeb::PuxDnnCustomLayer::AttrMap& attrs, const std::string& key, bool& flag) {
+  const std::string* text = detail::Find(attrs, key);
+  if (text == nullptr) return false;
+  flag = detail::ToFlag(*text);
+  return flag;
+}
 
 void ReadWord(const std::string& text, bool (&repeats_along)[4]) {
   const unsigned long word = detail::ToWord(text);
@@ -82,23 +91,17 @@ bool VekEwo::Configure(const AttrMap& attrs, const BufAttrsList& inputs, const B
 
   // Deliberate: a broadcast attribute of 0 leaves the dimensions of an earlier word in place; they still
   // choose the kernel of method 0.
-  if (const std::string* broadcast_A = detail::Find(attrs, k_expected_attr_broadcast_A_)) {
-    broadcast_A_ = detail::ToFlag(*broadcast_A);
-    if (broadcast_A_) {
-      const std::string* word_A = detail::Find(attrs, k_expected_attr_word_A_);
-      VEK_REQUIRE(word_A != nullptr, "expected EWO word_A parameter: %s not found.",
-                  k_expected_attr_word_A_.c_str());
-      ReadWord(*word_A, A_repeats_along_);
-    }
+  if (ReadFlag(attrs, k_expected_attr_broadcast_A_, broadcast_A_)) {
+    const std::string* word_A = detail::Find(attrs, k_expected_attr_word_A_);
+    VEK_REQUIRE(word_A != nullptr, "expected EWO word_A parameter: %s not found.",
+                k_expected_attr_word_A_.c_str());
+    ReadWord(*word_A, A_repeats_along_);
   }
-  if (const std::string* broadcast_B = detail::Find(attrs, k_expected_attr_broadcast_B_)) {
-    broadcast_B_ = detail::ToFlag(*broadcast_B);
-    if (broadcast_B_) {
-      const std::string* word_B = detail::Find(attrs, k_expected_attr_word_B_);
-      VEK_REQUIRE(word_B != nullptr, "expected EWO word_B parameter: %s not found.",
-                  k_expected_attr_word_B_.c_str());
-      ReadWord(*word_B, B_repeats_along_);
-    }
+  if (ReadFlag(attrs, k_expected_attr_broadcast_B_, broadcast_B_)) {
+    const std::string* word_B = detail::Find(attrs, k_expected_attr_word_B_);
+    VEK_REQUIRE(word_B != nullptr, "expected EWO word_B parameter: %s not found.",
+                k_expected_attr_word_B_.c_str());
+    ReadWord(*word_B, B_repeats_along_);
   }
 
   for (const auto& in : inputs) {
@@ -134,7 +137,8 @@ bool RepeatsAlongPlane(const bool (&repeats_along)[4]) {
 }
 
 unsigned Count(const zeb::PuxDnnBufAttrs& attrs) {
-  return attrs.GetBatch() * attrs.GetChannels() * attrs.GetHeight() * attrs.GetWidth();
+  const auto [N, C, H, W] = detail::Shape(attrs);
+  return N * C * H * W;
 }
 
 }  // namespace
@@ -157,14 +161,12 @@ bool VekEwo::Execute(void** in_buffers, void** out_buffers) {
     case kDiv:
       return Div<float>({input(0), input(1)}, out, *in_attrs_[0]);
     case kAddK:
-      detail::MapRun(input(0), out, Count(*in_attrs_[0]),
-                     [k = detail::Splat(k_)](detail::Floats x) { return x + k; });
+      detail::AddInto(input(0), out, Count(*in_attrs_[0]), k_);
       return true;
     case kPowK:
       // Deliberate: the reciprocal is a division of its own, for this one exponent.
       if (k_ == -1.0F) {
-        detail::MapRun(input(0), out, Count(*in_attrs_[0]),
-                       [k = detail::Splat(-k_)](detail::Floats x) { return k / x; });
+        detail::DivideInto(input(0), out, Count(*in_attrs_[0]), -k_);
       } else {
         detail::PowInto(input(0), out, Count(*in_attrs_[0]), k_);
       }
@@ -178,45 +180,17 @@ namespace {
 
 constexpr bool kNowhere[4] = {};
 
-// One operand in the walk over the output: its data, and the steps between its elements along N, C, H and W.
-// It has the extent 1 along the dimensions in which it repeats, and the step 0. Steps wrap at 32 bits.
-struct Operand {
-  unsigned n_step, c_step, h_step, w_step;
-
-  Operand(const bool (&repeats_along)[4], unsigned C, unsigned H, unsigned W) {
-    const auto [n, c, h, w] = repeats_along;
-    const unsigned row = w ? 1 : W;
-    const unsigned plane = (h ? 1 : H) * row;
-    n_step = n ? 0 : (c ? 1 : C) * plane;
-    c_step = c ? 0 : plane;
-    h_step = h ? 0 : row;
-    w_step = w ? 0 : 1;
-  }
-
-  unsigned Index(unsigned n, unsigned c, unsigned h, unsigned w) const {
-    return n * n_step + c * c_step + h * h_step + w * w_step;
-  }
-};
-
-// out = op(a, b) over the elements of an N x C x H x W output.
+// The body of Mul and Div.
 template <typename Op>
-void Broadcasting(const float* a_data, const Operand& a, const float* b_data, const Operand& b, float* out,
-                  unsigned N, unsigned C, unsigned H, unsigned W, Op op) {
+void Zip(const float* a, const bool (&a_repeats_along)[4], const float* b, const bool (&b_repeats_along)[4],
+         float* out, const zeb::PuxDnnBufAttrs& attrs, Op op) {
+  const auto [N, C, H, W] = detail::Shape(attrs);
+  const BroadcastSteps a_steps(a_repeats_along, C, H, W);
+  const BroadcastSteps b_steps(b_repeats_along, C, H, W);
   if (Fits(Saturating(N) * C * H * W)) {
-    detail::ZipAxis axes[] = {
-        {N, a.n_step, b.n_step}, {C, a.c_step, b.c_step}, {H, a.h_step, b.h_step}, {W, a.w_step, b.w_step}};
-    detail::ZipStrided(a_data, b_data, out, axes, op);
-    return;
-  }
-  const Operand dense(kNowhere, C, H, W);
-  for (unsigned n = 0; n < N; ++n) {
-    for (unsigned c = 0; c < C; ++c) {
-      for (unsigned h = 0; h < H; ++h) {
-        for (unsigned w = 0; w < W; ++w) {
-          out[dense.Index(n, c, h, w)] = op(a_data[a.Index(n, c, h, w)], b_data[b.Index(n, c, h, w)]);
-        }
-      }
-    }
+    detail::ZipBroadcast(a, a_steps, b, b_steps, out, N, C, H, W, op);
+  } else {
+    detail::PlainZipBroadcast(a, a_steps, b, b_steps, out, N, C, H, W, op);
   }
 }
 
@@ -227,49 +201,34 @@ std::uint64_t VekEwo::calculate_broadcast_indexes(const zeb::PuxDnnBufAttrs& att
   const unsigned C = attrs.GetChannels();
   const unsigned H = attrs.GetHeight();
   const unsigned W = attrs.GetWidth();
-  const std::uint64_t a = Operand(broadcast_A_ ? A_repeats_along_ : kNowhere, C, H, W).Index(n, c, h, w);
-  const std::uint64_t b = Operand(broadcast_B_ ? B_repeats_along_ : kNowhere, C, H, W).Index(n, c, h, w);
-  return b << 32 | a;
+  const BroadcastSteps a_steps(broadcast_A_ ? A_repeats_along_ : kNowhere, C, H, W);
+  const BroadcastSteps b_steps(broadcast_B_ ? B_repeats_along_ : kNowhere, C, H, W);
+  return std::uint64_t{b_steps.Index(n, c, h, w)} << 32 | a_steps.Index(n, c, h, w);
 }
 
 template <typename T>
 bool VekEwo::Mul(const std::vector<T*>& in, T* out, const zeb::PuxDnnBufAttrs& attrs) {
-  const unsigned N = attrs.GetBatch();
-  const unsigned C = attrs.GetChannels();
-  const unsigned H = attrs.GetHeight();
-  const unsigned W = attrs.GetWidth();
-  const Operand a(broadcast_A_ ? A_repeats_along_ : kNowhere, C, H, W);
-  const Operand b(broadcast_B_ ? B_repeats_along_ : kNowhere, C, H, W);
-  Broadcasting(in[0], a, in[1], b, out, N, C, H, W, std::multiplies<>());
+  Zip(in[0], broadcast_A_ ? A_repeats_along_ : kNowhere, in[1], broadcast_B_ ? B_repeats_along_ : kNowhere,
+      out, attrs, std::multiplies<>());
   return true;
 }
 
 template <typename T>
 bool VekEwo::Div(const std::vector<T*>& in, T* out, const zeb::PuxDnnBufAttrs& attrs) {
-  const unsigned N = attrs.GetBatch();
-  const unsigned C = attrs.GetChannels();
-  const unsigned H = attrs.GetHeight();
-  const unsigned W = attrs.GetWidth();
-  const Operand a(broadcast_A_ ? A_repeats_along_ : kNowhere, C, H, W);
-  const Operand b(broadcast_B_ ? B_repeats_along_ : kNowhere, C, H, W);
-  Broadcasting(in[0], a, in[1], b, out, N, C, H, W, std::divides<>());
+  Zip(in[0], broadcast_A_ ? A_repeats_along_ : kNowhere, in[1], broadcast_B_ ? B_repeats_along_ : kNowhere,
+      out, attrs, std::divides<>());
   return true;
 }
 
 template <typename T>
 bool VekEwo::Mul_NCHW_x_NC11(T* full, T* per_channel, T* out, const zeb::PuxDnnBufAttrs& full_attrs) {
-  const unsigned N = full_attrs.GetBatch();
-  const unsigned C = full_attrs.GetChannels();
-  const unsigned H = full_attrs.GetHeight();
-  const unsigned W = full_attrs.GetWidth();
+  const auto [N, C, H, W] = detail::Shape(full_attrs);
   const unsigned plane = H * W;
   if (Fits(Saturating(N) * C * H * W)) {
-    detail::ZipAxis axes[] = {{std::size_t{N} * C, 1, plane}, {plane, 0, 1}};
-    detail::ZipStrided(per_channel, full, out, axes, std::multiplies<>());
-    return true;
+    detail::MulPlanes(per_channel, full, out, std::size_t{N} * C, plane);
+  } else {
+    detail::PlainMulPlanes(per_channel, full, out, N * C * plane, plane);
   }
-  const unsigned count = N * C * plane;  // 0 where a plane has 0 elements
-  for (unsigned i = 0; i < count; ++i) out[i] = per_channel[i / plane] * full[i];
   return true;
 }
 

@@ -1,6 +1,6 @@
-// Element-wise functions over runs of floats, and over the elements of nested loops in which an operand may
-// stand still. The functions take vectors: a lane is an element, so every element has its own operations and
-// no others. The output may be an operand that is laid out as the output is.
+// Element-wise functions over runs of floats, and over nested loops in which an operand may repeat. The functions take
+// vectors: a lane is an element, so every element has its own operations and no others. The output may be an operand
+// that is laid out as the output is.
 #pragma once
 
 #include <algorithm>
@@ -14,14 +14,16 @@ namespace zeb_custom_ops::detail {
 
 namespace internal {
 
-// Stores the vectors at(i) to out[i] ...; `count` is at least a vector's. Where it is no multiple of that, or
-// the target not aligned, a vector overlaps the next one; it is computed before anything is written, since
-// later the operands may be results.
+// Computes out[i] for i below `count`, which is at least a vector: at(i) is the vector of results i, i + 1, ... Where
+// whole vectors do not fill `out`, the last one starts early, so that it ends with `out`; where stores are aligned, the
+// first one ends late, behind the first aligned element. What such a vector shares with its neighbour is stored twice,
+// the same values. They are computed before anything is stored, because `out` may be an operand, whose elements are
+// results afterwards.
 template <typename At>
 inline void StoreRun(float* out, std::size_t count, At at) {
   std::size_t i = 0;
   Floats first = {};
-  if constexpr (kFloatsBytes > 16) {  // wide stores across cache lines are slow
+  if constexpr (kFloatsBytes > 16) {  // aligned, since wide stores across cache lines are slow
     i = -(reinterpret_cast<std::uintptr_t>(out) / sizeof(float)) % kFloatLanes;
     if (i != 0) first = at(0);
   }
@@ -64,9 +66,19 @@ inline void ZipRun(const float* a, const float* b, float* out, std::size_t count
                      [a, b, op](std::size_t i) { return op(Load<Floats>(a + i), Load<Floats>(b + i)); });
 }
 
-// One loop over two operands and a dense output: `extent` steps, each moving so many elements on in a and in
-// b; a step of 0 repeats.
-struct ZipAxis {
+// out[i] = in[i] + k
+inline void AddInto(const float* in, float* out, std::size_t count, float k) {
+  MapRun(in, out, count, [k = Splat(k)](Floats x) { return x + k; });
+}
+
+// out[i] = k / in[i]
+inline void DivideInto(const float* in, float* out, std::size_t count, float k) {
+  MapRun(in, out, count, [k = Splat(k)](Floats x) { return k / x; });
+}
+
+// One loop over two operands: `extent` steps, each moving so many elements on in a and in b; a step of 0 repeats. (The
+// `Loop` of the strided copies has a source and a target in their place. Here the target is dense: it needs no step.)
+struct ZipLoop {
   std::size_t extent;
   std::size_t a_step;
   std::size_t b_step;
@@ -120,33 +132,33 @@ void ZipShortRows(RowOperand a, RowOperand b, float* out, std::size_t rows, std:
 }
 
 template <typename Op>
-void ZipRow(const float* a, const float* b, float* out, const ZipAxis& axis, Op op) {
-  if (axis.a_step != 0 && axis.b_step != 0) {
-    ZipRun(a, b, out, axis.extent, op);
-  } else if (axis.a_step != 0) {
-    MapRun(a, out, axis.extent, [op, y = Splat(*b)](Floats x) { return op(x, y); });
-  } else if (axis.b_step != 0) {
-    MapRun(b, out, axis.extent, [op, x = Splat(*a)](Floats y) { return op(x, y); });
+void ZipRow(const float* a, const float* b, float* out, const ZipLoop& loop, Op op) {
+  if (loop.a_step != 0 && loop.b_step != 0) {
+    ZipRun(a, b, out, loop.extent, op);
+  } else if (loop.a_step != 0) {
+    MapRun(a, out, loop.extent, [op, y = Splat(*b)](Floats x) { return op(x, y); });
+  } else if (loop.b_step != 0) {
+    MapRun(b, out, loop.extent, [op, x = Splat(*a)](Floats y) { return op(x, y); });
   } else {
-    std::fill_n(out, axis.extent, op(Splat(*a), Splat(*b))[0]);
+    std::fill_n(out, loop.extent, op(Splat(*a), Splat(*b))[0]);
   }
 }
 
 // Outer loops, down to the last one or two. Returns where the next element goes.
 template <typename Op>
-float* ZipLoops(const float* a, const float* b, float* out, std::span<const ZipAxis> axes, Op op) {
-  const ZipAxis& axis = axes[0];
-  if (axes.size() == 1) {
-    ZipRow(a, b, out, axis, op);
-    return out + axis.extent;
+float* ZipNested(const float* a, const float* b, float* out, std::span<const ZipLoop> loops, Op op) {
+  const ZipLoop& loop = loops[0];
+  if (loops.size() == 1) {
+    ZipRow(a, b, out, loop, op);
+    return out + loop.extent;
   }
-  if (axes.size() == 2 && axes[1].extent < kShortRow) {
-    ZipShortRows({a, axis.a_step, axes[1].a_step}, {b, axis.b_step, axes[1].b_step}, out, axis.extent,
-                 axes[1].extent, op);
-    return out + axis.extent * axes[1].extent;
+  if (loops.size() == 2 && loops[1].extent < kShortRow) {
+    ZipShortRows({a, loop.a_step, loops[1].a_step}, {b, loop.b_step, loops[1].b_step}, out, loop.extent,
+                 loops[1].extent, op);
+    return out + loop.extent * loops[1].extent;
   }
-  for (std::size_t i = 0; i < axis.extent; ++i) {
-    out = ZipLoops(a + i * axis.a_step, b + i * axis.b_step, out, axes.subspan(1), op);
+  for (std::size_t i = 0; i < loop.extent; ++i) {
+    out = ZipNested(a + i * loop.a_step, b + i * loop.b_step, out, loops.subspan(1), op);
   }
   return out;
 }
@@ -154,24 +166,24 @@ float* ZipLoops(const float* a, const float* b, float* out, std::span<const ZipA
 }  // namespace internal
 
 // out = op(a, b) over the elements of nested loops, outermost first. An operand's innermost step is 0 or 1,
-// that of any other loop 0 or the number of values it has inside. `axes` is scratch: loops of one step are
+// that of any other loop 0 or the number of values it has inside. `loops` is scratch: loops of one step are
 // dropped, and neighbours that are one loop for both operands become one.
 template <typename Op>
-void ZipStrided(const float* a, const float* b, float* out, std::span<ZipAxis> axes, Op op) {
-  std::size_t first = axes.size();  // the loops that remain stand at the end of `axes`
-  for (std::size_t i = axes.size(); i-- > 0;) {
-    const ZipAxis axis = axes[i];
-    if (axis.extent == 0) return;
-    if (axis.extent == 1) continue;
-    if (first < axes.size() && axis.a_step == axes[first].extent * axes[first].a_step &&
-        axis.b_step == axes[first].extent * axes[first].b_step) {
-      axes[first].extent *= axis.extent;
+void ZipStrided(const float* a, const float* b, float* out, std::span<ZipLoop> loops, Op op) {
+  std::size_t first = loops.size();  // the loops that remain are at the end of `loops`
+  for (std::size_t i = loops.size(); i-- > 0;) {
+    const ZipLoop loop = loops[i];
+    if (loop.extent == 0) return;
+    if (loop.extent == 1) continue;
+    if (first < loops.size() && loop.a_step == loops[first].extent * loops[first].a_step &&
+        loop.b_step == loops[first].extent * loops[first].b_step) {
+      loops[first].extent *= loop.extent;
     } else {
-      axes[--first] = axis;
+      loops[--first] = loop;
     }
   }
-  if (first == axes.size()) axes[--first] = {1, 1, 1};
-  internal::ZipLoops(a, b, out, std::span<const ZipAxis>(axes).subspan(first), op);
+  if (first == loops.size()) loops[--first] = {1, 1, 1};
+  internal::ZipNested(a, b, out, std::span<const ZipLoop>(loops).subspan(first), op);
 }
 
 }  // namespace zeb_custom_ops::detail

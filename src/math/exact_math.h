@@ -21,8 +21,9 @@ namespace zeb_custom_ops::detail {
 
 namespace internal {
 
-// 2^(i / 32), correctly rounded, as bits with the exponent's share of i taken out: (n << 47) more, for an n
-// that is i modulo 32, are the bits of 2^(n / 32). The 32 rows are there eight times over, for LookUp32.
+// Entry i is the bits of 2^(i / 32), correctly rounded, minus i << 47. For an integer n = 32 * q + i the bits of
+// 2^(n / 32) are those of 2^(i / 32) with q added to the exponent, q << 52: together, entry i plus n << 47. The 32
+// entries are there eight times over, as LookUp32 takes them.
 inline constexpr std::array<std::uint64_t, 256> kExp2Table = [] {
   constexpr double kPowers[32] = {
       0x1.0000000000000p+0, 0x1.059b0d3158574p+0, 0x1.0b5586cf9890fp+0, 0x1.11301d0125b51p+0,
@@ -126,8 +127,8 @@ inline Powers PowSteps(Floats x, float k) {
 }
 
 // Stores whole vectors of powers until one holds a lane that is not proven, or none is left; returns the
-// number of elements stored. `rest` is that vector. The calls for its lanes stand outside of this loop, which
-// would otherwise lose its constants from the registers.
+// number of elements stored. `rest` is that vector. The calls for its lanes are outside of this loop, which would
+// otherwise lose its constants from the registers.
 inline std::size_t StoreWhileProven(const float* in, float* out, std::size_t count, float k, Powers& rest) {
   std::size_t i = 0;
   for (; i + kFloatLanes <= count; i += kFloatLanes) {

@@ -101,24 +101,11 @@ inline void SumSquaresSideBySide(const float* const* rows, std::size_t count, fl
   std::size_t k = 0;
   for (; k + 4 <= count; k += 4) {
     for (std::size_t g = 0; g < kGroups; ++g) {
-      // A transpose of 4 x 4: from four values of each row to one of each row, four times.
-      const float* const* group = rows + g * kFloatLanes;
-      const Floats r0 = LoadFours(group, 0, k);
-      const Floats r1 = LoadFours(group, 1, k);
-      const Floats r2 = LoadFours(group, 2, k);
-      const Floats r3 = LoadFours(group, 3, k);
-      const Floats even_low = ZipFirst(r0, r2);
-      const Floats odd_low = ZipFirst(r1, r3);
-      const Floats even_high = ZipSecond(r0, r2);
-      const Floats odd_high = ZipSecond(r1, r3);
-      const Floats x0 = ZipFirst(even_low, odd_low);
-      const Floats x1 = ZipSecond(even_low, odd_low);
-      const Floats x2 = ZipFirst(even_high, odd_high);
-      const Floats x3 = ZipSecond(even_high, odd_high);
-      sum[g] = Fma(x0, x0, sum[g]);
-      sum[g] = Fma(x1, x1, sum[g]);
-      sum[g] = Fma(x2, x2, sum[g]);
-      sum[g] = Fma(x3, x3, sum[g]);
+      // Four values of each row become, four times, one value of each row.
+      Floats x[4];
+      for (std::size_t i = 0; i < 4; ++i) x[i] = LoadFours(rows + g * kFloatLanes, i, k);
+      Transpose4x4(x);
+      for (const Floats& values : x) sum[g] = Fma(values, values, sum[g]);
     }
   }
   for (; k < count; ++k) {

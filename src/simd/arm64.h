@@ -51,8 +51,6 @@ inline Split SplitProductAtInteger(Doubles a, Doubles b) { return SplitAtInteger
 inline Floats LoadFours(const float* const* rows, std::size_t i, std::size_t k) {
   return Load<Floats>(rows[i] + k);
 }
-inline Floats ZipFirst(Floats a, Floats b) { return __builtin_shufflevector(a, b, 0, 4, 1, 5); }
-inline Floats ZipSecond(Floats a, Floats b) { return __builtin_shufflevector(a, b, 2, 6, 3, 7); }
 
 namespace internal {
 

@@ -71,6 +71,31 @@ inline void UnzipPairs(Vec<T> (&v)[count]) {
 
 namespace internal {
 
+// Zip within each group of four lanes of a vector of any width: `first` is 0 for the lower two of four, 2 for the upper.
+template <std::size_t first, typename V, std::size_t... lane>
+inline V ZipFours(V a, V b, std::index_sequence<lane...> lanes) {
+  return __builtin_shufflevector(a, b, (lane / 4 * 4 + first + lane % 4 / 2 + lane % 2 * lanes.size())...);
+}
+
+}  // namespace internal
+
+// Transposes 4 x 4 elements of four bytes: lane j of rows[i] becomes lane i of rows[j]. A wider vector holds several
+// such tiles, a group of four lanes each.
+template <typename V>
+inline void Transpose4x4(V (&rows)[4]) {
+  constexpr auto lanes = std::make_index_sequence<sizeof(V) / 4>{};
+  const V even_low = internal::ZipFours<0>(rows[0], rows[2], lanes);
+  const V odd_low = internal::ZipFours<0>(rows[1], rows[3], lanes);
+  const V even_high = internal::ZipFours<2>(rows[0], rows[2], lanes);
+  const V odd_high = internal::ZipFours<2>(rows[1], rows[3], lanes);
+  rows[0] = internal::ZipFours<0>(even_low, odd_low, lanes);
+  rows[1] = internal::ZipFours<2>(even_low, odd_low, lanes);
+  rows[2] = internal::ZipFours<0>(even_high, odd_high, lanes);
+  rows[3] = internal::ZipFours<2>(even_high, odd_high, lanes);
+}
+
+namespace internal {
+
 // Lane l of the three interleaved vectors number `out` is element (out * lanes + l) / 3 of plane
 // (out * lanes + l) % 3. A shuffle takes two vectors, so planes 0 and 1 come first, then plane 2.
 template <typename T, std::size_t out, std::size_t... l>

@@ -13,13 +13,12 @@
 //   Widen(v), Narrow(w)           floats and integers to doubles and back, rounded to nearest
 //   LowWords(w)                   the low half of every 64-bit lane
 //   Fma(a, b, c)                  a * b + c, rounded once
-//   LookUp32(table, i)            table[i modulo 32], lane by lane, for a table whose 32 rows are there eight times over:
-//                                 a target that forms addresses takes the low byte of `i` as it is
+//   LookUp32(table, i)            table[i modulo 32], lane by lane. `table` holds its 32 entries eight times over, 256 in
+//                                 all: a target that indexes memory uses the low byte of `i`, which is at hand
 //   LookUp16(table, i)            table[i], lane by lane, for i below 16
 //   SplitAtInteger, SplitProductAtInteger
 //                                 the nearest integer to z, or to a * b, and the rest, as the target's C library takes them
-//   LoadFours, ZipFirst, ZipSecond
-//                                 the 4 x 4 transposes of math/square_sums.h
+//   LoadFours(rows, i, k)         rows[i][k] to rows[i][k + 3]; behind them, in a vector of eight lanes, the same of row i + 4
 //   StoreInterleaved<T, k>, LoadInterleaved<T, k>
 //                                 k vectors to and from memory in which their elements alternate
 #pragma once

@@ -54,8 +54,6 @@ inline Wide<ULongs> LookUp16(const std::uint64_t* table, UInts index) {
 inline Floats LoadFours(const float* const* rows, std::size_t i, std::size_t k) {
   return Load<Floats>(rows[i] + k);
 }
-inline Floats ZipFirst(Floats a, Floats b) { return __builtin_shufflevector(a, b, 0, 4, 1, 5); }
-inline Floats ZipSecond(Floats a, Floats b) { return __builtin_shufflevector(a, b, 2, 6, 3, 7); }
 
 }  // namespace zeb_custom_ops::detail
 

@@ -22,9 +22,5 @@ inline Floats Fma(Floats a, Floats b, Floats c) { return _mm256_fmadd_ps(a, b, c
 inline Floats LoadFours(const float* const* rows, std::size_t i, std::size_t k) {
   return _mm256_loadu2_m128(rows[i + 4] + k, rows[i] + k);
 }
-inline Floats ZipFirst(Floats a, Floats b) { return __builtin_shufflevector(a, b, 0, 8, 1, 9, 4, 12, 5, 13); }
-inline Floats ZipSecond(Floats a, Floats b) {
-  return __builtin_shufflevector(a, b, 2, 10, 3, 11, 6, 14, 7, 15);
-}
 
 }  // namespace zeb_custom_ops::detail

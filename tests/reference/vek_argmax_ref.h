@@ -50,7 +50,7 @@ inline std::vector<float> ArgmaxRef(const float* in, std::uint32_t N, std::uint3
         for (const Pair& pair : pairs) {
           if (best.first <= pair.first) best = pair;
         }
-        pairs.assign(len == 0 ? 0 : 1, best);
+        pairs.assign(1, best);
       } else {
         const std::uint32_t ranks = std::min(settings.top_k, len);
         std::partial_sort(pairs.begin(), pairs.begin() + ranks, pairs.end(),

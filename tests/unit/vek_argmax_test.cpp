@@ -360,18 +360,86 @@ TEST(Argmax, AListEndsAtTheAxisLength) {
   }
 }
 
-TEST(Argmax, AnAxisOfLengthZeroWritesNothing) {
-  for (unsigned axis = 0; axis < 4; ++axis) {
-    std::array<unsigned, 4> shape = {1, 2, 2, 2};
-    shape[axis] = 0;
-    for (const unsigned top_k : {0U, 1U, 2U}) {
-      OpenArgmax layer;
-      layer.Set({.axis = static_cast<int>(axis), .top_k = top_k});
-      const GuardedBuffer src(0);
-      const GuardedBuffer dst = Guarded(std::vector<float>(16, -1.0F));
+// A shape whose axis is empty, and the number of results that a search of one value writes.
+struct EmptyAxis {
+  std::array<unsigned, 4> shape;
+  int axis;
+  std::size_t results;
+};
+const EmptyAxis kEmptyAxes[] = {
+    {{0, 2, 3, 4}, 0, 24}, {{1, 0, 3, 4}, 1, 12}, {{2, 0, 3, 4}, 1, 48}, {{1, 2, 0, 4}, 2, 8},
+    {{2, 2, 0, 4}, 2, 32}, {{1, 2, 3, 0}, 3, 6},  {{2, 2, 3, 0}, 3, 24}, {{0, 0, 3, 4}, 0, 0},
+    {{0, 0, 3, 4}, 1, 0},  {{1, 0, 0, 4}, 2, 0},  {{0, 2, 3, 0}, 3, 0},
+};
+
+// Deliberately so: nothing is read, but the result of every search is written.
+TEST(Argmax, ASearchOfOneValueFindsZeroAtIndexZeroWhereItHasNone) {
+  for (const auto& [shape, axis, results] : kEmptyAxes) {
+    for (const bool out_max_val : {false, true}) {
+      SCOPED_TRACE(testing::PrintToString(shape) + " along " + std::to_string(axis));
+      std::vector<float> want(results, 0.0F);
+      want.resize(results + 5, -77.0F);
+
+      OpenArgmax kernel;
+      kernel.Set({.axis = axis, .out_max_val = out_max_val});
       const Buf attrs = Buf::Float({shape.begin(), shape.end()});
-      EXPECT_TRUE(layer.Argmax_v1(attrs, src.as<float>(), 0, dst.as<float>(), 16));
-      ExpectSameFloats(dst.Get<float>(), std::vector<float>(16, -1.0F));
+      const GuardedBuffer src(0);
+      const GuardedBuffer dst = Guarded(std::vector<float>(want.size(), -77.0F));
+      const auto room = static_cast<unsigned>(results);
+      EXPECT_TRUE(kernel.Argmax_v1(attrs, src.as<float>(), 0, dst.as<float>(), room));
+      ExpectSameFloats(dst.Get<float>(), want);
+
+      Layer layer("ARGMAX");
+      const std::vector<Buf> out = {Buf::Float({1, 1, 1, room})};
+      ASSERT_TRUE(layer.Configure({{"axis", std::to_string(axis)}}, {attrs}, out));
+      ASSERT_TRUE(layer.Configure({{"out_max_val", out_max_val ? "1" : "0"}}, {attrs}, out));
+      const GuardedBuffer layer_dst = Guarded(std::vector<float>(want.size(), -77.0F));
+      EXPECT_TRUE(layer.Execute({src.data()}, {layer_dst.data()}));
+      EXPECT_EQ(layer.log, Log{});
+      ExpectSameFloats(layer_dst.Get<float>(), want);
+    }
+  }
+}
+
+TEST(Argmax, WholeEmptyItemsGiveZeroAtIndexZero) {
+  for (const bool out_max_val : {false, true}) {
+    OpenArgmax kernel;
+    kernel.Set({.has_axis = false, .out_max_val = out_max_val});
+    const unsigned room = out_max_val ? 18 : 9;  // three results, three times
+    const GuardedBuffer src(0);
+    const GuardedBuffer dst = Guarded(std::vector<float>(room, -77.0F));
+    EXPECT_TRUE(kernel.Argmax_v1(Buf::Float({3, 2, 0, 2}), src.as<float>(), 0, dst.as<float>(), room));
+    ExpectSameFloats(dst.Get<float>(), std::vector<float>(room, 0.0F));
+  }
+}
+
+TEST(Argmax, TheRoomForTheResultsOfAnEmptyAxisIsCheckedFirst) {
+  for (const auto& [shape, axis, results] : kEmptyAxes) {
+    if (results == 0) continue;
+    for (const unsigned top_k : {1U, 2U}) {
+      const auto needed = static_cast<unsigned>(results) * top_k;
+      EXPECT_EQ(
+          RefusedByKernel(Buf::Float({shape.begin(), shape.end()}), {.axis = axis, .top_k = top_k}, 0,
+                          needed - 1),
+          (Log{Error(kFile, "Argmax_v1 output buffer too small, expected: " + std::to_string(needed) +
+                                ", received space for: " + std::to_string(needed - 1) + "  elements.")}));
+    }
+  }
+}
+
+TEST(Argmax, ListsAlongAnEmptyAxisAreEmpty) {
+  for (const auto& [shape, axis, results] : kEmptyAxes) {
+    for (const unsigned top_k : {0U, 2U, 7U}) {
+      for (const bool out_max_val : {false, true}) {
+        OpenArgmax kernel;
+        kernel.Set({.axis = axis, .top_k = top_k, .out_max_val = out_max_val});
+        const std::size_t room = results * top_k;
+        const GuardedBuffer src(0);
+        const GuardedBuffer dst = Guarded(std::vector<float>(room, -1.0F));
+        EXPECT_TRUE(kernel.Argmax_v1(Buf::Float({shape.begin(), shape.end()}), src.as<float>(), 0,
+                                     dst.as<float>(), static_cast<unsigned>(room)));
+        ExpectSameFloats(dst.Get<float>(), std::vector<float>(room, -1.0F));
+      }
     }
   }
 }
@@ -513,6 +581,20 @@ TEST(Argmax, PositionsWrapAtThirtyTwoBits) {
   }
 }
 
+TEST(Argmax, AsManySearchesAreMadeAsTheirNumberIsInThirtyTwoBits) {
+  // 2^16 planes of 2^16 + 1 columns are 2^16 searches of one value each, all in the first plane's row.
+  Buf shape = Buf::Float({1});
+  shape.nchw = {1, 0x10000, 1, 0x10001};
+  std::vector<float> in(0x10000);
+  for (std::size_t i = 0; i < in.size(); ++i) in[i] = static_cast<float>(i);
+  OpenArgmax layer;
+  layer.Set({.axis = 2, .out_max_val = true});
+  const GuardedBuffer src = Guarded(in);
+  const GuardedBuffer dst(in.size() * sizeof(float));
+  ASSERT_TRUE(layer.Argmax_v1(shape, src.as<float>(), 0x10000, dst.as<float>(), 0x10000));
+  ExpectSameFloats(dst.Get<float>(), in);
+}
+
 TEST(Argmax, ATopKWhoseRoomWrapsRanksEveryValue) {
   // Two searches of 2^31 results each need no room in 32 bits; each has three values to rank.
   const std::vector<float> in = {1, 3, 2, 5, 4, 5};
@@ -555,7 +637,7 @@ TEST(Argmax, RandomLayersEqualTheReference) {
     const std::vector<float> want = ArgmaxRef(in.data(), shape[0], shape[1], shape[2], shape[3], settings);
     const unsigned len = shape[static_cast<unsigned>(settings.axis)];
     const std::size_t room =
-        settings.top_k > len ? (len == 0 ? 0 : want.size() / len * settings.top_k) : want.size();
+        len != 0 && settings.top_k > len ? want.size() / len * settings.top_k : want.size();
 
     Layer layer("ARGMAX");
     const std::vector<Buf> src_attrs = {Buf::Float({shape.begin(), shape.end()})};

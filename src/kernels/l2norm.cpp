@@ -1,0 +1,113 @@
+#include "kernels/l2norm.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstddef>
+
+#include "math/elementwise.h"
+#include "math/square_sums.h"
+#include "simd/simd.h"
+
+namespace zeb_custom_ops::kernels {
+
+namespace {
+
+void PlainNormalizeRow(const float* in, float* out, unsigned start, unsigned length) {
+  float sum = 0.0F;
+  for (unsigned i = 0; i < length; ++i) sum = std::fma(in[start + i], in[start + i], sum);
+  const float norm = std::sqrt(sum);
+  for (unsigned i = 0; i < length; ++i) {
+    out[start + i] = norm != 0.0F ? in[start + i] / norm : in[start + i];
+  }
+}
+
+void Scale(float* out, unsigned start, unsigned length, float scale) {
+  if (scale == 1.0F) return;
+  for (unsigned i = 0; i < length; ++i) out[start + i] *= scale;
+}
+
+// The scales of item n, whose values start at `start`.
+void ScaleItem(float* out, unsigned start, const NormShape& s, std::span<const float> scales) {
+  if (s.channel_shared) {
+    if (!scales.empty()) Scale(out, start, s.C * s.plane, scales[0]);
+  } else {
+    for (unsigned c = 0; c < s.C; ++c) Scale(out, start + c * s.plane, s.plane, scales[c]);
+  }
+}
+
+}  // namespace
+
+void PlainNormalize(const float* in, float* out, NormShape s, std::span<const float> scales) {
+  const unsigned item = s.C * s.plane;
+  for (unsigned n = 0; n < s.N; ++n) {
+    const unsigned start = n * item;
+    if (s.across_spatial) {
+      PlainNormalizeRow(in, out, start, item);
+    } else {
+      for (unsigned c = 0; c < s.C; ++c) PlainNormalizeRow(in, out, start + c * s.plane, s.plane);
+    }
+    ScaleItem(out, start, s, scales);
+  }
+}
+
+namespace {
+
+// Values whose norm is 0 are copied. The norm of a NaN is a NaN, which is not 0: it divides.
+void DivideByNorm(const float* in, float* out, std::size_t count, float sum_of_squares) {
+  const float norm = std::sqrt(sum_of_squares);
+  if (norm == 0.0F) {
+    if (out != in) std::copy_n(in, count, out);
+    return;
+  }
+  // From the end to the start: what the sum has read last is still in the cache.
+  constexpr std::size_t kBlock = 4096;
+  for (std::size_t end = count; end != 0;) {
+    const std::size_t block = (end - 1) % kBlock + 1;
+    end -= block;
+    detail::MapRun(in + end, out + end, block,
+                   [divisor = detail::Splat(norm)](detail::Floats x) { return x / divisor; });
+  }
+}
+
+// Normalises rows of `length` consecutive values each.
+void NormalizeRows(const float* in, float* out, std::size_t rows, std::size_t length) {
+  // From this length on a few rows are faster one by one than side by side with themselves.
+  constexpr std::size_t kLongRow = 1024;
+  for (std::size_t row = 0; row < rows;) {
+    const std::size_t left = rows - row;
+    if (left == 1 || (left < detail::kFloatLanes && length >= kLongRow)) {
+      DivideByNorm(in, out, length, detail::SumSquares(in, length));
+      ++row;
+      in += length;
+      out += length;
+      continue;
+    }
+    // All sums before the first quotient: the output may be the input. Missing rows are
+    // replaced by the last one.
+    const std::size_t group = std::min<std::size_t>(left, detail::kSideBySide);
+    const float* side_by_side[detail::kSideBySide];
+    for (std::size_t i = 0; i < detail::kSideBySide; ++i) {
+      side_by_side[i] = in + std::min(i, group - 1) * length;
+    }
+    float sums[detail::kSideBySide];
+    detail::SumSquaresSideBySide(side_by_side, length, sums);
+    for (std::size_t i = group; i-- > 0;) DivideByNorm(in + i * length, out + i * length, length, sums[i]);
+    row += group;
+    in += group * length;
+    out += group * length;
+  }
+}
+
+}  // namespace
+
+void Normalize(const float* in, float* out, NormShape s, std::span<const float> scales) {
+  const unsigned item = s.C * s.plane;
+  if (s.across_spatial) {
+    NormalizeRows(in, out, s.N, item);
+  } else {
+    NormalizeRows(in, out, std::size_t{s.N} * s.C, s.plane);
+  }
+  for (unsigned n = 0; n < s.N; ++n) ScaleItem(out, n * item, s, scales);
+}
+
+}  // namespace zeb_custom_ops::kernels
