@@ -7,10 +7,9 @@
 #include <new>
 #include <numeric>
 
-#include "cases/contents.h"
 #include "cases/layer_case.h"
 #include "model/vek_permute.h"
-#include "support/exact_buffers.h"
+#include "support/formula_check.h"
 #include "support/refusals.h"
 
 namespace {
@@ -345,14 +344,9 @@ TEST(Permute, ScratchIsAllocatedOnceAndReplacedWhenTooSmall) {
     const Buf out = Buf::Int(8, {dims[0], dims[1], dims[3], dims[2]});
     layer.axes_.clear();
     EXPECT_TRUE(layer.Configure({{"axes", "[0,1,3,2]"}}, MakeList({in}), MakeList({out})));
-    Memory source(AnyBits(random));
-    Memory target(AnyBits(random));
-    ModelOfBytes(layer.axes_, in, source, out, target);
-    ExactBuffers buffers(Guard::kAfter);
-    void* ins[] = {buffers.Of(source)};
-    void* outs[] = {buffers.Of(target)};
-    EXPECT_TRUE(layer.Execute(ins, outs));
-    EXPECT_EQ(buffers.Difference(), "");
+    ExpectSameBytes(
+        random, [&](Memory& from, Memory& to) { ModelOfBytes(layer.axes_, in, from, out, to); },
+        [&](void* from, void* to) { EXPECT_TRUE(layer.Execute(&from, &to)); });
   };
   EXPECT_EQ(layer.aux_in_, nullptr);
   run({1, 2, 3, 4});
@@ -634,13 +628,17 @@ void SweepPermutations() {
       layer.axes_ = order;
       const Buf in = Buf::Int(bits, dims);
       const auto count = static_cast<unsigned>(in.Count());
-      Memory source(AnyBits(random));
-      Memory target(AnyBits(random));
-      ASSERT_TRUE(vek_model::PermuteDense(sizeof(T), dims, order, source, target, count));
-      ExactBuffers buffers(AnyGuard(random));
-      ASSERT_TRUE(
-          layer.template Permute_v1<T>(in, buffers.Of<T>(source), count, buffers.Of<T>(target), count));
-      ASSERT_EQ(buffers.Difference(), "") << ListText(dims) << " by " << ListText(order);
+      SCOPED_TRACE(ListText(dims) + " by " + ListText(order));
+      ExpectSameBytes(
+          random,
+          [&](Memory& from, Memory& to) {
+            EXPECT_TRUE(vek_model::PermuteDense(sizeof(T), dims, order, from, to, count));
+          },
+          [&](void* from, void* to) {
+            EXPECT_TRUE(
+                layer.template Permute_v1<T>(in, static_cast<T*>(from), count, static_cast<T*>(to), count));
+          });
+      if (testing::Test::HasFailure()) return;
     } while (std::next_permutation(order.begin(), order.end()));
   }
 }
@@ -779,12 +777,11 @@ TEST(PermuteKernel, FormatsNarrowerThanAByteHaveNoStrides) {
   OpenPermute layer;
   Buf in = Buf::Packed({2, 3, 2, 2}, Buf::Planar(4, false, 2)).Pad(3, 5);
   Random random(1);
-  Memory source(AnyBits(random));
-  Memory target(AnyBits(random));
-  vek_model::UnpackToNhwc(1, in, source, target);
-  ExactBuffers buffers(Guard::kAfter);
-  layer.UnpackToNhwc(in, buffers.Of<char>(source), buffers.Of<char>(target));
-  EXPECT_EQ(buffers.Difference(), "");
+  ExpectSameBytes(
+      random, [&](Memory& from, Memory& to) { vek_model::UnpackToNhwc(1, in, from, to); },
+      [&](void* from, void* to) {
+        layer.UnpackToNhwc(in, static_cast<char*>(from), static_cast<char*>(to));
+      });
 
   // A row of pixels of four floats, of which the first is in use.
   layer.axes_ = {0, 1, 3, 2};

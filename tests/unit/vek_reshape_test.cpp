@@ -3,16 +3,14 @@
 
 #include <gtest/gtest.h>
 
-#include "cases/contents.h"
 #include "cases/layer_case.h"
 #include "model/vek_reshape.h"
-#include "support/exact_buffers.h"
+#include "support/formula_check.h"
 #include "support/refusals.h"
 
 namespace vek_test {
 namespace {
 
-using vek_cases::AnyBits;
 using vek_model::Memory;
 
 constexpr const char* kFile = "vek_reshape.cpp";
@@ -24,15 +22,9 @@ Setup Valid(unsigned r = 2) {
 }
 
 // Runs 32-bit values through the layer.
-std::vector<int> Outputs(const std::vector<unsigned>& in_dims, const std::vector<unsigned>& out_dims,
-                         const std::string& factor, const std::vector<int>& values) {
-  Layer layer("RESHAPE");
-  EXPECT_TRUE(layer.Configure({{"pixelshuffler", factor}}, {Buf::Float(in_dims)}, {Buf::Float(out_dims)}));
-  GuardedBuffer in = Guarded(values);
-  GuardedBuffer out(in.bytes());
-  EXPECT_TRUE(layer.Execute({in.data()}, {out.data()}));
-  EXPECT_EQ(layer.log, Log{});
-  return out.Get<int>();
+std::vector<int> Shuffled(const std::vector<unsigned>& in_dims, const std::vector<unsigned>& out_dims,
+                          const std::string& factor, const std::vector<int>& values) {
+  return Outputs("RESHAPE", {{"pixelshuffler", factor}}, Buf::Float(in_dims), Buf::Float(out_dims), values);
 }
 
 std::vector<int> Ramp(int count) {
@@ -41,14 +33,14 @@ std::vector<int> Ramp(int count) {
   return values;
 }
 
-TEST(Reshape, FactorOneCopies) { EXPECT_EQ(Outputs({1, 2, 3, 4}, {1, 24, 1, 1}, "1", Ramp(24)), Ramp(24)); }
+TEST(Reshape, FactorOneCopies) { EXPECT_EQ(Shuffled({1, 2, 3, 4}, {1, 24, 1, 1}, "1", Ramp(24)), Ramp(24)); }
 
 TEST(Reshape, FourChannelsBecomeOneBlock) {
-  EXPECT_EQ(Outputs({1, 4, 1, 1}, {1, 1, 2, 2}, "2", {0, 1, 2, 3}), (std::vector{0, 1, 2, 3}));
+  EXPECT_EQ(Shuffled({1, 4, 1, 1}, {1, 1, 2, 2}, "2", {0, 1, 2, 3}), (std::vector{0, 1, 2, 3}));
 }
 
 TEST(Reshape, BlocksOfTheShuffleAreInnermostInTheChannels) {
-  const std::vector<int> out = Outputs({1, 8, 2, 2}, {1, 2, 4, 4}, "2", Ramp(32));
+  const std::vector<int> out = Shuffled({1, 8, 2, 2}, {1, 2, 4, 4}, "2", Ramp(32));
   EXPECT_EQ(std::vector(out.begin() + 16, out.end()),
             (std::vector{16, 20, 17, 21, 24, 28, 25, 29, 18, 22, 19, 23, 26, 30, 27, 31}));
 }
@@ -90,7 +82,7 @@ TEST(Reshape, BytesAreComparedWithElementsWhateverTheirWidth) {
 }
 
 TEST(Reshape, AFactorIsNarrowedTo32Bits) {
-  EXPECT_EQ(Outputs({1, 4, 1, 1}, {1, 2, 2, 1}, "4294967297", Ramp(4)), Ramp(4));
+  EXPECT_EQ(Shuffled({1, 4, 1, 1}, {1, 2, 2, 1}, "4294967297", Ramp(4)), Ramp(4));
 }
 
 TEST(Reshape, ExecuteRefusesInOrder) {
@@ -157,12 +149,10 @@ TEST(Reshape, AnInputThatIsNotPackedIsShuffledIn32Bits) {
   setup.out[0] = Buf::Int(8, setup.out[0].dims);
   Layer layer("RESHAPE");
   ASSERT_TRUE(layer.Configure(setup.attrs, setup.in, setup.out));
-  Memory in(AnyBits(random));
-  Memory out(AnyBits(random));
-  vek_model::PixelShuffle(4, 2, vek_model::Shape(setup.in[0]), in, out);
-  ExactBuffers buffers(AnyGuard(random));
-  EXPECT_TRUE(layer.Execute({buffers.Of(in)}, {buffers.Of(out)}));
-  EXPECT_EQ(buffers.Difference(), "");
+  ExpectSameBytes(
+      random,
+      [&](Memory& in, Memory& out) { vek_model::PixelShuffle(4, 2, vek_model::Shape(setup.in[0]), in, out); },
+      [&](void* in, void* out) { EXPECT_TRUE(layer.Execute({in}, {out})); });
 }
 
 TEST(Reshape, ARefusedConfigureLeavesItsFactorAlone) {
@@ -253,12 +243,14 @@ TEST(Reshape, AFactorAbove65536IsTakenByItsSquareIn32Bits) {
 // The kernel for elements of that type.
 template <typename T>
 void ExpectFormula(const Buf& in, int r, Random& random) {
-  Memory from(AnyBits(random));
-  Memory to(AnyBits(random));
-  vek_model::PixelShuffle(sizeof(T), static_cast<unsigned>(r), vek_model::Shape(in), from, to);
-  ExactBuffers buffers(AnyGuard(random));
-  zeb_custom_ops::pixelshuffle(buffers.Of<T>(to), buffers.Of<T>(from), r, in);
-  EXPECT_EQ(buffers.Difference(), "");
+  ExpectSameBytes(
+      random,
+      [&](Memory& from, Memory& to) {
+        vek_model::PixelShuffle(sizeof(T), static_cast<unsigned>(r), vek_model::Shape(in), from, to);
+      },
+      [&](void* from, void* to) {
+        zeb_custom_ops::pixelshuffle(static_cast<T*>(to), static_cast<T*>(from), r, in);
+      });
 }
 
 TEST(Reshape, ChannelsThatAreNoMultipleOfTheBlockAreCopiedAllTheSame) {
@@ -321,17 +313,10 @@ TYPED_TEST_SUITE(ReshapeKernel, Widths);
 TYPED_TEST(ReshapeKernel, EqualsTheFormula) {
   Random random(6);
   for (unsigned r = 1; r <= 5; ++r) {
-    for (unsigned N : {1U, 2U}) {
-      for (unsigned C : {1U, 3U}) {
-        for (unsigned H : {1U, 2U, 3U, 5U}) {
-          for (unsigned W : {1U, 2U, 3U, 5U, 8U, 15U, 16U, 17U, 33U}) {
-            SCOPED_TRACE(testing::PrintToString(std::vector{r, N, C, H, W}));
-            ExpectFormula<TypeParam>(Buf::Int(8, {N, C * r * r, H, W}), static_cast<int>(r), random);
-            if (testing::Test::HasFailure()) return;
-          }
-        }
-      }
-    }
+    SCOPED_TRACE(r);
+    ForShapes([&](unsigned N, unsigned C, unsigned H, unsigned W) {
+      ExpectFormula<TypeParam>(Buf::Int(8, {N, C * r * r, H, W}), static_cast<int>(r), random);
+    });
   }
 }
 
