@@ -192,7 +192,7 @@ TEST(Pad, ExecuteRefusesInItsOrder) {
   layer.in_attrs_ = std::move(in);
   complains(null, given, {kNull, "can't calculate Pad"});
   complains(given, null, {kNull, "can't calculate Pad"});
-  complains(given, given, {"plane_pack of the input = 0, but should be at least 1"});
+  complains(given, given, {"plane_pack of the input = 0, but should be at least 1", "can't calculate Pad"});
 }
 
 TEST(Pad, KernelsRefuseNullBuffers) {
@@ -480,6 +480,28 @@ TEST(Pad, AnEdgeOfNoColumnsRepeatsWhatLiesInItsPlace) {
   const Pads pads = {0, 0, 0, 0, 1, 1, 1, 2};
   ExpectFormula(Buf::Int(16, {1, 2, 2, 0}), Buf::Int(16, {1, 2, 4, 3}), 2, pads, false, 0, random);
   ExpectFormula(Buf::Float({1, 2, 2, 0}), Buf::Float({1, 2, 4, 3}), 2, pads, true, 0, random);
+}
+
+TEST(Pad, AnEmptyInputNeedsNoPlanePack) {
+  for (const int pack : {0, -4}) {
+    for (std::size_t d = 0; d < 4; ++d) {
+      std::vector<unsigned> dims = {1, 2, 2, 3};
+      dims[d] = 0;
+      const Pads pads = {0, 1, 1, 1, 1, 2, 1, 2};
+      for (int mode : {0, 1, 3, 4}) {
+        // The border is what it is with a plane pack.
+        Buf in = Buf::Int(16, dims);
+        const Buf out = Buf::Int(16, PaddedDims(dims, pads));
+        reference::Pad formula{TensorOf(in, 2), TensorOf(out, 2), pads, {}};
+        formula.Border(mode);
+        in.format.plane_pack = pack;
+        Layer layer("PAD");
+        ASSERT_TRUE(layer.Configure(Attributes(mode, pads, "5"), {in}, {out}));
+        Random random(31);
+        ExpectMovesOf(16, formula.moves, 1, mode == 4 ? 5 : 0, random, ExecuteQuietly(layer));
+      }
+    }
+  }
 }
 
 TEST(Pad, BorderPositionsWrapAt32Bits) {

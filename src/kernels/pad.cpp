@@ -1,0 +1,283 @@
+#include "kernels/pad.h"
+
+#include <algorithm>
+
+#include "copy/strided_copy.h"
+
+namespace zeb_custom_ops::kernels {
+
+using detail::Loop;
+
+namespace {
+
+// --- The border of one axis, in units: elements of a row, rows of a plane, planes of an item, or items.
+
+// `copied` units, the first from `src` to `dst` and the others that many steps on, then `filled` units from
+// `fill_dst` on.
+struct Side {
+  unsigned copied = 0;
+  unsigned dst = 0;
+  unsigned src = 0;
+  int dst_step = 0;
+  int src_step = 0;
+  unsigned filled = 0;
+  unsigned fill_dst = 0;
+};
+using Sides = std::array<Side, 2>;  // before and after the interior
+
+Sides SidesOf(int mode, unsigned before, unsigned extent, unsigned after) {
+  const unsigned behind = before + extent;
+  if (mode == kConstant) return {Side{0, 0, 0, 0, 0, before, 0}, Side{0, 0, 0, 0, 0, after, behind}};
+  if (mode == kEdge)
+    return {Side{before, 0, before, 1, 0, 0, 0}, Side{after, behind, behind - 1, 1, 0, 0, 0}};
+  // Mirrored as far as the interior reaches; what lies farther out becomes 0.
+  const unsigned skipped = mode == kReflect ? 1 : 0;
+  const unsigned supply = extent > skipped ? extent - skipped : 0;
+  const unsigned left = std::min(supply, before);
+  const unsigned right = std::min(supply, after);
+  return {Side{left, before - 1, before + skipped, -1, 1, before - left, 0},
+          Side{right, behind, behind - 1 - skipped, 1, -1, after - right, behind + right}};
+}
+
+template <typename T>
+Sides Columns(const Border<T>& b) {
+  return SidesOf(b.mode, b.pads[6], b.interior.W, b.pads[7]);
+}
+template <typename T>
+Sides Rows(const Border<T>& b) {
+  return SidesOf(b.mode, b.pads[4], b.interior.H, b.pads[5]);
+}
+template <typename T>
+Sides Channels(const Border<T>& b) {
+  return SidesOf(b.mode, b.pads[2], b.interior.C, b.pads[3]);
+}
+template <typename T>
+Sides Batches(const Border<T>& b) {
+  return SidesOf(b.mode, b.pads[0], b.interior.N, b.pads[1]);
+}
+
+template <typename T>
+T Fill(const Border<T>& b) {
+  return b.mode == kConstant ? b.constant : T{0};
+}
+
+// Loops inside a unit, outermost first; those that are not given take one step.
+using UnitLoops = std::array<Loop, 3>;
+
+Loop InPlace(std::uint64_t extent, std::uint64_t step) { return MakeLoop(extent, step, step); }
+
+constexpr Loop kOnce = {1, 0, 0};
+
+}  // namespace
+
+// --- The formulas.
+
+template <typename T>
+void PlainCopyInterior(const Interior<T>& i) {
+  const auto [N, C, H, W] = i.extents;
+  const unsigned pack = i.in_layout.pack;
+  const unsigned groups = i.Groups();
+  for (unsigned n = 0; n < N; ++n) {
+    for (unsigned g = 0; g < groups; ++g) {
+      const unsigned c = g * pack;
+      const unsigned channels = std::min(pack, C - c);
+      for (unsigned h = 0; h < H; ++h) {
+        const unsigned src_row = i.in_layout.Position(n, g, h);
+        const auto dst_row =
+            static_cast<unsigned>(i.out_layout.Position(n + i.p0, c + i.p2, h + i.p4) + i.p6);
+        for (unsigned w = 0; w < W; ++w) {
+          for (unsigned k = 0; k < channels; ++k) {
+            i.out[dst_row + i.out_layout.Position(0, k, 0) + w] = i.in[src_row + w * pack + k];
+          }
+        }
+      }
+    }
+  }
+}
+
+namespace {
+
+// `origin` is where unit 0 of the axis starts, `step` leads to the next one.
+template <typename T>
+void PlainPadAxis(const Border<T>& b, unsigned origin, std::uint64_t step, const Sides& sides,
+                  const UnitLoops& loops) {
+  const auto unit = [&](unsigned i) { return static_cast<unsigned>(origin + i * step); };
+  const auto offset = [](std::size_t i, const Loop& loop) {
+    return static_cast<unsigned>(i) * static_cast<unsigned>(loop.dst_step);
+  };
+  const auto for_elements = [&](auto body) {
+    for (std::size_t i = 0; i < loops[0].extent; ++i) {
+      for (std::size_t j = 0; j < loops[1].extent; ++j) {
+        for (std::size_t k = 0; k < loops[2].extent; ++k) {
+          body(offset(i, loops[0]) + offset(j, loops[1]) + offset(k, loops[2]));
+        }
+      }
+    }
+  };
+  const T fill = Fill(b);
+  for (const Side& side : sides) {
+    for (unsigned i = 0; i < side.copied; ++i) {
+      const unsigned dst = unit(side.dst + i * static_cast<unsigned>(side.dst_step));
+      const unsigned src = unit(side.src + i * static_cast<unsigned>(side.src_step));
+      for_elements([&](unsigned at) { b.data[dst + at] = b.data[src + at]; });
+    }
+    for (unsigned i = 0; i < side.filled; ++i) {
+      const unsigned dst = unit(side.fill_dst + i);
+      for_elements([&](unsigned at) { b.data[dst + at] = fill; });
+    }
+  }
+}
+
+}  // namespace
+
+template <typename T>
+void PlainPad(const Border<T>& b) {
+  const TensorLayout& layout = b.layout;
+  const Loop planes = InPlace(b.whole.C, layout.plane);
+  const Loop rows = InPlace(b.whole.H, layout.line);
+  const Loop columns = InPlace(b.whole.W, 1);
+  for (unsigned n = 0; n < b.interior.N; ++n) {
+    const unsigned item = layout.Position(std::uint64_t{n} + b.pads[0], 0, 0);
+    for (unsigned c = 0; c < b.interior.C; ++c) {
+      const unsigned plane = item + layout.Position(0, std::uint64_t{c} + b.pads[2], 0);
+      for (unsigned h = 0; h < b.interior.H; ++h) {
+        const unsigned row = plane + layout.Position(0, 0, std::uint64_t{h} + b.pads[4]);
+        PlainPadAxis(b, row, 1, Columns(b), {kOnce, kOnce, kOnce});
+      }
+      PlainPadAxis(b, plane, layout.line, Rows(b), {columns, kOnce, kOnce});
+    }
+    PlainPadAxis(b, item, layout.plane, Channels(b), {rows, columns, kOnce});
+  }
+  PlainPadAxis(b, 0, layout.batch, Batches(b), {planes, rows, columns});
+}
+
+// --- By strided copies.
+
+namespace {
+
+// Groups `first` to before `last` of one batch item, which have as many channels each.
+template <typename T>
+void CopyEqualGroups(const Interior<T>& i, unsigned n, unsigned first, unsigned last, unsigned channels) {
+  if (first >= last) return;
+  const unsigned pack = i.in_layout.pack;
+  const std::uint64_t c = std::uint64_t{first} * pack;
+  const auto dst_at = static_cast<unsigned>(i.out_layout.Position(n + i.p0, c + i.p2, i.p4) + i.p6);
+  detail::StridedCopy(
+      i.out + dst_at, i.in + i.in_layout.Position(n, first, 0),
+      {MakeLoop(last - first, i.in_layout.plane, pack * i.out_layout.plane),
+       MakeLoop(channels, 1, i.out_layout.plane), MakeLoop(i.extents.H, i.in_layout.line, i.out_layout.line),
+       MakeLoop(i.extents.W, pack, 1)});
+}
+
+// Groups of channels of one batch item become planes.
+template <typename T>
+void CopyGroups(const Interior<T>& i, unsigned n, unsigned first, unsigned last) {
+  const unsigned pack = i.in_layout.pack;
+  const unsigned filled = std::min(last, i.extents.C / pack);
+  CopyEqualGroups(i, n, first, filled, pack);
+  CopyEqualGroups(i, n, filled, last, i.extents.C % pack);
+}
+
+// As `PlainPadAxis`; the loops may also run around a unit, where rows are taken together.
+template <typename T>
+void PadAxis(const Border<T>& b, unsigned origin, std::uint64_t step, const Sides& sides,
+             const UnitLoops& loops) {
+  const auto signed_step = static_cast<std::ptrdiff_t>(step);
+  const auto from_one = [](const Loop& loop) { return Loop{loop.extent, 0, loop.dst_step}; };
+  const T fill = Fill(b);
+  for (const Side& side : sides) {
+    if (side.copied != 0) {
+      detail::StridedCopy(b.data + (origin + side.dst * step), b.data + (origin + side.src * step),
+                          {{side.copied, side.src_step * signed_step, side.dst_step * signed_step},
+                           loops[0],
+                           loops[1],
+                           loops[2]});
+    }
+    if (side.filled != 0) {
+      detail::StridedCopy(
+          b.data + (origin + side.fill_dst * step), &fill,
+          {{side.filled, 0, signed_step}, from_one(loops[0]), from_one(loops[1]), from_one(loops[2])});
+    }
+  }
+}
+
+// Columns and rows of planes of several channels, taken together.
+template <typename T>
+void PadPlanes(const Border<T>& b, unsigned n, unsigned c, unsigned planes) {
+  const TensorLayout& layout = b.layout;
+  const unsigned plane = layout.Position(std::uint64_t{n} + b.pads[0], std::uint64_t{c} + b.pads[2], 0);
+  const unsigned row = plane + layout.Position(0, 0, b.pads[4]);
+  const Loop each_plane = InPlace(planes, layout.plane);
+  PadAxis(b, row, 1, Columns(b), {each_plane, InPlace(b.interior.H, layout.line), kOnce});
+  PadAxis(b, plane, layout.line, Rows(b), {each_plane, InPlace(b.whole.W, 1), kOnce});
+}
+
+template <typename T>
+void PadChannels(const Border<T>& b, unsigned n) {
+  PadAxis(b, b.layout.Position(std::uint64_t{n} + b.pads[0], 0, 0), b.layout.plane, Channels(b),
+          {InPlace(b.whole.H, b.layout.line), InPlace(b.whole.W, 1), kOnce});
+}
+
+template <typename T>
+void PadBatches(const Border<T>& b) {
+  PadAxis(b, 0, b.layout.batch, Batches(b),
+          {InPlace(b.whole.C, b.layout.plane), InPlace(b.whole.H, b.layout.line), InPlace(b.whole.W, 1)});
+}
+
+}  // namespace
+
+template <typename T>
+void CopyInterior(const Interior<T>& i) {
+  for (unsigned n = 0; n < i.extents.N; ++n) CopyGroups(i, n, 0, i.Groups());
+}
+
+template <typename T>
+void Pad(const Border<T>& b) {
+  for (unsigned n = 0; n < b.interior.N; ++n) {
+    PadPlanes(b, n, 0, b.interior.C);
+    PadChannels(b, n);
+  }
+  PadBatches(b);
+}
+
+template <typename T>
+void CopyAndPad(const Interior<T>& i, const Border<T>& b) {
+  constexpr std::uint64_t kCachedBytes = 16384;
+  const unsigned pack = i.in_layout.pack;
+  const std::uint64_t group_bytes = std::max<std::uint64_t>(1, pack * b.layout.plane * sizeof(T));
+  const auto block = static_cast<unsigned>(std::max<std::uint64_t>(1, kCachedBytes / group_bytes));
+  const unsigned groups = i.Groups();
+  for (unsigned n = 0; n < i.extents.N; ++n) {
+    for (unsigned g = 0; g < groups; g += std::min(block, groups - g)) {
+      const unsigned end = g + std::min(block, groups - g);
+      CopyGroups(i, n, g, end);
+      const unsigned c = g * pack;
+      PadPlanes(b, n, c, end == groups ? i.extents.C - c : (end - g) * pack);
+    }
+    PadChannels(b, n);
+  }
+  PadBatches(b);
+}
+
+template void PlainCopyInterior<float>(const Interior<float>&);
+template void PlainCopyInterior<int>(const Interior<int>&);
+template void PlainCopyInterior<short>(const Interior<short>&);
+template void PlainCopyInterior<char>(const Interior<char>&);
+template void PlainPad<float>(const Border<float>&);
+template void PlainPad<int>(const Border<int>&);
+template void PlainPad<short>(const Border<short>&);
+template void PlainPad<char>(const Border<char>&);
+template void CopyInterior<float>(const Interior<float>&);
+template void CopyInterior<int>(const Interior<int>&);
+template void CopyInterior<short>(const Interior<short>&);
+template void CopyInterior<char>(const Interior<char>&);
+template void Pad<float>(const Border<float>&);
+template void Pad<int>(const Border<int>&);
+template void Pad<short>(const Border<short>&);
+template void Pad<char>(const Border<char>&);
+template void CopyAndPad<float>(const Interior<float>&, const Border<float>&);
+template void CopyAndPad<int>(const Interior<int>&, const Border<int>&);
+template void CopyAndPad<short>(const Interior<short>&, const Border<short>&);
+template void CopyAndPad<char>(const Interior<char>&, const Border<char>&);
+
+}  // namespace zeb_custom_ops::kernels
