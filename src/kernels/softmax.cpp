@@ -1,7 +1,6 @@
 #include "kernels/softmax.h"
 
 #include <algorithm>
-#include <cmath>
 #include <cstddef>
 
 #include "math/exact_math.h"
@@ -20,7 +19,7 @@ void PlainSoftmaxAt(const float* in, float* out, unsigned start, unsigned len, u
   }
   float sum = 0.0F;
   for (unsigned k = 0; k < len; ++k) {
-    const float e = std::exp(in[start + k * step] - max);
+    const float e = detail::PlainExp(in[start + k * step] - max);
     out[start + k * step] = e;
     sum += e;
   }

@@ -17,6 +17,7 @@ inline constexpr ProductTile kProductTile = {.rows = 3, .vectors = 2, .loads_ahe
 inline constexpr std::size_t kMapVectors = 4;  // loads and stores of pairs
 
 inline Floats Splat(float value) { return vdupq_n_f32(value); }
+inline Floats Sqrt(Floats v) { return vsqrtq_f32(v); }
 inline Floats Max(Floats a, Floats b) { return vmaxq_f32(a, b); }
 inline float MaxLane(Floats v) { return vmaxvq_f32(v); }
 inline bool AllLanes(Ints holds) { return vminvq_u32(reinterpret_cast<uint32x4_t>(holds)) != 0; }
@@ -42,11 +43,10 @@ inline Wide<ULongs> LookUp16(const std::uint64_t* table, UInts index) {
   return {{ULongs{table[bytes[0]], table[bytes[4]]}, ULongs{table[bytes[8]], table[bytes[12]]}}};
 }
 
-// An instruction rounds, halves away from zero; the product is rounded before.
+// Of two integers that are as near, the one away from zero is taken.
 inline Split SplitAtInteger(Doubles z) {
   return {reinterpret_cast<ULongs>(vcvtaq_s64_f64(z)), z - static_cast<Doubles>(vrndaq_f64(z))};
 }
-inline Split SplitProductAtInteger(Doubles a, Doubles b) { return SplitAtInteger(a * b); }
 
 inline Floats LoadFours(const float* const* rows, std::size_t i, std::size_t k) {
   return Load<Floats>(rows[i] + k);

@@ -7,6 +7,7 @@
 //   kProductTile                  how many sums of a matrix product stay in registers, see kernels/matmul.cpp
 //   kMapVectors                   vectors of an element-wise function that are computed before they are stored
 //   Splat(x)                      the same value in all lanes
+//   Sqrt(v)                       the square root
 //   Max(a, b)                     the greater, lane by lane. A NaN in `b` stays; one in `a` may give either
 //   MaxLane(v)                    the greatest lane; of lanes among which there is a NaN, any
 //   AllLanes(holds)               of a comparison's result: true when it holds in every lane
@@ -16,8 +17,7 @@
 //   LookUp32(table, i)            table[i modulo 32], lane by lane. `table` holds its 32 entries eight times over, 256 in
 //                                 all: a target that indexes memory uses the low byte of `i`, which is at hand
 //   LookUp16(table, i)            table[i], lane by lane, for i below 16
-//   SplitAtInteger, SplitProductAtInteger
-//                                 the nearest integer to z, or to a * b, and the rest, as the target's C library takes them
+//   SplitAtInteger(z)             the nearest integer to z, and the rest; two that are as near differ by target
 //   LoadFours(rows, i, k)         rows[i][k] to rows[i][k + 3]; behind them, in a vector of eight lanes, the same of row i + 4
 //   StoreInterleaved<T, k>, LoadInterleaved<T, k>
 //                                 k vectors to and from memory in which their elements alternate

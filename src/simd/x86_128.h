@@ -21,6 +21,7 @@ inline constexpr bool kHasFma = false;
 inline constexpr ProductTile kProductTile = {.rows = 4, .vectors = 1, .loads_ahead = false};
 
 inline Floats Splat(float value) { return _mm_set1_ps(value); }
+inline Floats Sqrt(Floats v) { return _mm_sqrt_ps(v); }
 inline bool AllLanes(Ints holds) { return (holds[0] & holds[1] & holds[2] & holds[3]) != 0; }
 
 inline Wide<Doubles> Widen(Floats v) { return {{_mm_cvtps_pd(v), _mm_cvtps_pd(_mm_movehl_ps(v, v))}}; }

@@ -15,6 +15,7 @@ inline constexpr bool kShufflesBytes = true;
 inline constexpr bool kHasFma = true;
 
 inline Floats Splat(float value) { return _mm256_set1_ps(value); }
+inline Floats Sqrt(Floats v) { return _mm256_sqrt_ps(v); }
 inline bool AllLanes(Ints holds) { return _mm256_movemask_ps(reinterpret_cast<__m256>(holds)) == 0xFF; }
 inline Floats Fma(Floats a, Floats b, Floats c) { return _mm256_fmadd_ps(a, b, c); }
 

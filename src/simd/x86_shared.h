@@ -18,16 +18,11 @@ inline float MaxLane(Floats v) {
   return max;
 }
 
-// A number so large is added that the sum has no fraction. The C library's compiler fuses the product of `expf` into
-// this sum and into the difference.
+// A number so large is added that the sum has no fraction. Of two integers that are as near, the even one is taken.
 inline constexpr double kNoFractionFromHere = 0x1.8p52;
 inline Split SplitAtInteger(Doubles z) {
   const Doubles shifted = z + kNoFractionFromHere;
   return {reinterpret_cast<ULongs>(shifted), z - (shifted - kNoFractionFromHere)};
-}
-inline Split SplitProductAtInteger(Doubles a, Doubles b) {
-  const Doubles shifted = Fma(a, b, Doubles{} + kNoFractionFromHere);
-  return {reinterpret_cast<ULongs>(shifted), Fma(a, b, kNoFractionFromHere - shifted)};
 }
 
 template <typename T, std::size_t k>

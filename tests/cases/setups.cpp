@@ -4,6 +4,8 @@
 #include <functional>
 #include <map>
 
+#include "custom_ops/layer_types.h"
+
 namespace vek_cases {
 namespace {
 
@@ -595,10 +597,9 @@ void SpoilBuf(Buf& buf, Random& random) {
 
 }  // namespace
 
-const std::vector<std::string> kLayerTypes = {"SOFTMAX",  "DATA_STRIDE_CONV", "RESHAPE",      "BROADCAST",
-                                              "ARGMAX",   "NORMALIZE",        "MATMUL",       "PERMUTE",
-                                              "SWCONCAT", "DEPTHTOSPACE",     "PAD",          "GATHER",
-                                              "ELTWISE",  "SPACETOBATCH",     "SPACETODEPTH", "BATCHTOSPACE"};
+#define VEK_NAME(name, layer) name,
+const std::vector<std::string> kLayerTypes = {VEK_LAYER_TYPES(VEK_NAME)};
+#undef VEK_NAME
 
 Setup ValidSetup(const std::string& type, Random& random) {
   static const std::map<std::string, std::function<Setup(Random&)>> makers = {

@@ -3,6 +3,8 @@
 #include <cmath>
 #include <cstdlib>
 
+#include "model/exact_math.h"
+
 namespace vek_model {
 namespace {
 
@@ -40,7 +42,7 @@ void Add(u32 count, float k, Memory& in, Memory& out) {
 void Power(u32 count, float k, Memory& in, Memory& out) {
   for (u32 i = 0; i < count; ++i) {
     const float x = in.Load<float>(i);
-    out.Store(i, k != -1.0F ? powf(x, k) : -k / x);
+    out.Store(i, k != -1.0F ? Pow(x, k) : -k / x);
   }
 }
 

@@ -2,6 +2,8 @@
 
 #include <cmath>
 
+#include "model/exact_math.h"
+
 namespace vek_model {
 
 bool Softmax(const Shape& s, u32 axis, Memory& in, u32 count, Memory& out) {
@@ -27,7 +29,7 @@ bool Softmax(const Shape& s, u32 axis, Memory& in, u32 count, Memory& out) {
         if (count < len * step) return false;
         float sum = 0;
         for (u32 k = 0; k < len; ++k) {
-          const float e = expf(in.Load<float>(at(k)) - largest);
+          const float e = Exp(in.Load<float>(at(k)) - largest);
           out.Store(at(k), e);
           sum += e;
         }

@@ -7,6 +7,8 @@ Needs nothing but Python's standard library; arrays and pictures are written and
 import ast
 import math
 import os
+import pathlib
+import re
 import struct
 import subprocess
 import sys
@@ -15,8 +17,7 @@ import unittest
 import zlib
 
 VEKRUN = sys.argv[2:]
-TYPES = ["SOFTMAX", "DATA_STRIDE_CONV", "RESHAPE", "BROADCAST", "ARGMAX", "NORMALIZE", "MATMUL", "PERMUTE", "SWCONCAT",
-         "DEPTHTOSPACE", "PAD", "GATHER", "ELTWISE", "SPACETOBATCH", "SPACETODEPTH", "BATCHTOSPACE"]
+TYPES = re.findall(r'ENTRY\("([A-Z_]+)"', (pathlib.Path(__file__).parents[2] / "src/custom_ops/layer_types.h").read_text())
 CODES = {"<f4": "f", "|i1": "b", "|u1": "B", "<i2": "h", "<u2": "H", "<i4": "i", "<u4": "I"}
 
 
