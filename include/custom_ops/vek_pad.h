@@ -30,9 +30,9 @@ namespace zeb_custom_ops {
 ///   (constant - q8a_zero) * q8a_scale on every `Execute`.
 /// - Buffers: one input, one output; they must not overlap.
 /// - Refused in `Configure`: fewer than four attributes, lists that are too short, a buffer with fewer bytes
-///   than elements. Refused in `Execute`: any other format, an unknown bit depth, a null data pointer, a
-///   plane_pack below 1 of an input that is not empty. Nothing checks that the extents and pads agree with
-///   the output.
+///   than elements. Refused in `Execute`: any other format, an unknown bit depth, a null data pointer, on
+///   the direct path a plane_pack below 1 of an input that is not empty. Nothing checks that the extents and
+///   pads agree with the output.
 /// - Scratch: none.
 class ZEB_EXPORT VekPad : public zeb::PuxDnnCustomLayer {
  public:

@@ -1,8 +1,7 @@
 #include "cases/layer_case.h"
 
 #include <algorithm>
-#include <cmath>
-#include <map>
+#include <list>
 #include <memory>
 #include <optional>
 #include <sstream>
@@ -15,7 +14,7 @@
 #include "custom_ops/vek_common.h"
 #include "model/list.h"
 #include "model/model.h"
-#include "support/guarded_buffer.h"
+#include "support/exact_buffers.h"
 #include "support/plugin.h"
 
 namespace vek_cases {
@@ -26,11 +25,11 @@ using vek_model::Budget;
 using vek_model::Memory;
 using vek_test::Buf;
 using vek_test::BufAttrsList;
-using vek_test::GuardedBuffer;
+using vek_test::ExactBuffers;
+using vek_test::Guard;
 using vek_test::Log;
 using vek_test::LogLine;
 using vek_test::Plugin;
-using Bytes = std::vector<std::uint8_t>;
 
 // --- What one call did.
 
@@ -69,25 +68,6 @@ std::string Difference(const Outcome& actual, const Outcome& expected) {
   std::ostringstream text;
   text << actual << "\n  expected: " << expected;
   return text.str();
-}
-
-// For computed floats, a NaN agrees with any other.
-std::string Difference(const Bytes& actual, const Bytes& expected, bool computes) {
-  if (actual == expected) return {};
-  for (std::size_t i = 0; i + 4 <= actual.size() && computes; i += 4) {
-    float a;
-    float e;
-    std::memcpy(&a, actual.data() + i, sizeof a);
-    std::memcpy(&e, expected.data() + i, sizeof e);
-    if (std::memcmp(&a, &e, sizeof a) == 0 || (std::isnan(a) && std::isnan(e))) continue;
-    std::ostringstream text;
-    text << "float " << i / 4 << " of " << actual.size() / 4 << std::hexfloat << " is " << a << ", expected "
-         << e;
-    return text.str();
-  }
-  if (computes) return {};
-  const auto at = std::mismatch(actual.begin(), actual.end(), expected.begin()).first - actual.begin();
-  return "byte " + std::to_string(at) + " of " + std::to_string(actual.size()) + " differs";
 }
 
 std::string Describe(const Setup& setup) {
@@ -135,6 +115,7 @@ class Pair {
   // What differs, with all that was done before; empty for nothing.
   const std::string& difference() const { return difference_; }
   unsigned executed() const { return executed_; }
+  const Log& log() const { return log_; }
 
   void Configure(const Setup& setup) {
     trail_ += "\n  Configure with" + Describe(setup);
@@ -144,65 +125,74 @@ class Pair {
             [&] { return layer_->Configure(setup.attrs, in, out); });
   }
 
-  void Execute(Random& random) {
-    trail_ += "\n  Execute";
-    Budget budget{200000, 1 << 20};
-    std::vector<std::unique_ptr<Memory>> memories;
-    const Arrays arrays = AnyArrays(random, budget, memories);
-
-    // The layer gets exact buffers behind which nothing is mapped, once the model knows how far they reach.
-    const vek_test::Guard guard = random.OneIn(2) ? vek_test::Guard::kBefore : vek_test::Guard::kAfter;
-    std::map<const Memory*, GuardedBuffer> buffers;
-    const auto pointers = [&](const std::vector<Memory*>& from) {
-      std::vector<void*> to;
-      for (const Memory* memory : from) to.push_back(memory == nullptr ? nullptr : buffers.at(memory).data());
-      return to;
-    };
-    const Outcome outcome =
-        Compare([&] { return model_->Execute(arrays); },
-                [&] {
-                  for (const auto& memory : memories) {
-                    buffers.emplace(memory.get(), vek_test::Guarded(memory->Initial(), guard));
-                  }
-                  std::vector<void*> in = pointers(arrays.in);
-                  std::vector<void*> out = pointers(arrays.out);
-                  return layer_->Execute(arrays.in_null ? nullptr : in.data(),
-                                         arrays.out_null ? nullptr : out.data());
-                });
-    if (!difference_.empty()) return;
-    executed_ += outcome.result ? 1 : 0;
-    for (std::size_t i = 0; i < memories.size(); ++i) {
-      const std::string difference =
-          Difference(buffers.at(memories[i].get()).Get(), memories[i]->Get(), model_->Computes());
-      if (!difference.empty()) return Differ("buffer " + std::to_string(i) + ": " + difference);
-    }
+  // Now and then with null pointers, one buffer for several inputs, or the output in an input's where that is defined.
+  void ExecuteAnyhow(Random& random) {
+    Memories memories;
+    const Arrays arrays = AnyArrays(random, memories);
+    Execute(arrays, vek_test::AnyGuard(random));
+  }
+  // With a buffer for each input and the output.
+  void ExecutePlainly(Random& random, Guard guard) {
+    Memories memories;
+    Arrays arrays;
+    for (std::size_t i = 0; i < InputsGiven(); ++i) arrays.in.push_back(memories.Add(Contents(random, i)));
+    arrays.out.push_back(memories.Add(Contents(random, InputsGiven())));
+    Execute(arrays, guard);
   }
 
  private:
-  // Null pointers, one buffer for several inputs, and the output in an input's, where that is defined.
-  Arrays AnyArrays(Random& random, Budget& budget, std::vector<std::unique_ptr<Memory>>& memories) {
-    const auto memory = [&](Memory::Words words) {
-      return memories.emplace_back(std::make_unique<Memory>(std::move(words), &budget)).get();
+  // The memories of one call, and what it may take.
+  struct Memories {
+    Memory* Add(Memory::Words words) { return &list.emplace_back(std::move(words), &budget); }
+    Budget budget{200000, 1 << 20};
+    std::list<Memory> list;
+  };
+
+  // The layer gets exact buffers, once the model knows how far they reach.
+  void Execute(const Arrays& arrays, Guard guard) {
+    trail_ += "\n  Execute";
+    const auto target = std::find(arrays.in.begin(), arrays.in.end(), arrays.out[0]);
+    if (arrays.out[0] != nullptr && target != arrays.in.end()) {
+      trail_ += " in the buffer of input " + std::to_string(target - arrays.in.begin());
+    }
+    ExactBuffers buffers(guard);
+    const auto pointers = [&](const std::vector<Memory*>& memories) {
+      std::vector<void*> data;
+      for (const Memory* memory : memories) data.push_back(memory ? buffers.Of(*memory) : nullptr);
+      return data;
     };
-    const auto contents = [&](std::size_t input) {
-      const auto limit = model_->IndicesBelow(input);
-      if (limit != 0) return AnyIndices(random, limit);
-      return model_->Computes() ? AnyFloats(random) : AnyBits(random);
-    };
+    const Outcome outcome = Compare([&] { return model_->Execute(arrays); },
+                                    [&] {
+                                      std::vector<void*> in = pointers(arrays.in);
+                                      std::vector<void*> out = pointers(arrays.out);
+                                      return layer_->Execute(arrays.in_null ? nullptr : in.data(),
+                                                             arrays.out_null ? nullptr : out.data());
+                                    });
+    if (!difference_.empty()) return;
+    executed_ += outcome.result ? 1 : 0;
+    const std::string difference = buffers.Difference(model_->Computes());
+    if (!difference.empty()) Differ(difference);
+  }
+
+  std::size_t InputsGiven() const { return std::max<std::size_t>(model_->InputsRead(), 1); }
+  Memory::Words Contents(Random& random, std::size_t input) const {
+    const auto limit = model_->IndicesBelow(input);
+    if (limit != 0) return AnyIndices(random, limit);
+    return model_->Computes() ? AnyFloats(random) : AnyBits(random);
+  }
+  Arrays AnyArrays(Random& random, Memories& memories) const {
     const std::uint64_t nulls = random.Below(100);
     const bool same_inputs = random.OneIn(6);
     Arrays arrays;
     arrays.in_null = nulls == 99;
     arrays.out_null = nulls == 98;
-    const std::size_t inputs = std::max<std::size_t>(model_->InputsRead(), 1);
-    for (std::size_t i = 0; i < inputs; ++i) {
+    for (std::size_t i = 0; i < InputsGiven(); ++i) {
       const bool same = same_inputs && i > 0 && model_->IndicesBelow(i) == 0;
-      arrays.in.push_back(same ? arrays.in[0] : memory(contents(i)));
+      arrays.in.push_back(same ? arrays.in[0] : memories.Add(Contents(random, i)));
     }
-    const auto target = static_cast<std::size_t>(random.Below(inputs));
+    const auto target = static_cast<std::size_t>(random.Below(InputsGiven()));
     const bool in_place = random.OneIn(4) && !same_inputs && model_->RunsInPlace(target);
-    if (in_place) trail_ += " in the buffer of input " + std::to_string(target);
-    arrays.out.push_back(in_place ? arrays.in[target] : memory(contents(inputs)));
+    arrays.out.push_back(in_place ? arrays.in[target] : memories.Add(Contents(random, InputsGiven())));
     if (nulls == 97) arrays.in[0] = nullptr;
     if (nulls == 96) arrays.in.back() = nullptr;
     if (nulls == 95) arrays.out[0] = nullptr;
@@ -223,6 +213,7 @@ class Pair {
       Run(actual, layer_call);
       actual.log = capture.Stop();
     }
+    log_ = actual.log;
     const std::string difference = Difference(actual, expected);
     const bool complains = std::any_of(actual.log.begin(), actual.log.end(),
                                        [](const LogLine& line) { return line.level == "ERROR"; });
@@ -244,30 +235,54 @@ class Pair {
   std::string trail_;  // what was done so far
   std::string difference_;
   unsigned executed_ = 0;
+  Log log_;  // of the last call
 };
 
-}  // namespace
-
-CaseResult RunLayerCase(const std::string& type, Random& random) {
+// Runs `calls(pair)` on a new pair.
+template <typename Calls>
+CaseResult RunPair(const std::string& type, std::int32_t level, const Calls& calls) {
   CaseResult result;
   const long alive = Buf::alive;
-  const std::int32_t level = random.OneIn(12) ? random.OneOf({0, 1, 2}) : vek_test::kInfo;
   const vek_test::ScopedThreshold threshold(level);
   {
     Pair pair(type, level);
     try {
-      // Mostly one setup that runs, at times a few, of which some are refused.
-      for (std::uint64_t step = 1 + random.Below(4); step > 0 && pair.difference().empty(); --step) {
-        if (!random.OneIn(8)) pair.Configure(AnySetup(type, random));
-        if (!random.OneIn(8) && pair.difference().empty()) pair.Execute(random);
-      }
+      calls(pair);
     } catch (const vek_model::Skip&) {
       result.skipped = true;
     }
     result.difference = pair.difference();
     result.executed = pair.executed();
+    result.log = pair.log();
   }
   if (Buf::alive != alive) result.difference += "\ndescriptions leaked";
+  return result;
+}
+
+}  // namespace
+
+CaseResult RunLayerCase(const std::string& type, Random& random) {
+  const std::int32_t level = random.OneIn(12) ? random.OneOf({0, 1, 2}) : vek_test::kInfo;
+  return RunPair(type, level, [&](Pair& pair) {
+    // Mostly one setup that runs, at times a few, of which some are refused.
+    for (std::uint64_t step = 1 + random.Below(4); step > 0 && pair.difference().empty(); --step) {
+      if (!random.OneIn(8)) pair.Configure(AnySetup(type, random));
+      if (!random.OneIn(8) && pair.difference().empty()) pair.ExecuteAnyhow(random);
+    }
+  });
+}
+
+CaseResult RunSetups(const std::string& type, const std::vector<Setup>& setups, Random& random) {
+  CaseResult result = RunPair(type, vek_test::kInfo, [&](Pair& pair) {
+    for (const Setup& setup : setups) {
+      pair.Configure(setup);
+      for (const Guard guard : {Guard::kBefore, Guard::kAfter}) {
+        if (pair.difference().empty()) pair.ExecutePlainly(random, guard);
+      }
+      if (!pair.difference().empty()) break;
+    }
+  });
+  if (result.skipped) result.difference += "too large, or beyond what the contract says";
   return result;
 }
 

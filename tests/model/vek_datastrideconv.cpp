@@ -58,7 +58,8 @@ std::size_t DimsWalked(const Dims& dims) {
 
 // One side of a change of interleaving, in elements.
 struct Side {
-  Side(const Buf& buf, u32 element_bytes) : pack(static_cast<u32>(buf.format.plane_pack)) {
+  explicit Side(const Buf& buf) : pack(static_cast<u32>(buf.format.plane_pack)) {
+    const u32 element_bytes = buf.format.bitdepth < 8 ? 0 : static_cast<u32>(buf.format.bitdepth) / 8;
     line = Quotient(buf.line_stride, element_bytes);
     plane = buf.plane_stride == 0 ? line * buf.dims[2] : Quotient(buf.plane_stride, element_bytes);
     batch = TruncateToUnsigned(std::ceil(static_cast<float>(buf.dims[1]) / static_cast<float>(pack))) * plane;
@@ -110,9 +111,8 @@ void CopyDims(const Source& src, const Target& dst) {
 void ChangeInterleaving(u32 width, const Source& src, const Target& dst) {
   const Dims& dims = src.buf.dims;
   dst.data.Zero(0, dst.bytes);
-  const u32 element_bytes = src.buf.format.bitdepth < 8 ? 0 : static_cast<u32>(src.buf.format.bitdepth) / 8;
-  const Side s(src.buf, element_bytes);
-  const Side d(dst.buf, element_bytes);
+  const Side s(src.buf);
+  const Side d(dst.buf);
   for (u32 n = 0; n < dims[0]; ++n) {
     dst.data.Step();
     for (u32 c = 0; c < dims[1]; ++c) {

@@ -73,7 +73,8 @@ void PadBorder(u32 width, int mode, const Pads& p, const Shape& i, const Shape& 
                Memory& out) {
   if (mode < 1 || mode > 4) return;
   // Where rows or planes lie over each other, the order within one side shows, and nothing fixes it.
-  if (at.line < o.w || at.plane < u64{at.line} * o.h) throw Skip{};
+  const bool one_plane = u64{p[0]} + i.n + p[1] <= 1 && u64{p[2]} + i.c + p[3] <= 1;
+  if (at.line < o.w || (!one_plane && at.plane < u64{at.line} * o.h)) throw Skip{};
   const auto copy = [&](u32 to, u32 from) { out.Move(width, to, out, from); };
   const auto clear = [&](u32 to, u32 value) { out.Fill(width, to, value); };
   const auto for_row = [&](const auto& body) {

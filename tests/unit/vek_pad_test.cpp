@@ -1,16 +1,22 @@
-// PAD: refusals in their order, both paths, the four modes, the constant, layouts, malformed shapes, random cases.
+// PAD: refusals in their order, both paths, the four modes, the constant, layouts, malformed shapes.
 #include "custom_ops/vek_pad.h"
 
 #include <gtest/gtest.h>
 
-#include "reference/vek_pad_ref.h"
-#include "support/moves_check.h"
+#include <optional>
+
+#include "cases/layer_case.h"
+#include "model/vek_pad.h"
+#include "support/formula_check.h"
 #include "support/refusals.h"
 
 namespace vek_test {
 namespace {
 
 using namespace zeb_custom_ops;
+using vek_model::Memory;
+using vek_model::Pads;
+using vek_model::Steps;
 
 constexpr char kFile[] = "vek_pad.cpp";
 constexpr char kNull[] = "Pad_reflect_v1 input or output buffer is null.";
@@ -24,8 +30,6 @@ struct OpenPad : VekPad {
   using VekPad::pad_mode_;
   using VekPad::pad_shape_;
 };
-
-using Pads = std::array<unsigned, 8>;
 
 template <typename Numbers>
 std::string List(const Numbers& numbers) {
@@ -316,65 +320,33 @@ TEST(Pad, NegativeAndHugeConvertedConstantsSaturate) {
   EXPECT_EQ(converted(0.2F), 1U);
 }
 
+// Executes next to the model.
+void ExpectFormula(Buf in, Buf out, int mode, const Pads& pads, bool channels_last, unsigned pad,
+                   Random& random) {
+  in.size = static_cast<unsigned>(std::max<std::uint64_t>(in.size, in.Count()));
+  out.size = static_cast<unsigned>(std::max<std::uint64_t>(out.size, out.Count()));
+  const AttrMap attrs =
+      Attributes(mode, pads, std::to_string(pad), channels_last ? "[0,2,3,1]" : "[0,1,2,3]");
+  const auto result = vek_cases::RunSetups("PAD", {{attrs, {in}, {out}}}, random);
+  EXPECT_EQ(result.difference, "");
+  EXPECT_EQ(result.executed, 2U) << testing::PrintToString(result.log);
+}
+
 TEST(Pad, TheConstantOfTheDirectPathFollowsTheOutputsExponent) {
+  Random random(17);
   for (int bits : {8, 16, 32}) {
     for (int exp : {0, -3, -8, -14, -31, 4, 40}) {
       for (unsigned pad : {0U, 1U, 3U, 200U, 70000U, 4294967295U}) {
         const Buf in = Buf::Int(bits, {1, 1, 1, 1});
         Buf out = Buf::Int(bits, {1, 1, 1, 2});
         out.format.exp = exp;
-        Layer layer("PAD");
-        ASSERT_TRUE(
-            layer.Configure(Attributes(4, {0, 0, 0, 0, 0, 0, 1, 0}, std::to_string(pad)), {in}, {out}));
-        reference::Moves moves;
-        moves.FromInput(1, 0);
-        moves.Fill(0);
-        Random random(17);
-        ExpectMovesOf(static_cast<unsigned>(bits), moves, 1, reference::FixedPointFill(pad, exp, bits == 8),
-                      random, ExecuteQuietly(layer));
+        ExpectFormula(in, out, 4, {0, 0, 0, 0, 0, 0, 1, 0}, false, pad, random);
       }
     }
   }
 }
 
 // --- Whole tensors.
-
-reference::Tensor TensorOf(const Buf& buf, unsigned element_bytes) {
-  return {{buf.At(0), buf.At(1), buf.At(2), buf.At(3)},
-          buf.line_stride / element_bytes,
-          buf.plane_stride / element_bytes,
-          buf.PlanePack()};
-}
-
-// Executes with all pads as given and compares with the border kernels run one by one.
-void ExpectFormula(Buf in, Buf out, int mode, const Pads& pads, bool channels_last, unsigned pad,
-                   Random& random) {
-  const bool direct = out.format.plane_pack == 1 && !channels_last;
-  const unsigned bytes = direct ? in.ElementBytes() : 4;
-  reference::Pad formula{TensorOf(in, bytes), TensorOf(out, bytes), pads, {}};
-  std::uint32_t fill = 0;
-  if (direct) {
-    formula.CopyStrided();
-    if (mode == 4) fill = reference::FixedPointFill(pad, out.format.exp, bytes == 1);
-  } else {
-    formula.in = reference::Tensor::Dense(formula.in.dims);
-    formula.out = reference::Tensor::Dense(formula.out.dims);
-    formula.CopyDense();
-    const auto value = static_cast<float>(pad);
-    if (mode == 4) std::memcpy(&fill, &value, sizeof fill);
-  }
-  formula.Border(mode);
-  const reference::Moves& moves = formula.moves;
-  if (moves.too_many || moves.Reach(0) > 1U << 22 || moves.Reach(reference::Move::kOutput) > 1U << 22) return;
-
-  in.size = static_cast<unsigned>(std::max<std::uint64_t>(in.size, in.Count()));
-  out.size = static_cast<unsigned>(std::max<std::uint64_t>(out.size, out.Count()));
-  Layer layer("PAD");
-  ASSERT_TRUE(layer.Configure(
-      Attributes(mode, pads, std::to_string(pad), channels_last ? "[0,2,3,1]" : "[0,1,2,3]"), {in}, {out}))
-      << testing::PrintToString(layer.log);
-  ExpectMovesOf(bytes * 8, moves, 1, fill, random, ExecuteQuietly(layer), random.Between(0, 3));
-}
 
 std::vector<unsigned> PaddedDims(const std::vector<unsigned>& dims, const Pads& pads) {
   std::vector<unsigned> padded = dims;
@@ -483,25 +455,33 @@ TEST(Pad, AnEdgeOfNoColumnsRepeatsWhatLiesInItsPlace) {
 }
 
 TEST(Pad, AnEmptyInputNeedsNoPlanePack) {
+  Random random(31);
   for (const int pack : {0, -4}) {
     for (std::size_t d = 0; d < 4; ++d) {
       std::vector<unsigned> dims = {1, 2, 2, 3};
       dims[d] = 0;
       const Pads pads = {0, 1, 1, 1, 1, 2, 1, 2};
       for (int mode : {0, 1, 3, 4}) {
-        // The border is what it is with a plane pack.
         Buf in = Buf::Int(16, dims);
-        const Buf out = Buf::Int(16, PaddedDims(dims, pads));
-        reference::Pad formula{TensorOf(in, 2), TensorOf(out, 2), pads, {}};
-        formula.Border(mode);
         in.format.plane_pack = pack;
-        Layer layer("PAD");
-        ASSERT_TRUE(layer.Configure(Attributes(mode, pads, "5"), {in}, {out}));
-        Random random(31);
-        ExpectMovesOf(16, formula.moves, 1, mode == 4 ? 5 : 0, random, ExecuteQuietly(layer));
+        ExpectFormula(in, Buf::Int(16, PaddedDims(dims, pads)), mode, pads, false, 5, random);
       }
     }
   }
+}
+
+// Has `call(out_data)` make the border that the model makes, whose constant is 5.
+template <typename T, typename Call>
+Touched ExpectBorder(const Buf& in, const Buf& out, int mode, const Pads& pads, Random& random,
+                     const Call& call) {
+  constexpr std::uint32_t kFive = 0x40A00000;  // as a float
+  return ExpectSameBytes(
+      random,
+      [&](Memory&, Memory& to) {
+        vek_model::PadBorder(sizeof(T), mode, pads, vek_model::Shape(in), vek_model::Shape(out),
+                             Steps::Strided(sizeof(T), out, out.At(1)), kFive, to);
+      },
+      [&](void*, void* to) { EXPECT_TRUE(call(static_cast<T*>(to))); });
 }
 
 TEST(Pad, BorderPositionsWrapAt32Bits) {
@@ -516,14 +496,10 @@ TEST(Pad, BorderPositionsWrapAt32Bits) {
     const Buf in = Buf::Int(16, dims);
     Buf out = Buf::Int(16, PaddedDims(dims, p));
     (d == 1 ? out.plane_stride : out.line_stride) = 131072;
-    reference::Pad formula{TensorOf(in, 2), TensorOf(out, 2), p, {}};
-    formula.Border(3);
-    ASSERT_EQ(formula.moves.list.size(), 2U);
-    ExpectMoves<std::uint16_t>(formula.moves, 0, std::uint16_t{0}, random,
-                               [&](std::vector<void*>&, void* to) {
-                                 EXPECT_TRUE(Pad_reflectsymm_v1(in, out, p[0], p[1], p[2], p[3], p[4], p[5],
-                                                                p[6], p[7], false, static_cast<short*>(to)));
-                               });
+    const auto touched = ExpectBorder<short>(in, out, 3, p, random, [&](short* to) {
+      return Pad_reflectsymm_v1(in, out, p[0], p[1], p[2], p[3], p[4], p[5], p[6], p[7], false, to);
+    });
+    EXPECT_EQ(touched.out, 131072U + 4U);
   }
 }
 
@@ -533,47 +509,47 @@ TEST(Pad, KernelsFollowTheirFormulas) {
   const Pads p = {1, 1, 1, 2, 2, 1, 3, 5};
   const Buf in = Buf::Float(dims);
   const Buf out = Buf::Float(PaddedDims(dims, p));
-  const auto formula = [&](const Buf& target, unsigned bytes, int mode) {
-    reference::Pad pad{TensorOf(in, 4), TensorOf(target, bytes), p, {}};
-    if (mode == 0) {
-      pad.CopyDense();
-    } else {
-      pad.Border(mode);
-    }
-    return pad.moves;
+  const auto reflect = [&](const Buf& target, bool without_edge, auto* to) {
+    return Pad_reflectsymm_v1(in, target, p[0], p[1], p[2], p[3], p[4], p[5], p[6], p[7], without_edge, to);
   };
-  ExpectMoves<std::uint32_t>(formula(out, 4, 0), 1, 0U, random, [&](std::vector<void*>& from, void* to) {
-    EXPECT_TRUE(CopyBuffer_v1(in, out, p[0], p[2], p[4], p[6], static_cast<float*>(from[0]),
-                              static_cast<float*>(to)));
-  });
-  for (bool reflect : {false, true}) {
-    const int mode = reflect ? 1 : 3;
-    ExpectMoves<std::uint32_t>(formula(out, 4, mode), 0, 0U, random, [&](std::vector<void*>&, void* to) {
-      EXPECT_TRUE(Pad_reflectsymm_v1(in, out, p[0], p[1], p[2], p[3], p[4], p[5], p[6], p[7], reflect,
-                                     static_cast<float*>(to)));
-    });
-    Buf ints = out;
-    ints.Pad(8, 12);
-    ExpectMoves<std::uint32_t>(formula(ints, 4, mode), 0, 0U, random, [&](std::vector<void*>&, void* to) {
-      EXPECT_TRUE(Pad_reflectsymm_v1(in, ints, p[0], p[1], p[2], p[3], p[4], p[5], p[6], p[7], reflect,
-                                     static_cast<int*>(to)));
-    });
-    Buf shorts = Buf::Int(16, out.dims);
-    shorts.Pad(6, 2);
-    ExpectMoves<std::uint16_t>(
-        formula(shorts, 2, mode), 0, std::uint16_t{0}, random, [&](std::vector<void*>&, void* to) {
-          EXPECT_TRUE(Pad_reflectsymm_v1(in, shorts, p[0], p[1], p[2], p[3], p[4], p[5], p[6], p[7], reflect,
-                                         static_cast<short*>(to)));
-        });
+  ExpectSameBytes(
+      random,
+      [&](Memory& from, Memory& to) {
+        vek_model::CopyDenseInterior(p, vek_model::Shape(in), vek_model::Shape(out), from, to);
+      },
+      [&](void* from, void* to) {
+        EXPECT_TRUE(CopyBuffer_v1(in, out, p[0], p[2], p[4], p[6], static_cast<float*>(from),
+                                  static_cast<float*>(to)));
+      });
+  const Buf ints = Buf::Int(32, out.dims).Pad(8, 12);
+  const Buf shorts = Buf::Int(16, out.dims).Pad(6, 2);
+  for (const bool without_edge : {false, true}) {
+    const int mode = without_edge ? 1 : 3;
+    ExpectBorder<float>(in, out, mode, p, random, [&](float* to) { return reflect(out, without_edge, to); });
+    ExpectBorder<int>(in, ints, mode, p, random, [&](int* to) { return reflect(ints, without_edge, to); });
+    ExpectBorder<short>(in, shorts, mode, p, random,
+                        [&](short* to) { return reflect(shorts, without_edge, to); });
   }
-  ExpectMoves<std::uint32_t>(formula(out, 4, 2), 0, 0U, random, [&](std::vector<void*>&, void* to) {
-    EXPECT_TRUE(
-        Pad_edge_repli_v1(in, out, p[0], p[1], p[2], p[3], p[4], p[5], p[6], p[7], static_cast<float*>(to)));
+  ExpectBorder<float>(in, out, 2, p, random, [&](float* to) {
+    return Pad_edge_repli_v1(in, out, p[0], p[1], p[2], p[3], p[4], p[5], p[6], p[7], to);
   });
-  ExpectMoves<std::uint32_t>(formula(out, 4, 4), 0, 0x40A00000U, random, [&](std::vector<void*>&, void* to) {
-    EXPECT_TRUE(
-        Pad_const_v1(in, out, 5, p[0], p[1], p[2], p[3], p[4], p[5], p[6], p[7], static_cast<float*>(to)));
+  ExpectBorder<float>(in, out, 4, p, random, [&](float* to) {
+    return Pad_const_v1(in, out, 5, p[0], p[1], p[2], p[3], p[4], p[5], p[6], p[7], to);
   });
+}
+
+// The interior coordinate whose element belongs at coordinate `i` of a padded axis; none: the fill value.
+std::optional<std::uint32_t> PadSource(int mode, std::uint32_t i, std::uint32_t before,
+                                       std::uint32_t extent) {
+  const auto at = static_cast<std::int64_t>(i) - before;
+  const auto last = static_cast<std::int64_t>(extent) - 1;
+  if (at >= 0 && at <= last) return static_cast<std::uint32_t>(at);
+  std::int64_t source = -1;
+  if (mode == 1) source = at < 0 ? -at : 2 * last - at;
+  if (mode == 3) source = at < 0 ? -at - 1 : 2 * last - at + 1;
+  if (mode == 2 && last >= 0) source = at < 0 ? 0 : last;
+  if (source < 0 || source > last) return std::nullopt;
+  return static_cast<std::uint32_t>(source);
 }
 
 // A second formulation: each coordinate of a well-formed result from the input's coordinate that belongs there.
@@ -601,7 +577,7 @@ TEST(Pad, EachElementOfAWellFormedResultComesFromWhereItBelongs) {
             std::size_t source = 0;
             bool filled = false;
             for (std::size_t d = 0; d < 4; ++d) {
-              const auto s = reference::PadSource(mode, at[d], pads[2 * d], dims[d]);
+              const auto s = PadSource(mode, at[d], pads[2 * d], dims[d]);
               filled = filled || !s;
               source = source * dims[d] + s.value_or(0);
             }
@@ -629,50 +605,6 @@ TEST(Pad, AskingTheDescriptionsDoesNotGrowWithTheTensor) {
     for (const auto& count : Buf::calls) calls[large] += count;
   }
   EXPECT_EQ(calls[0], calls[1]);
-}
-
-TEST(Pad, RandomLayersFollowTheFormula) {
-  const ExpectNoLeakedClones no_leaks;
-  ForRandomCases(400, [](Random& random) {
-    const int bits = random.OneOf({8, 16, 32});
-    const bool channels_last = random.OneIn(4);
-    std::vector<unsigned> dims = {random.Between(0, 2), random.Between(0, 6), random.Between(0, 6),
-                                  random.Extent()};
-    Pads pads;
-    for (unsigned& p : pads) p = random.OneIn(2) ? 0 : random.Between(0, 5);
-    if (random.OneIn(10)) pads[7] += random.Between(10, 40);
-    const int mode = static_cast<int>(random.Between(0, 5));
-    std::vector<unsigned> whole = PaddedDims(dims, pads);
-    if (random.OneIn(6)) whole[random() % 4] = random.Between(0, 9);
-    Buf in =
-        Buf::Packed(dims, Buf::Planar(bits, false, static_cast<int>(random.OneOf({1U, 1U, 2U, 4U, 16U}))));
-    Buf out = Buf::Packed(whole, Buf::Planar(bits, false));
-    if (random.OneIn(2)) in.Pad(random.Between(0, 9), random.Between(0, 9));
-    if (random.OneIn(2)) out.Pad(random.Between(0, 9), random.Between(0, 9));
-    if (random.OneIn(12)) out.line_stride = random.Between(0, out.line_stride);
-    if (random.OneIn(12)) out.plane_stride = random.Between(0, out.plane_stride);
-    out.format.exp = random.OneIn(2) ? 0 : static_cast<int>(random.Between(0, 70)) - 35;
-    ExpectFormula(in, out, mode, pads, channels_last,
-                  static_cast<unsigned>(random() >> random.Between(32, 63)), random);
-  });
-}
-
-TEST(Pad, RandomTextsAndDescriptionsAreNeverRefusedSilently) {
-  const ExpectNoLeakedClones no_leaks;
-  ForRandomCases(400, [](Random& random) {
-    auto s = Valid();
-    const std::vector<Fault> faults = Faults();
-    for (unsigned k = random.Between(0, 2); k > 0; --k) random.OneOf(faults).spoil(s);
-    std::string text;
-    for (unsigned k = random.Between(0, 20); k > 0; --k)
-      text += random.OneOf({'[', ']', ',', '0', '1', '-', ' '});
-    if (random.OneIn(2))
-      s.attrs[random.OneOf<std::string>({"pad", "pad_mode", "pad_shape", "format"})] = text;
-    Layer layer("PAD");
-    const bool configured = layer.Configure(s.attrs, s.in, s.out);
-    EXPECT_EQ(configured, layer.log.empty());
-    EXPECT_EQ(IsConfigured(layer), configured);
-  });
 }
 
 }  // namespace

@@ -3,11 +3,15 @@
 
 #include <gtest/gtest.h>
 
-#include "reference/vek_reshape_ref.h"
-#include "support/moving_layer.h"
+#include "cases/layer_case.h"
+#include "model/vek_reshape.h"
+#include "support/formula_check.h"
+#include "support/refusals.h"
 
 namespace vek_test {
 namespace {
+
+using vek_model::Memory;
 
 constexpr const char* kFile = "vek_reshape.cpp";
 
@@ -18,15 +22,9 @@ Setup Valid(unsigned r = 2) {
 }
 
 // Runs 32-bit values through the layer.
-std::vector<int> Outputs(const std::vector<unsigned>& in_dims, const std::vector<unsigned>& out_dims,
-                         const std::string& factor, const std::vector<int>& values) {
-  Layer layer("RESHAPE");
-  EXPECT_TRUE(layer.Configure({{"pixelshuffler", factor}}, {Buf::Float(in_dims)}, {Buf::Float(out_dims)}));
-  GuardedBuffer in = Guarded(values);
-  GuardedBuffer out(in.bytes());
-  EXPECT_TRUE(layer.Execute({in.data()}, {out.data()}));
-  EXPECT_EQ(layer.log, Log{});
-  return out.Get<int>();
+std::vector<int> Shuffled(const std::vector<unsigned>& in_dims, const std::vector<unsigned>& out_dims,
+                          const std::string& factor, const std::vector<int>& values) {
+  return Outputs("RESHAPE", {{"pixelshuffler", factor}}, Buf::Float(in_dims), Buf::Float(out_dims), values);
 }
 
 std::vector<int> Ramp(int count) {
@@ -35,14 +33,14 @@ std::vector<int> Ramp(int count) {
   return values;
 }
 
-TEST(Reshape, FactorOneCopies) { EXPECT_EQ(Outputs({1, 2, 3, 4}, {1, 24, 1, 1}, "1", Ramp(24)), Ramp(24)); }
+TEST(Reshape, FactorOneCopies) { EXPECT_EQ(Shuffled({1, 2, 3, 4}, {1, 24, 1, 1}, "1", Ramp(24)), Ramp(24)); }
 
 TEST(Reshape, FourChannelsBecomeOneBlock) {
-  EXPECT_EQ(Outputs({1, 4, 1, 1}, {1, 1, 2, 2}, "2", {0, 1, 2, 3}), (std::vector{0, 1, 2, 3}));
+  EXPECT_EQ(Shuffled({1, 4, 1, 1}, {1, 1, 2, 2}, "2", {0, 1, 2, 3}), (std::vector{0, 1, 2, 3}));
 }
 
 TEST(Reshape, BlocksOfTheShuffleAreInnermostInTheChannels) {
-  const std::vector<int> out = Outputs({1, 8, 2, 2}, {1, 2, 4, 4}, "2", Ramp(32));
+  const std::vector<int> out = Shuffled({1, 8, 2, 2}, {1, 2, 4, 4}, "2", Ramp(32));
   EXPECT_EQ(std::vector(out.begin() + 16, out.end()),
             (std::vector{16, 20, 17, 21, 24, 28, 25, 29, 18, 22, 19, 23, 26, 30, 27, 31}));
 }
@@ -50,7 +48,6 @@ TEST(Reshape, BlocksOfTheShuffleAreInnermostInTheChannels) {
 TEST(Reshape, RefusesInOrder) {
   const auto line = [](const std::string& text) { return Log{Error(kFile, text)}; };
   const auto set_attrs = [](const AttrMap& attrs) { return [=](auto& setup) { setup.attrs = attrs; }; };
-  const auto set_size = [](unsigned size) { return [=](Buf& buf) { buf.size = size; }; };
   CheckOrderOfRefusals(
       "RESHAPE", Valid(),
       {
@@ -63,9 +60,9 @@ TEST(Reshape, RefusesInOrder) {
            line("expected one input and one output, got: 0 inputs, 1 outputs"), "counts"},
           {"two outputs", [](auto& setup) { setup.out.push_back(setup.out[0]); },
            line("expected one input and one output, got: 1 inputs, 2 outputs"), "counts"},
-          {"input with fewer bytes than elements", SpoilIn(set_size(479)),
+          {"input with fewer bytes than elements", [](auto& setup) { setup.in[0].size = 479; },
            line("Input buf size should be at least 480, but is 479")},
-          {"output with fewer bytes than elements", SpoilOut(set_size(479)),
+          {"output with fewer bytes than elements", [](auto& setup) { setup.out[0].size = 479; },
            line("Output buf size should be at least 480, but is 479")},
           {"factor 0", set_attrs({{"pixelshuffler", "x"}}),
            line("pixelshuffler = 0, but should be at least 1 and no multiple of 65536"), "attrs"},
@@ -85,7 +82,7 @@ TEST(Reshape, BytesAreComparedWithElementsWhateverTheirWidth) {
 }
 
 TEST(Reshape, AFactorIsNarrowedTo32Bits) {
-  EXPECT_EQ(Outputs({1, 4, 1, 1}, {1, 2, 2, 1}, "4294967297", Ramp(4)), Ramp(4));
+  EXPECT_EQ(Shuffled({1, 4, 1, 1}, {1, 2, 2, 1}, "4294967297", Ramp(4)), Ramp(4));
 }
 
 TEST(Reshape, ExecuteRefusesInOrder) {
@@ -151,34 +148,28 @@ TEST(Reshape, AnInputThatIsNotPackedIsShuffledIn32Bits) {
   setup.in[0] = Buf::Int(8, setup.in[0].dims).Pad(1, 0);
   setup.out[0] = Buf::Int(8, setup.out[0].dims);
   Layer layer("RESHAPE");
-  ReshapeModel model;
   ASSERT_TRUE(layer.Configure(setup.attrs, setup.in, setup.out));
-  model.Configure(setup.attrs, setup.in, setup.out);
-  const Outcome outcome = model.Execute();
-  EXPECT_EQ(outcome.bitdepth, 32);
-  CheckExecute(layer.get(), outcome, random);
+  ExpectSameBytes(
+      random,
+      [&](Memory& in, Memory& out) { vek_model::PixelShuffle(4, 2, vek_model::Shape(setup.in[0]), in, out); },
+      [&](void* in, void* out) { EXPECT_TRUE(layer.Execute({in}, {out})); });
 }
 
 TEST(Reshape, ARefusedConfigureLeavesItsFactorAlone) {
   Random random(2);
-  Layer layer("RESHAPE");
-  ReshapeModel model;
-  const auto configure = [&](const std::string& factor, const std::vector<Buf>& in,
-                             const std::vector<Buf>& out) {
-    const Log log = model.Configure({{"pixelshuffler", factor}}, in, out);
-    EXPECT_EQ(layer.Configure({{"pixelshuffler", factor}}, in, out), log.empty());
-    EXPECT_EQ(layer.log, log);
-    CheckExecute(layer.get(), model.Execute(), random);
-  };
   const auto valid = Valid();
-  configure("1", valid.in, valid.out);
-  configure("2", {}, {});        // the factor is the new one, the clones are the old ones
-  configure("0", valid.in, {});  // the kernel would divide by it
-  EXPECT_FALSE(model.Execute().result);
-  configure("65536", valid.in, {});
-  EXPECT_FALSE(model.Execute().result);
-  configure("1", {}, {});
-  EXPECT_TRUE(model.Execute().result);
+  const auto with = [](const std::string& factor, const std::vector<Buf>& in, const std::vector<Buf>& out) {
+    return vek_test::Setup{{{"pixelshuffler", factor}}, in, out};
+  };
+  const auto result =
+      vek_cases::RunSetups("RESHAPE",
+                           {with("1", valid.in, valid.out),
+                            with("2", {}, {}),  // the factor is the new one, the clones are the old ones
+                            with("0", valid.in, {}),  // the kernel would divide by it
+                            with("65536", valid.in, {}), with("1", {}, {})},
+                           random);
+  EXPECT_EQ(result.difference, "");
+  EXPECT_EQ(result.executed, 6U) << "each of the others twice";
 }
 
 // Factors that no shuffle has, by name, left behind by a Configure that was refused.
@@ -249,18 +240,22 @@ TEST(Reshape, AFactorAbove65536IsTakenByItsSquareIn32Bits) {
   EXPECT_EQ(out.Get(), (std::vector<std::uint8_t>{7, 8, 9}));
 }
 
-TEST(Reshape, ChannelsThatAreNoMultipleOfTheBlockAreWalkedAllTheSame) {
+// The kernel for elements of that type.
+template <typename T>
+void ExpectFormula(const Buf& in, int r, Random& random) {
+  ExpectSameBytes(
+      random,
+      [&](Memory& from, Memory& to) {
+        vek_model::PixelShuffle(sizeof(T), static_cast<unsigned>(r), vek_model::Shape(in), from, to);
+      },
+      [&](void* from, void* to) {
+        zeb_custom_ops::pixelshuffle(static_cast<T*>(to), static_cast<T*>(from), r, in);
+      });
+}
+
+TEST(Reshape, ChannelsThatAreNoMultipleOfTheBlockAreCopiedAllTheSame) {
   Random random(4);
-  for (unsigned C : {1U, 3U, 5U, 6U, 7U, 9U}) {
-    const Buf in = Buf::Int(16, {3, C, 2, 3});
-    Outcome outcome;
-    outcome.bitdepth = 16;
-    PixelShuffleMoves(outcome, 2, Nchw(in));
-    CheckMoves(outcome, random, AnySide(random), [&](void* from, void* to) {
-      zeb_custom_ops::pixelshuffle(static_cast<short*>(to), static_cast<short*>(from), 2, in);
-      return true;
-    });
-  }
+  for (unsigned C : {1U, 3U, 5U, 6U, 7U, 9U}) ExpectFormula<short>(Buf::Int(16, {3, C, 2, 3}), 2, random);
 }
 
 TEST(Reshape, ZeroExtentsWriteNothing) {
@@ -316,43 +311,13 @@ using Widths = testing::Types<int, short, char>;
 TYPED_TEST_SUITE(ReshapeKernel, Widths);
 
 TYPED_TEST(ReshapeKernel, EqualsTheFormula) {
-  using T = TypeParam;
   Random random(6);
   for (unsigned r = 1; r <= 5; ++r) {
     SCOPED_TRACE(r);
     ForShapes([&](unsigned N, unsigned C, unsigned H, unsigned W) {
-      const Buf in = Buf::Int(8, {N, C * r * r, H, W});
-      Outcome outcome;
-      outcome.bitdepth = 8 * sizeof(T);
-      PixelShuffleMoves(outcome, r, Nchw(in));
-      CheckMoves(outcome, random, AnySide(random), [&](void* from, void* to) {
-        zeb_custom_ops::pixelshuffle(static_cast<T*>(to), static_cast<T*>(from), static_cast<int>(r), in);
-        return true;
-      });
+      ExpectFormula<TypeParam>(Buf::Int(8, {N, C * r * r, H, W}), static_cast<int>(r), random);
     });
   }
-}
-
-Setup Generate(Random& random) {
-  const unsigned r = random.Between(1, 4);
-  std::vector<unsigned> dims = {random.Between(0, 3), random.Extent(), random.Extent(), random.Extent()};
-  Shrink(dims, random.OneIn(10) ? 2000 : 200);
-  const Format format = RandomFormat(random);
-  const auto text = NumberText(random, r);
-  auto setup = MaybeSpoilt(random, {{{"pixelshuffler", text}},
-                                    {Buf::Packed({dims[0], dims[1] * r * r, dims[2], dims[3]}, format)},
-                                    {Buf::Packed({dims[0], dims[1], dims[2] * r, dims[3] * r}, format)}});
-  // Different counts, in buffers that are not packed.
-  if (random.OneIn(10)) {
-    for (auto* bufs : {&setup.in, &setup.out}) {
-      for (Buf& buf : *bufs) buf.Pad(random.Between(0, 2), 0);
-    }
-  }
-  return setup;
-}
-
-TEST(Reshape, RandomCallsEqualTheReference) {
-  ForRandomCases(500, [](Random& random) { RunAgainstModel<ReshapeModel>("RESHAPE", random, Generate); });
 }
 
 }  // namespace
