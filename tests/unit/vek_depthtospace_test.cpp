@@ -37,6 +37,7 @@ TEST(DepthToSpace, PositionsBeyondTheOutputAreLeftOutWithAWarningEach) {
   EXPECT_TRUE(layer.Execute({from.data()}, {to.data()}));
   EXPECT_EQ(layer.log, (Log(2, Warning("ext_depthtospace.cpp", "buffer overflow attempt"))));
   EXPECT_EQ(to.Get<short>(), (std::vector<short>{1, 2}));
+  EXPECT_EQ(from.Get<short>(), (std::vector<short>{1, 2, 3, 4}));
 
   const ScopedThreshold errors_only(kError);
   EXPECT_TRUE(layer.Execute({from.data()}, {to.data()}));

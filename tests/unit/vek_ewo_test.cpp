@@ -445,7 +445,7 @@ TEST(Ewo, OneValueRepeatedEverywhere) {
 }
 
 TEST(Ewo, TheGeneralProductTakesItsSizesFromTheFirstInput) {
-  // A repeats along N and C, so that the layer walks A's extents of 1: one row.
+  // A repeats along N and C, so that the loops are those of A's extents of 1: one row.
   const Buf a = Buf::Float({1, 1, 1, 3});
   const Buf b = Buf::Float({1, 2, 1, 3});
   Layer layer("ELTWISE");

@@ -442,7 +442,7 @@ TEST(Softmax, EmptyTensorsWriteNothing) {
   }
 }
 
-TEST(Softmax, OfFiveDimsTheFirstFourAreWalked) {
+TEST(Softmax, OfFiveDimsTheFirstFourAreTheShape) {
   Layer layer("SOFTMAX");
   Buf buf = Buf::Float({1, 2, 1, 2, 2});
   buf.strided = false;
@@ -476,7 +476,7 @@ TEST(Softmax, PositionsWrapAtThirtyTwoBits) {
   ExpectSameFloats(dst.Get<float>(), Softmaxed({2, 1, 1, 3}, 3, in));
 }
 
-TEST(Softmax, ColumnsOfEveryPlaneAreWalkedWhereTheCountWraps) {
+TEST(Softmax, ColumnsOfEveryPlaneAreReachedWhereTheCountWraps) {
   // C * W is 4 in 32 bits: two planes of two columns.
   Buf shape = Buf::Float({1});
   shape.nchw = {1, 0x80000002U, 2, 2};
