@@ -1,0 +1,5 @@
+#pragma once
+// Right.
+#include "zeb/layer.h"
+// Wrong.
+#include "copy/runs.h"

@@ -1,0 +1,6 @@
+#pragma once
+// Right.
+#include "simd/lanes.h"
+// Wrong.
+#include "math/powers.h"
+#include "runs.h"

@@ -1,0 +1,5 @@
+#pragma once
+// Right.
+#include "simd/lanes.h"
+// Wrong.
+#include "copy/runs.h"

@@ -1,0 +1,3 @@
+#pragma once
+// Wrong.
+#include "math/powers.h"
