@@ -174,6 +174,10 @@ std::optional<KernelCase> Gather(const Setup& setup, Random& random) {
   kernels::GatherShape shape{1, dims[axis], 1, count, capacity};
   for (std::size_t d = 0; d < axis; ++d) shape.outer *= dims[d];
   for (std::size_t d = axis + 1; d < dims.size(); ++d) shape.inner *= dims[d];
+  // Elements lie behind a pointer, which does not wrap: there are no more of them than a buffer's bytes.
+  Saturating elements = 1;
+  for (u32 dim : dims) elements = elements * dim;
+  if (!Fits(elements)) return {};
   KernelCase c = MovingCase(setup, random);
   // Of a long axis only the beginning is picked.
   const u32 limit = shape.extent > 1 << 12 ? 16 : shape.extent;
