@@ -1,4 +1,5 @@
-// Buffers against unmapped pages: one byte too far faults.
+// Buffers against unmapped pages: one byte too far faults. With VEK_HEAP_BUFFERS in the environment they are on the heap
+// instead, for the runs in which that is tagged.
 #pragma once
 
 #include <sys/mman.h>
@@ -23,6 +24,14 @@ enum class Guard { kBefore, kAfter };
 class GuardedBuffer {
  public:
   explicit GuardedBuffer(std::size_t bytes, Guard guard = Guard::kAfter) : bytes_(bytes) {
+    if (OnHeap()) {
+      // Tags are per 16 bytes: the data touches a boundary of these on the guarded side.
+      const std::size_t whole = (bytes + 15) / 16 * 16;
+      mapped_ = static_cast<std::byte*>(std::calloc(1, whole));
+      if (mapped_ == nullptr) Die("calloc");
+      data_ = mapped_ + (guard == Guard::kAfter ? whole - bytes : 0);
+      return;
+    }
     const std::size_t page = PageBytes();
     const std::size_t data_pages = (bytes + page - 1) / page * page;
     mapped_bytes_ = data_pages + 2 * page;
@@ -45,7 +54,9 @@ class GuardedBuffer {
   GuardedBuffer& operator=(GuardedBuffer&&) = delete;
   ~GuardedBuffer() {
     if (mapped_ == nullptr) return;
-    if (mapped_bytes_ == 3 * PageBytes() && Spare().mapped.size() < 16) {
+    if (OnHeap()) {
+      std::free(mapped_);
+    } else if (mapped_bytes_ == 3 * PageBytes() && Spare().mapped.size() < 16) {
       Spare().mapped.push_back(mapped_);
     } else {
       munmap(mapped_, mapped_bytes_);
@@ -97,6 +108,10 @@ class GuardedBuffer {
   static SpareMappings& Spare() {
     thread_local SpareMappings spare;
     return spare;
+  }
+  static bool OnHeap() {
+    static const bool on_heap = std::getenv("VEK_HEAP_BUFFERS") != nullptr;
+    return on_heap;
   }
   static std::size_t PageBytes() {
     static const auto bytes = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
