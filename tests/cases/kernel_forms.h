@@ -46,13 +46,15 @@ struct KernelCase {
   std::function<void(FormData&)> fast;   // empty where the header rules it out
 };
 
-// `make` derives the arguments from a setup of that layer type; nothing where the header rules out both forms.
-// `wraps` says whether positions can pass 2^32 without as many steps.
+// A kernel, and what must have been compared at the end.
 struct Kernel {
   std::string name;
   std::string type;
+  // The arguments, from a setup of that layer type; nothing where the header rules out both forms.
   std::function<std::optional<KernelCase>(const Setup&, Random&)> make;
-  bool wraps = true;
+  bool has_plain = true;
+  bool wraps = true;  // positions can pass 2^32 without as many steps
+  bool in_place = false;
 
   friend std::ostream& operator<<(std::ostream& out, const Kernel& kernel) { return out << kernel.name; }
 };

@@ -656,7 +656,8 @@ void Spoil(Setup& setup, Random& random) {
     }
     case 5:  // both, so that they still agree
       if (setup.in.empty() || setup.out.empty()) break;
-      setup.in[0].format.bitdepth = setup.out[0].format.bitdepth = random.OneOf({8, 16, 32, 12, 24, 0});
+      setup.in[0].format.bitdepth = setup.out[0].format.bitdepth =
+          random.OneOf({8, 16, 32, 12, 24, 0, 4, 40});
       break;
     default: {
       std::vector<Buf>& list = random.OneIn(2) ? setup.out : setup.in;

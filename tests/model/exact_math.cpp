@@ -62,6 +62,13 @@ double Log2(float x) {
   return std::fma(std::fma(0x1.27616c9496e0bp-2, r, -0x1.71969a075c67ap-2), r2 * r2, y);
 }
 
+// A NaN with the quiet bit clear, which not even the power 0 makes 1.
+bool IsSignallingNaN(float x) {
+  std::uint32_t bits;
+  std::memcpy(&bits, &x, sizeof bits);
+  return std::isnan(x) && (bits & 0x00400000) == 0;
+}
+
 }  // namespace
 
 float Exp(float x) {
@@ -73,7 +80,8 @@ float Exp(float x) {
 
 float Pow(float x, float k) {
   const float infinity = std::numeric_limits<float>::infinity();
-  if (k == 0 || x == 1) return 1;
+  const bool signals = IsSignallingNaN(x) || IsSignallingNaN(k);
+  if (!signals && (k == 0 || x == 1)) return 1;
   if (std::isnan(x) || std::isnan(k)) return std::numeric_limits<float>::quiet_NaN();
   const float size = std::fabs(x);
   if (std::isinf(k)) return size == 1 ? 1 : (size > 1) == (k > 0) ? infinity : 0;

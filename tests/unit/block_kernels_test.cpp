@@ -307,10 +307,14 @@ std::optional<KernelCase> BatchToSpace(const Setup& setup, Random& random) {
 }
 
 const std::vector<Kernel> kKernels = {
-    {"PixelShuffle", "RESHAPE", PixelShuffle},      {"Broadcast", "BROADCAST", Broadcast},
-    {"Concat", "SWCONCAT", Concat, false},          {"Gather", "GATHER", Gather, false},
-    {"DepthToSpace", "DEPTHTOSPACE", DepthToSpace}, {"SpaceToDepth", "SPACETODEPTH", SpaceToDepth},
-    {"SpaceToBatch", "SPACETOBATCH", SpaceToBatch}, {"BatchToSpace", "BATCHTOSPACE", BatchToSpace},
+    {.name = "PixelShuffle", .type = "RESHAPE", .make = PixelShuffle},
+    {.name = "Broadcast", .type = "BROADCAST", .make = Broadcast},
+    {.name = "Concat", .type = "SWCONCAT", .make = Concat, .wraps = false},
+    {.name = "Gather", .type = "GATHER", .make = Gather, .wraps = false},
+    {.name = "DepthToSpace", .type = "DEPTHTOSPACE", .make = DepthToSpace},
+    {.name = "SpaceToDepth", .type = "SPACETODEPTH", .make = SpaceToDepth},
+    {.name = "SpaceToBatch", .type = "SPACETOBATCH", .make = SpaceToBatch},
+    {.name = "BatchToSpace", .type = "BATCHTOSPACE", .make = BatchToSpace},
 };
 
 class BlockKernels : public testing::TestWithParam<Kernel> {};

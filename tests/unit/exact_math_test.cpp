@@ -273,6 +273,10 @@ TEST(ExactPow, SpecialValues) {
       {-1.0F, 8388607.5F, kNaN},
       {-1.0F, kGreatest, 1.0F},
   };
+  const float signalling = FromBits(0x7f800001U);
+  EXPECT_TRUE(std::isnan(PlainPow(signalling, 0.0F)));
+  EXPECT_TRUE(std::isnan(PlainPow(1.0F, signalling)));
+  ExpectPow({signalling, -signalling, 1.0F}, 0.0F);
   for (const Case& c : cases) {
     EXPECT_TRUE(Same(PlainPow(c.x, c.k), c.power)) << c.x << " to the power " << c.k;
     ExpectPow(std::vector<float>(kFloatLanes + 3, c.x), c.k);

@@ -473,15 +473,19 @@ std::optional<KernelCase> CopyAndPad(const Setup& setup, Random& random) {
 }
 
 const std::vector<Kernel> kKernels = {
-    {"CopyPaddedPlanes", "DATA_STRIDE_CONV", CopyPaddedPlanes, false},
-    {"CopyPaddedRuns", "DATA_STRIDE_CONV", CopyPaddedRuns},
-    {"ChangeInterleaving", "DATA_STRIDE_CONV", ChangeInterleaving},
-    {"Permute", "PERMUTE", Permute},
-    {"UnpackToNhwc", "PERMUTE", UnpackToNhwc},
-    {"PackToNchw", "PERMUTE", PackToNchw},
-    {"CopyInterior", "PAD", CopyInterior},
-    {"Pad", "PAD", PadBorder},
-    {"CopyAndPad", "PAD", CopyAndPad},
+    {.name = "CopyPaddedPlanes",
+     .type = "DATA_STRIDE_CONV",
+     .make = CopyPaddedPlanes,
+     .has_plain = false,
+     .wraps = false},
+    {.name = "CopyPaddedRuns", .type = "DATA_STRIDE_CONV", .make = CopyPaddedRuns},
+    {.name = "ChangeInterleaving", .type = "DATA_STRIDE_CONV", .make = ChangeInterleaving},
+    {.name = "Permute", .type = "PERMUTE", .make = Permute},
+    {.name = "UnpackToNhwc", .type = "PERMUTE", .make = UnpackToNhwc},
+    {.name = "PackToNchw", .type = "PERMUTE", .make = PackToNchw},
+    {.name = "CopyInterior", .type = "PAD", .make = CopyInterior},
+    {.name = "Pad", .type = "PAD", .make = PadBorder},
+    {.name = "CopyAndPad", .type = "PAD", .make = CopyAndPad},
 };
 
 class LayoutKernels : public testing::TestWithParam<Kernel> {};

@@ -223,14 +223,22 @@ std::optional<KernelCase> MulPlanes(const Setup& setup, Random& random) {
 }
 
 const std::vector<Kernel> kKernels = {
-    {"Softmax", "SOFTMAX", Softmax},
-    {"Argmax", "ARGMAX", Argmax},
-    {"Normalize", "NORMALIZE", L2Norm},
-    {"Product", "MATMUL", Product},
-    {"ProductByTransposed", "MATMUL", ProductByTransposed, false},
-    {"ZipBroadcastMultiplies", "ELTWISE", ZipBroadcast<std::multiplies<>>, false},
-    {"ZipBroadcastDivides", "ELTWISE", ZipBroadcast<std::divides<>>, false},
-    {"MulPlanes", "ELTWISE", MulPlanes},
+    {.name = "Softmax", .type = "SOFTMAX", .make = Softmax, .in_place = true},
+    {.name = "Argmax", .type = "ARGMAX", .make = Argmax},
+    {.name = "Normalize", .type = "NORMALIZE", .make = L2Norm, .in_place = true},
+    {.name = "Product", .type = "MATMUL", .make = Product},
+    {.name = "ProductByTransposed", .type = "MATMUL", .make = ProductByTransposed, .wraps = false},
+    {.name = "ZipBroadcastMultiplies",
+     .type = "ELTWISE",
+     .make = ZipBroadcast<std::multiplies<>>,
+     .wraps = false,
+     .in_place = true},
+    {.name = "ZipBroadcastDivides",
+     .type = "ELTWISE",
+     .make = ZipBroadcast<std::divides<>>,
+     .wraps = false,
+     .in_place = true},
+    {.name = "MulPlanes", .type = "ELTWISE", .make = MulPlanes, .in_place = true},
 };
 
 class NumericKernels : public testing::TestWithParam<Kernel> {};
