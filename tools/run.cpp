@@ -133,14 +133,6 @@ std::string DefaultPlugin() {
   return kName;
 }
 
-vek_host::Plugin Load(const std::string& path) {
-  try {
-    return vek_host::Plugin(path);
-  } catch (const std::runtime_error& error) {
-    throw UsageError(std::string("cannot load the plug-in: ") + error.what());
-  }
-}
-
 std::vector<std::unique_ptr<zeb::PuxDnnBufAttrs>> Descriptions(const std::vector<Buffer>& buffers) {
   std::vector<std::unique_ptr<zeb::PuxDnnBufAttrs>> list;
   for (const Buffer& buffer : buffers) list.push_back(buffer.Attrs().Clone());
@@ -191,6 +183,14 @@ bool RunLayer(zeb::PuxDnnCustomLayer* layer, const RunRequest& request, std::vec
 
 }  // namespace
 
+vek_host::Plugin LoadPlugin(const std::string& path) {
+  try {
+    return vek_host::Plugin(path.empty() ? DefaultPlugin() : path);
+  } catch (const std::runtime_error& error) {
+    throw UsageError(std::string("cannot load the plug-in: ") + error.what());
+  }
+}
+
 bool Run(const RunRequest& request) {
   std::vector<Buffer> inputs;
   for (const std::string& text : request.inputs) inputs.push_back(ReadInput(text));
@@ -203,7 +203,7 @@ bool Run(const RunRequest& request) {
     paths.push_back(file.path);
   }
 
-  const vek_host::Plugin plugin = Load(request.plugin.empty() ? DefaultPlugin() : request.plugin);
+  const vek_host::Plugin plugin = LoadPlugin(request.plugin);
   if (!request.log_level.empty()) plugin.SetLogThreshold(request.log_level);
   const vek_host::Plugin::Layer layer = plugin.MakeLayer(request.type);
   if (layer == nullptr) throw UsageError("the plug-in has no layer type " + request.type);

@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "host/plugin.h"
 #include "layer_catalog.h"
 
 namespace vekrun {
@@ -18,6 +19,9 @@ struct RunRequest {
   std::string log_level;    ///< empty: as the plug-in has it
   unsigned int repeat = 0;  ///< timed executions; 0 runs once, untimed
 };
+
+/// Loads the plug-in at that path, or the default one where it is empty. Throws `UsageError`.
+vek_host::Plugin LoadPlugin(const std::string& path);
 
 /// Runs the layer and writes its outputs. Throws `UsageError`; nothing is written then.
 /// \return false when the layer refused; its own log lines have said why.

@@ -1,9 +1,10 @@
-// vekrun: runs one layer of the plug-in by hand.
+// vekrun: runs one layer of the plug-in by hand, and tells whether a build gives the recorded results.
 #include <CLI/CLI.hpp>
 #include <cstdio>
 #include <string>
 #include <vector>
 
+#include "certify.h"
 #include "layer_catalog.h"
 #include "run.h"
 #include "usage_error.h"
@@ -11,7 +12,7 @@
 namespace vekrun {
 namespace {
 
-enum ExitStatus { kDone = 0, kRefused = 1, kUsage = 2 };
+enum ExitStatus { kDone = 0, kRefused = 1, kDiffers = 1, kUsage = 2 };
 
 void PrintLayer(const LayerInfo& layer) {
   std::printf("%s: %s\n  %s\n", layer.type, layer.summary, layer.buffers);
@@ -86,6 +87,18 @@ ExitStatus Main(int argc, char** argv) {
       "type=float32|int8|uint8|int16|uint16|int32|uint32\n"
       "Exit status: 0 done, 1 the layer refused, 2 wrong usage or a file that cannot be read or written.");
 
+  CertifyRequest certificate;
+  CLI::App* certify =
+      app.add_subcommand("certify", "Compare what the plug-in computes with the recorded certificate");
+  certify->add_option("--plugin", certificate.plugin, "The plug-in, as for 'vekrun run'");
+  certify->add_option("--record", certificate.record, "The certificate; by default the installed one");
+  CLI::Option* print =
+      certify->add_flag("--print", certificate.print, "Print this build's certificate instead");
+  certify->add_option("--cases", certificate.cases, "Print the hash of each case of a layer instead")
+      ->type_name("TYPE")
+      ->excludes(print);
+  certify->footer("Exit status: 0 equal, 1 different, 2 wrong usage.");
+
   try {
     app.parse(argc, argv);
   } catch (const CLI::Success& success) {  // --help, --version
@@ -96,6 +109,7 @@ ExitStatus Main(int argc, char** argv) {
     List(listed);
     return kDone;
   }
+  if (*certify) return Certify(certificate) ? kDone : kDiffers;
   request.configurations = Configurations(*run, attr, then);
   return Run(request) ? kDone : kRefused;
 }

@@ -149,6 +149,8 @@ class Usage(Case):
         self.assertEqual(offered("list", "SPACE"), ["SPACETOBATCH", "SPACETODEPTH"])
         self.assertEqual(offered("run", "ARGMAX", "--attr", ""), ["axis=", "top_k=", "out_max_val="])
         self.assertEqual(offered("run", "ARGMAX", "--lo"), ["--log"])
+        self.assertEqual(offered("certify", "--pr"), ["--print"])
+        self.assertEqual(offered("certify", "--cases", "SOFT"), ["SOFTMAX"])
         self.assertEqual(offered("run", "ARGMAX", "--log", "W"), ["WARNING"])
 
     def test_version_and_help(self):
@@ -524,6 +526,79 @@ class Layers(Case):
         names = " ".join(name for name in dir(self) if name.startswith("test_")).replace("_", "")
         for layer in TYPES:
             self.assertIn(layer.lower().replace("_", ""), names)
+
+
+class Certificate(Case):
+    """vekrun certify; that a build gives the recorded certificate is a test of its own."""
+
+    RECORD = pathlib.Path(__file__).parents[2] / "tools/certificate.txt"
+
+    @staticmethod
+    def rows(text):
+        """Name: the words that follow it, of each line."""
+        lines = [line.split(maxsplit=3) for line in text.splitlines() if not line.startswith("#")]
+        return {line[0]: line[1:] for line in lines}
+
+    def record(self, change):
+        self.write("record.txt", change(self.RECORD.read_text()).encode())
+        return self.vekrun("certify", "--record", "record.txt")
+
+    def test_every_type_is_recorded_with_hundreds_of_calls(self):
+        rows = self.rows(self.RECORD.read_text())
+        self.assertEqual(list(rows), TYPES + ["all"])
+        for calls, digits in rows.values():
+            self.assertGreaterEqual(int(calls), 500)
+            self.assertRegex(digits, "^[0-9a-f]{16}$")
+        self.assertEqual(int(rows["all"][0]), sum(int(rows[name][0]) for name in TYPES))
+        self.assertEqual(len({digits for _, digits in rows.values()}), len(rows))
+
+    def test_print_writes_the_record(self):
+        result = self.vekrun("certify", "--print")
+        self.assertEqual((result.returncode, result.stderr), (0, ""))
+        self.assertEqual(result.stdout, self.RECORD.read_text())
+
+    def test_a_difference_names_the_layer(self):
+        right = self.rows(self.RECORD.read_text())["PAD"][1]
+        wrong = right[:-1] + ("0" if right[-1] != "0" else "1")
+        result = self.record(lambda text: text.replace(right, wrong))
+        self.assertEqual((result.returncode, result.stderr), (1, ""))
+        rows = self.rows(result.stdout)
+        self.assertEqual(rows.pop("PAD")[1:], [right, f"differs, recorded {wrong}"])
+        self.assertEqual(rows.pop("layer"), ["calls", "hash"])
+        self.assertEqual(list(rows), [name for name in TYPES if name != "PAD"] + ["all"])
+        self.assertEqual({row[2] for row in rows.values()}, {"equal"})
+
+    def test_another_number_of_calls_is_a_difference(self):
+        calls, digits = self.rows(self.RECORD.read_text())["GATHER"]
+        result = self.record(lambda text: re.sub(r"(GATHER +)\d+", r"\g<1>7", text))
+        self.assertEqual(result.returncode, 1)
+        self.assertEqual(self.rows(result.stdout)["GATHER"],
+                         [calls, digits, f"differs, recorded {digits} of 7 calls"])
+
+    def test_a_layer_that_is_not_recorded(self):
+        result = self.record(lambda text: "".join(line for line in text.splitlines(True) if "SOFTMAX" not in line))
+        self.assertEqual(result.returncode, 1)
+        self.assertEqual(self.rows(result.stdout)["SOFTMAX"][2], "not recorded")
+
+    def test_cases_of_a_layer(self):
+        result = self.vekrun("certify", "--cases", "ARGMAX")
+        self.assertEqual((result.returncode, result.stderr), (0, ""))
+        lines = result.stdout.splitlines()
+        for i, line in enumerate(lines):
+            self.assertRegex(line, rf"^ *{i}  [0-9a-f]{{16}}  [tfx]+ ")
+        # Cases that run to their end, and refused ones.
+        self.assertGreater(sum(line.split()[2].strip("t") == "" for line in lines), len(lines) // 2)
+        self.assertGreater(sum("f" in line.split()[2] for line in lines), 50)
+        # Every case is another one.
+        self.assertGreater(len({line.split()[1] for line in lines}), len(lines) * 3 // 4)
+
+    def test_wrong_usage(self):
+        self.expect_usage_error("missing.txt", "certify", "--record", "missing.txt")
+        self.expect_usage_error("no layer type softmax", "certify", "--cases", "softmax")
+        self.expect_usage_error("--cases", "certify", "--print", "--cases", "SOFTMAX")
+        self.expect_usage_error("missing.so", "certify", "--plugin", "./missing.so")
+        self.write("text", b"SOFTMAX many\n")
+        self.expect_usage_error("text is no certificate: SOFTMAX many", "certify", "--record", "text")
 
 
 if __name__ == "__main__":
