@@ -2,6 +2,9 @@
 include(CMakePackageConfigHelpers)
 
 install(TARGETS vekcustom EXPORT vekcustom-targets LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
+foreach(level IN LISTS VEK_LEVELS)
+  install(TARGETS vekcustom_${level} LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}/glibc-hwcaps/${level})
+endforeach()
 install(DIRECTORY include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/vekcustom FILES_MATCHING PATTERN *.h)
 
 set(VEK_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/vekcustom)

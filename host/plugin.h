@@ -19,6 +19,9 @@ class Plugin {
   /// Throws `std::runtime_error` with the loader's text where it or one of its entry points is missing.
   explicit Plugin(const std::string& path);
 
+  /// \return the file that was loaded, as the dynamic loader names it: of several for a name, the one that it took.
+  std::string Path() const;
+
   /// \return a new layer, or null for a type name that the plug-in does not serve.
   Layer MakeLayer(const std::string& type) const { return {create_object_(type), destroy_object_}; }
 

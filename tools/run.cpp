@@ -4,7 +4,6 @@
 #include <chrono>
 #include <cstdio>
 #include <cstring>
-#include <filesystem>
 #include <memory>
 #include <optional>
 
@@ -122,16 +121,8 @@ std::string FileBytes(const std::string& path, const Buffer& buffer) {
   return Encode(path, tensor);
 }
 
-// The plug-in next to the tool, in the library folder of its installation, or where the loader finds it.
-std::string DefaultPlugin() {
-  constexpr const char* kName = "libvekcustom.so";
-  std::error_code error;
-  const std::filesystem::path folder = std::filesystem::read_symlink("/proc/self/exe", error).parent_path();
-  for (const std::filesystem::path& candidate : {folder / kName, folder / ".." / VEK_LIBDIR / kName}) {
-    if (!error && std::filesystem::exists(candidate)) return candidate.string();
-  }
-  return kName;
-}
+// A name for the dynamic loader, which takes the variant for this processor; CMakeLists.txt says where it looks first.
+std::string DefaultPlugin() { return "libvekcustom.so"; }
 
 std::vector<std::unique_ptr<zeb::PuxDnnBufAttrs>> Descriptions(const std::vector<Buffer>& buffers) {
   std::vector<std::unique_ptr<zeb::PuxDnnBufAttrs>> list;
@@ -205,6 +196,7 @@ bool Run(const RunRequest& request) {
 
   const vek_host::Plugin plugin = LoadPlugin(request.plugin);
   if (!request.log_level.empty()) plugin.SetLogThreshold(request.log_level);
+  if (request.repeat > 0) std::printf("%s: from %s\n", request.type.c_str(), plugin.Path().c_str());
   const vek_host::Plugin::Layer layer = plugin.MakeLayer(request.type);
   if (layer == nullptr) throw UsageError("the plug-in has no layer type " + request.type);
 

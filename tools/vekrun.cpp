@@ -74,10 +74,11 @@ ExitStatus Main(int argc, char** argv) {
   run->add_option("--in", request.inputs, "Input")->allow_extra_args(false)->required();
   run->add_option("--out", request.outputs, "Output")->allow_extra_args(false)->required();
   run->add_option("--plugin", request.plugin,
-                  "The plug-in; by default the one beside vekrun, then the system's");
+                  "The plug-in; by default the one next to vekrun, then the system's");
   run->add_option("--log", request.log_level, "Log threshold")
       ->check(CLI::IsMember({"NONE", "ERROR", "WARNING", "INFO", "DEBUG"}));
-  run->add_option("--repeat", request.repeat, "Execute so often; print the median time and bytes per second")
+  run->add_option("--repeat", request.repeat,
+                  "Execute so often; print the plug-in's file, the median time and bytes per second")
       ->check(CLI::Range(1U, 1'000'000'000U));
   run->footer(
       "Files: .npy (float32, int8, uint8, int16, uint16, int32, uint32), .png, .ppm, .pgm, and .bin for a "

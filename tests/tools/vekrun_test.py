@@ -219,10 +219,11 @@ class Usage(Case):
         result = self.vekrun("run", "SOFTMAX", "--in", "in.npy", "--out", "out.npy", "--log", "INFO")
         self.assertRegex(result.stdout, r"^\[INFO\] vek_softmax\.cpp:\d+: 'axis' attribute not defined, using default")
 
-    def test_repeat_prints_the_median_time(self):
+    def test_repeat_prints_the_plugin_and_the_median_time(self):
         self.array("in.npy", "<f4", (1, 4, 1, 1))
         result = self.vekrun("run", "SOFTMAX", "--in", "in.npy", "--out", "out.npy", "--repeat", "7")
-        self.assertRegex(result.stdout, r"SOFTMAX: 7 runs, median [\d.]+ us, [\d.]+ GB/s "
+        self.assertRegex(result.stdout, r"^SOFTMAX: from /.*/libvekcustom\.so\n"
+                                        r"SOFTMAX: 7 runs, median [\d.]+ us, [\d.]+ GB/s "
                                         r"\(16 bytes in, 16 bytes out\)\n")
 
     def test_a_layer_that_throws_is_a_refusal(self):
