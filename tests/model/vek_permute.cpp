@@ -92,7 +92,10 @@ std::string PackToNchw(u32 width, const Buf& in, Memory& in_data, const Buf& out
     if (P >= C) {  // one plane
       for (u32 h = 0; h < H; ++h) {
         out_data.Step();
-        for (u32 w = 0; w < W; ++w, src += C, dst += P) copy(src, C);
+        for (u32 w = 0; w < W; ++w, src += C, dst += P) {
+          out_data.Step();
+          copy(src, C);
+        }
         src += in_row_pad;
         dst += line_pad;
       }
