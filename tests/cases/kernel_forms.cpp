@@ -159,7 +159,7 @@ bool RunsFewerCases(unsigned cases) { return vek_test::EnvNumber("VEK_RANDOM_CAS
 }  // namespace
 
 void ExpectFormsEqualTheModel(const Kernel& kernel) {
-  constexpr unsigned kCases = 600;
+  constexpr unsigned kCases = 240;
   const Tally tally = CompareAll(kernel, kCases, {200000, 1 << 20}, [&](Random& random) {
     return random.OneIn(2) ? AnySetup(kernel.type, random) : ValidSetup(kernel.type, random);
   });
@@ -170,7 +170,7 @@ void ExpectFormsEqualTheModel(const Kernel& kernel) {
 }
 
 void ExpectPlainFormWraps(const Kernel& kernel) {
-  constexpr unsigned kCases = 1500;
+  constexpr unsigned kCases = 600;
   const Tally tally = CompareAll(kernel, kCases, {20000, 1 << 18},
                                  [&](Random& random) { return WrappingSetup(kernel.type, random); });
   if (RunsFewerCases(kCases)) return;
