@@ -170,7 +170,7 @@ void ExpectFormsEqualTheModel(const Kernel& kernel) {
 }
 
 void ExpectPlainFormWraps(const Kernel& kernel) {
-  constexpr unsigned kCases = 600;
+  constexpr unsigned kCases = 1200;
   const Tally tally = CompareAll(kernel, kCases, {20000, 1 << 18},
                                  [&](Random& random) { return WrappingSetup(kernel.type, random); });
   if (RunsFewerCases(kCases)) return;
