@@ -26,8 +26,8 @@ struct Searches {
 };
 
 // What is written of each search: of each of its `ranks` largest values, in descending order, the index as a float, the
-// value, or both. `ranks` is at least 1 and at most `len`; a search of one value among none (`len` 0) finds the value 0 at index 0.
-// The results of the searches follow each other, and all of them are written `repeats` times.
+// value, or both. `ranks` is at least 1 and at most `len`; a search of one value among none (`len` 0) finds the value 0
+// at index 0. The results of the searches follow each other, and all of them are written `repeats` times.
 struct Results {
   unsigned ranks;
   bool indices;
