@@ -18,11 +18,6 @@ if(VEK_WERROR)
   target_compile_options(vek_compile_options INTERFACE -Werror)
 endif()
 
-if(VEK_NATIVE)
-  # GCC would use half of the widest vectors that the processor has.
-  target_compile_options(vek_compile_options INTERFACE -march=native)
-endif()
-
 if(VEK_SANITIZE)
   target_compile_options(vek_compile_options INTERFACE
     -fsanitize=${VEK_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)

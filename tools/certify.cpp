@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cinttypes>
@@ -238,11 +239,13 @@ std::string HexText(std::uint64_t number) {
 
 constexpr const char* kAll = "all";
 
-std::vector<std::pair<std::string, Entry>> MakeCertificate(const vek_host::Plugin& plugin) {
+std::vector<std::pair<std::string, Entry>> MakeCertificate(const vek_host::Plugin& plugin,
+                                                           const std::vector<std::string>& types) {
   std::vector<std::pair<std::string, Entry>> certificate;
   Record all;
   std::uint64_t all_calls = 0;
   for (const LayerInfo& layer : LayerCatalog()) {
+    if (!types.empty() && std::find(types.begin(), types.end(), layer.type) == types.end()) continue;
     Record hashes;
     std::uint64_t calls = 0;
     for (const CaseResult& result : RunCases(plugin, layer.type)) {
@@ -253,7 +256,7 @@ std::vector<std::pair<std::string, Entry>> MakeCertificate(const vek_host::Plugi
     all_calls += calls;
     certificate.push_back({layer.type, {calls, HexText(hashes.Hash())}});
   }
-  certificate.push_back({kAll, {all_calls, HexText(all.Hash())}});
+  if (types.empty()) certificate.push_back({kAll, {all_calls, HexText(all.Hash())}});
   return certificate;
 }
 
@@ -302,8 +305,12 @@ std::string Verdict(const Entry& entry, const std::map<std::string, Entry>& reco
 bool Certify(const CertifyRequest& request) {
   const vek_host::Plugin plugin = LoadPlugin(request.plugin);
   plugin.SetLogThreshold("INFO");
+  std::vector<std::string> named = request.types;
+  if (!request.cases.empty()) named.push_back(request.cases);
+  for (const std::string& type : named) {
+    if (FindLayer(type) == nullptr) throw UsageError("there is no layer type " + type);
+  }
   if (!request.cases.empty()) {
-    if (FindLayer(request.cases) == nullptr) throw UsageError("there is no layer type " + request.cases);
     std::size_t i = 0;
     for (const CaseResult& result : RunCases(plugin, request.cases)) {
       std::printf("%3zu  %s  %-4s  %s\n", i++, HexText(result.hash).c_str(), result.results.c_str(),
@@ -314,14 +321,14 @@ bool Certify(const CertifyRequest& request) {
   if (request.print) {
     std::puts(
         "# What vekrun certify compares with: layer type, calls, hash. Written by vekrun certify --print.");
-    for (const auto& [name, entry] : MakeCertificate(plugin)) PrintEntry(name, entry, "");
+    for (const auto& [name, entry] : MakeCertificate(plugin, request.types)) PrintEntry(name, entry, "");
     return true;
   }
   const std::map<std::string, Entry> record =
       ReadRecord(request.record.empty() ? DefaultRecord() : request.record);
   bool is_equal = true;
   std::printf("%-16s %6s  %s\n", "layer", "calls", "hash");
-  for (const auto& [name, entry] : MakeCertificate(plugin)) {
+  for (const auto& [name, entry] : MakeCertificate(plugin, request.types)) {
     const std::string verdict = Verdict(entry, record, name);
     is_equal = is_equal && verdict == "equal";
     PrintEntry(name, entry, verdict);

@@ -3,10 +3,12 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 namespace vekrun {
 
 struct CertifyRequest {
+  std::vector<std::string> types;  ///< only these layer types; empty: all, and the hash over all
   std::string plugin;  ///< path, or empty for the default one
   std::string record;  ///< the recorded certificate, or empty for the one that is installed with the tool
   bool print = false;  ///< print this build's certificate as a record, and compare it with none

@@ -91,6 +91,7 @@ ExitStatus Main(int argc, char** argv) {
   CertifyRequest certificate;
   CLI::App* certify =
       app.add_subcommand("certify", "Compare what the plug-in computes with the recorded certificate");
+  certify->add_option("TYPE", certificate.types, "Only these types");
   certify->add_option("--plugin", certificate.plugin, "The plug-in, as for 'vekrun run'");
   certify->add_option("--record", certificate.record, "The certificate; by default the installed one");
   CLI::Option* print =

@@ -1,4 +1,4 @@
-// Loading as a runtime does it: by path, without having linked the library; and unloading again.
+// Loading as a runtime does it: by name, without having linked the library; and unloading again.
 #include <gtest/gtest.h>
 
 #include "support/plugin.h"
