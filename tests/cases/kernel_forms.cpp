@@ -104,7 +104,7 @@ Setup WrappingSetup(const std::string& type, Random& random) {
       {6700417, 641},   {0xFFFFFFFFU, 0xFFFFFFFFU}, {65536, 65536},   {65537, 65536},
       {2, 0x80000001U}, {0x80000001U, 2},           {4, 0x40000001U}, {1, 0x80000000U}};
   Setup setup = ValidSetup(type, random);
-  const auto [a, b] = random.OneOf(extents);
+  const std::pair<unsigned, unsigned> two = random.OneOf(extents);
   const std::size_t first = random.Below(4);
   const std::size_t second = (first + 1 + random.Below(3)) % 4;
   const auto stride = [&](unsigned& bytes) {
@@ -113,8 +113,8 @@ Setup WrappingSetup(const std::string& type, Random& random) {
   const auto wrap = [&](Buf& buf) {
     for (unsigned& dim : buf.dims) dim = std::clamp(dim, 1U, 4U);  // long loops over nothing take long, too
     if (buf.dims.size() > std::max(first, second)) {
-      buf.dims[std::min(first, second)] = a;
-      buf.dims[std::max(first, second)] = b;
+      buf.dims[std::min(first, second)] = two.first;
+      buf.dims[std::max(first, second)] = two.second;
     }
     stride(buf.line_stride);
     stride(buf.plane_stride);

@@ -7,6 +7,7 @@
 #include <sstream>
 #include <stdexcept>
 #include <typeinfo>
+#include <variant>
 #include <vector>
 
 #include "cases/contents.h"
@@ -118,7 +119,7 @@ class Pair {
   const Log& log() const { return log_; }
 
   void Configure(const Setup& setup) {
-    trail_ += "\n  Configure with" + Describe(setup);
+    trail_.emplace_back(setup);
     const BufAttrsList in = vek_test::MakeList(setup.in);
     const BufAttrsList out = vek_test::MakeList(setup.out);
     Compare([&] { return model_->Configure(setup.attrs, setup.in, setup.out); },
@@ -150,11 +151,9 @@ class Pair {
 
   // The layer gets exact buffers, once the model knows how far they reach.
   void Execute(const Arrays& arrays, Guard guard) {
-    trail_ += "\n  Execute";
     const auto target = std::find(arrays.in.begin(), arrays.in.end(), arrays.out[0]);
-    if (arrays.out[0] != nullptr && target != arrays.in.end()) {
-      trail_ += " in the buffer of input " + std::to_string(target - arrays.in.begin());
-    }
+    const bool in_place = arrays.out[0] != nullptr && target != arrays.in.end();
+    trail_.emplace_back(in_place ? target - arrays.in.begin() : -1);
     ExactBuffers buffers(guard);
     const auto pointers = [&](const std::vector<Memory*>& memories) {
       std::vector<void*> data;
@@ -226,13 +225,27 @@ class Pair {
     return actual;
   }
 
-  void Differ(const std::string& what) { difference_ = what + trail_; }
+  void Differ(const std::string& what) {
+    difference_ = what;
+    for (const Done& done : trail_) {
+      if (const Setup* setup = std::get_if<Setup>(&done)) {
+        difference_ += "\n  Configure with" + Describe(*setup);
+      } else {
+        const auto input = std::get<std::ptrdiff_t>(done);
+        difference_ += "\n  Execute";
+        if (input >= 0) difference_ += " in the buffer of input " + std::to_string(input);
+      }
+    }
+  }
+
+  // Configure with a setup, or Execute in the buffer of an input, -1 for one of its own.
+  using Done = std::variant<Setup, std::ptrdiff_t>;
 
   std::int32_t threshold_;  // lines above it are not printed
   bool may_complain_;       // of a shape, and succeed
   std::unique_ptr<vek_model::Model> model_;
   zeb::PuxDnnCustomLayer* layer_;
-  std::string trail_;  // what was done so far
+  std::vector<Done> trail_;  // so far
   std::string difference_;
   unsigned executed_ = 0;
   Log log_;  // of the last call

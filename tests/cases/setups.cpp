@@ -129,8 +129,9 @@ std::string AnyText(Random& random) {
 
 // --- Extents.
 
-// Divides extents until they have no more than `most` elements.
-Dims Shrunk(Dims dims, std::uint64_t most) {
+// Divides extents until they have no more than `most` elements, nor more than the case may have.
+Dims Shrunk(Random& random, Dims dims, std::uint64_t most) {
+  most = std::min(most, random.MostElements());
   for (std::size_t i = 0; !dims.empty(); i = (i + 1) % dims.size()) {
     std::uint64_t count = 1;
     for (unsigned dim : dims) count *= dim;
@@ -144,7 +145,7 @@ Dims Extents(Random& random, std::size_t rank, std::uint64_t most = 300) {
   Dims dims(rank);
   for (unsigned& dim : dims) dim = random.Extent();
   if (rank == 4) dims[0] = dims[0] % 4;
-  return Shrunk(std::move(dims), random.OneIn(8) ? 10 * most : most);
+  return Shrunk(random, std::move(dims), random.OneIn(8) ? 10 * most : most);
 }
 
 // Extents about the vector paths: long rows, many channels, many short planes, long sums.
@@ -152,7 +153,7 @@ Dims FloatExtents(Random& random) {
   const auto extents = [&](unsigned n, unsigned c, unsigned h, unsigned w) {
     const Dims dims = {random.Between(1, n), random.Between(1, c), random.Between(1, h),
                        random.Between(1, w)};
-    return Shrunk(dims, 3000);
+    return Shrunk(random, dims, 3000);
   };
   switch (random.Below(8)) {
     case 4:
@@ -288,7 +289,7 @@ Setup Matmul(Random& random) {
   const unsigned N = random.Between(0, 3);
   const unsigned M = extent();
   const Dims k =
-      random.OneIn(16) ? Dims{1, random.Between(200, 600)} : Shrunk({random.Between(1, 4), extent()}, 70);
+      random.OneIn(16) ? Dims{1, random.Between(200, 600)} : Shrunk(random, {random.Between(1, 4), extent()}, 70);
   const AttrMap attrs = {{"trans_b", random.OneOf({"1", "0", "yes"})}};
   const Buf a = Buf::Float({N, M, k[0], k[1]});
   if (random.OneIn(8)) {
@@ -478,7 +479,7 @@ Setup Gather(Random& random) {
 Setup Pad(Random& random) {
   const Format format = AnyFormat(random);
   const Dims dims =
-      Shrunk({random.Between(0, 2), random.Between(0, 6), random.Between(0, 6), random.Extent()}, 150);
+      Shrunk(random, {random.Between(0, 2), random.Between(0, 6), random.Between(0, 6), random.Extent()}, 150);
   Dims pads(8);
   for (unsigned& pad : pads) pad = random.OneIn(2) ? random.Between(0, 5) : 0;
   if (random.OneIn(10)) pads[7] += random.Between(10, 40);

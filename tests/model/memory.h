@@ -110,10 +110,12 @@ class Memory {
     if (count == 0) return;
     if (offset > budget_->bytes || count > budget_->bytes - offset) throw Skip{};
     reach_ = std::max(reach_, offset + count);
-    while (bytes_.size() < reach_) {
-      const u32 word = initial_(bytes_.size() / 4);
-      const auto* bytes = reinterpret_cast<const std::uint8_t*>(&word);
-      bytes_.insert(bytes_.end(), bytes, bytes + 4);
+    if (bytes_.size() >= reach_) return;
+    const u64 begin = bytes_.size() / 4;
+    bytes_.resize((reach_ + 3) / 4 * 4);
+    for (u64 i = begin; i < bytes_.size() / 4; ++i) {
+      const u32 word = initial_(i);
+      std::memcpy(bytes_.data() + i * 4, &word, 4);
     }
   }
 

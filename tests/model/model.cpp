@@ -25,7 +25,7 @@
 namespace vek_model {
 namespace {
 
-std::string Formatted(const char* text, std::va_list arguments) {
+__attribute__((format(printf, 1, 0))) std::string Formatted(const char* text, std::va_list arguments) {
   char line[1024];
   std::vsnprintf(line, sizeof line, text, arguments);
   return line;

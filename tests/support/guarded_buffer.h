@@ -35,10 +35,9 @@ class GuardedBuffer {
     const std::size_t page = PageBytes();
     const std::size_t data_pages = (bytes + page - 1) / page * page;
     mapped_bytes_ = data_pages + 2 * page;
-    if (data_pages == page && !Spare().mapped.empty()) {
-      mapped_ = Spare().mapped.back();
-      Spare().mapped.pop_back();
-      std::memset(mapped_ + page, 0, page);
+    mapped_ = Spare().Take(mapped_bytes_);
+    if (mapped_ != nullptr) {
+      std::memset(mapped_ + page, 0, data_pages);
     } else {
       mapped_ = Map(mapped_bytes_, data_pages);
     }
@@ -56,10 +55,8 @@ class GuardedBuffer {
     if (mapped_ == nullptr) return;
     if (OnHeap()) {
       std::free(mapped_);
-    } else if (mapped_bytes_ == 3 * PageBytes() && Spare().mapped.size() < 16) {
-      Spare().mapped.push_back(mapped_);
     } else {
-      munmap(mapped_, mapped_bytes_);
+      Spare().Keep(mapped_, mapped_bytes_);
     }
   }
 
@@ -98,12 +95,32 @@ class GuardedBuffer {
   }
 
  private:
-  // Mappings of one page of data, kept for the next buffers of a thread.
-  struct SpareMappings {
+  // Mappings kept for the next buffers of a thread: making one costs more than most tests do with it.
+  class SpareMappings {
+   public:
     ~SpareMappings() {
-      for (std::byte* spare : mapped) munmap(spare, 3 * PageBytes());
+      for (const auto& [mapped, bytes] : mappings_) munmap(mapped, bytes);
     }
-    std::vector<std::byte*> mapped;
+    // One of this size; null where there is none.
+    std::byte* Take(std::size_t bytes) {
+      const auto found = std::find_if(mappings_.begin(), mappings_.end(),
+                                      [bytes](const auto& mapping) { return mapping.second == bytes; });
+      if (found == mappings_.end()) return nullptr;
+      std::byte* mapped = found->first;
+      *found = mappings_.back();
+      mappings_.pop_back();
+      return mapped;
+    }
+    void Keep(std::byte* mapped, std::size_t bytes) {
+      mappings_.emplace_back(mapped, bytes);
+      if (mappings_.size() <= 32 && bytes <= 32 * PageBytes()) return;
+      const auto gone = bytes <= 32 * PageBytes() ? mappings_.begin() : mappings_.end() - 1;
+      munmap(gone->first, gone->second);
+      mappings_.erase(gone);
+    }
+
+   private:
+    std::vector<std::pair<std::byte*, std::size_t>> mappings_;
   };
   static SpareMappings& Spare() {
     thread_local SpareMappings spare;

@@ -19,7 +19,8 @@ namespace vek_test {
 class Random {
  public:
   explicit Random(std::uint64_t seed) : engine_(seed) {}
-  Random(const std::uint8_t* data, std::size_t size) : seeded_(false), data_(data), end_(data + size) {}
+  Random(const std::uint8_t* data, std::size_t size)
+      : seeded_(false), data_(data), end_(data + size), most_elements_(16 + 4 * size) {}
 
   std::uint64_t operator()() { return seeded_ ? engine_() : Number(8); }
   // A number below n.
@@ -41,6 +42,8 @@ class Random {
   }
   // No bytes are left. A seed never ends.
   bool IsExhausted() const { return !seeded_ && data_ == end_; }
+  // How large a tensor of the case may be: an input that is short gives a small one, which runs fast. A seed has no limit.
+  std::uint64_t MostElements() const { return most_elements_; }
   // An extent as shapes have them: mostly small, now and then 0, a vector's width or one beside it.
   unsigned Extent() {
     const auto kind = Below(24);
@@ -62,6 +65,7 @@ class Random {
   bool seeded_ = true;
   const std::uint8_t* data_ = nullptr;
   const std::uint8_t* end_ = nullptr;
+  std::uint64_t most_elements_ = ~std::uint64_t{0};
 };
 
 // Small numbers mostly, also zeros of both signs, infinities, NaN, denormals, large ones, any bits.
