@@ -7,7 +7,7 @@
 #include <map>
 #include <utility>
 
-#include "tensor_file.h"
+#include "tensor.h"
 
 namespace vekrun {
 namespace {

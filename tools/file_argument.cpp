@@ -1,6 +1,7 @@
 #include "file_argument.h"
 
 #include <charconv>
+#include <set>
 #include <string_view>
 #include <utility>
 
@@ -19,59 +20,106 @@ bool Read(std::string_view text, std::optional<Number>* target) {
   return true;
 }
 
-bool ReadShape(std::string_view text, std::optional<std::vector<unsigned int>>* shape) {
-  shape->emplace();
-  while (true) {
-    const std::size_t end = text.find('x');
-    std::optional<unsigned int> extent;
-    if (!Read(text.substr(0, end), &extent)) return false;
-    (*shape)->push_back(*extent);
-    if (end == std::string_view::npos) return true;
-    text.remove_prefix(end + 1);
-  }
-}
-
-bool ReadType(std::string_view text, std::optional<ElementType>* type) {
-  *type = TypeNamed(text);
-  return type->has_value();
+GeneratedInput* Generated(FileArgument* file, std::string_view key) {
+  if (!file->generated) throw UsageError(file->path + ": " + std::string(key) + "= is for generated inputs");
+  return &*file->generated;
 }
 
 bool SetOption(std::string_view key, std::string_view value, FileArgument* file) {
-  if (key == "type") return ReadType(value, &file->type);
-  if (key == "shape") return ReadShape(value, &file->shape);
+  if (key == "type") return (file->type = TypeNamed(value)).has_value();
+  if (key == "shape") return (file->shape = ParseShape(value)).has_value();
   if (key == "pack") return Read(value, &file->pack) && *file->pack >= 1;
   if (key == "line") return Read(value, &file->line);
   if (key == "plane") return Read(value, &file->plane);
   if (key == "exp") return Read(value, &file->exp);
   if (key == "zero") return Read(value, &file->zero);
   if (key == "scale") return Read(value, &file->scale);
-  throw UsageError("unknown option '" + std::string(key) +
-                   "' after a file's name; there are type, shape, pack, " +
-                   "line, plane, exp, zero and scale");
+  if (key == "offset") return Read(value, &file->offset);
+  if (key == "member") return (file->member = value).has_value();
+  if (key == "seed") return Read(value, &Generated(file, key)->seed);
+  if (key == "min") return Read(value, &Generated(file, key)->min);
+  if (key == "max") return Read(value, &Generated(file, key)->max);
+  if (key == "value") return Read(value, &Generated(file, key)->value);
+  throw UsageError(
+      "unknown option '" + std::string(key) +
+      "' after a file's name; there are type, shape, pack, line, plane, exp, zero, scale, member and "
+      "offset, and seed, min, max and value of generated inputs");
+}
+
+// "random:1x3x8x8" is no file, but tells what to make.
+void ReadGenerated(std::string_view name, FileArgument* file) {
+  const std::size_t colon = name.find(':');
+  const std::string kind(name.substr(0, colon));
+  if (colon == std::string_view::npos || !IsGeneratedKind(kind)) return;
+  file->generated = GeneratedInput{kind, {}, {}, {}, {}};
+  file->shape = ParseShape(name.substr(colon + 1));
+  if (!file->shape) throw UsageError("cannot make sense of the shape in " + std::string(name));
+}
+
+// "arrays.npz:x" is the member x.
+void ReadMember(FileArgument* file) {
+  const std::size_t colon = file->path.rfind(".npz:");
+  if (colon == std::string::npos) return;
+  file->member = file->path.substr(colon + 5);
+  file->path.resize(colon + 4);
+}
+
+bool IsOfShapes(std::string_view text) {
+  return text.find_first_not_of("0123456789,x[] ") == std::string_view::npos;
 }
 
 }  // namespace
 
+std::optional<Dims> ParseShape(std::string_view text) {
+  const bool bracketed = text.size() >= 2 && text.front() == '[' && text.back() == ']';
+  if (bracketed) text = text.substr(1, text.size() - 2);
+  Dims dims;
+  if (bracketed && text.empty()) return dims;
+  while (true) {
+    while (!text.empty() && text.front() == ' ') text.remove_prefix(1);
+    const std::size_t end = text.find_first_of("x,");
+    std::optional<unsigned int> extent;
+    if (!Read(text.substr(0, end), &extent)) return std::nullopt;
+    dims.push_back(*extent);
+    if (end == std::string_view::npos) return dims;
+    text.remove_prefix(end + 1);
+  }
+}
+
 FileArgument ParseFileArgument(const std::string& text) {
   FileArgument file;
   std::string_view rest = text;
-  // Options are taken off the end, so that a name may hold commas of its own.
+  // Options are taken off the end, so that a name may hold commas of its own. Only a shape's value does.
+  std::vector<std::string_view> options;
   while (true) {
-    const std::size_t comma = rest.rfind(',');
-    const std::size_t equals = comma == std::string_view::npos ? comma : rest.find('=', comma);
-    if (equals == std::string_view::npos) break;
-    const std::string_view option = rest.substr(comma + 1);
-    if (!SetOption(option.substr(0, equals - comma - 1), rest.substr(equals + 1), &file)) {
-      throw UsageError("cannot make sense of '" + std::string(option) + "' in " + text);
-    }
+    const std::size_t equals = rest.rfind('=');
+    const std::size_t comma = equals == std::string_view::npos ? equals : rest.rfind(',', equals);
+    if (comma == std::string_view::npos) break;
+    const std::string_view value = rest.substr(equals + 1);
+    if (value.find(',') != std::string_view::npos && !IsOfShapes(value)) break;
+    options.push_back(rest.substr(comma + 1));
     rest = rest.substr(0, comma);
   }
-  file.path = rest;
+  file.path = file.name = rest;
+  ReadGenerated(rest, &file);
+  ReadMember(&file);
+  std::set<std::string_view> given;
+  if (file.generated) given.insert("shape");
+  if (file.member) given.insert("member");
+  for (auto option = options.rbegin(); option != options.rend(); ++option) {
+    const std::size_t equals = option->find('=');
+    const std::string_view key = option->substr(0, equals);
+    if (!given.insert(key).second) throw UsageError(std::string(key) + "= is given twice in " + text);
+    if (!SetOption(key, option->substr(equals + 1), &file)) {
+      throw UsageError("cannot make sense of '" + std::string(*option) + "' in " + text +
+                       (key == "type" ? "; types are " + TypeNames(/*of_layers_only=*/false) : ""));
+    }
+  }
+  if (file.member) file.name = file.path + ":" + *file.member;
   return file;
 }
 
-vek_host::BufAttrs Describe(const FileArgument& file, const std::vector<unsigned int>& dims,
-                            zeb::PuxDnnBufAttrsMemFormat format) {
+vek_host::BufAttrs Describe(const FileArgument& file, const Dims& dims, zeb::PuxDnnBufAttrsMemFormat format) {
   format.plane_pack = file.pack.value_or(1);
   format.exp = file.exp.value_or(format.exp);
   if (file.zero || file.scale) {
@@ -84,20 +132,20 @@ vek_host::BufAttrs Describe(const FileArgument& file, const std::vector<unsigned
   const double row = static_cast<double>(attrs.RowBytes());
   const double line = file.line ? static_cast<double>(*file.line) : row;
   if (line < row) {
-    throw UsageError(file.path + ": line=" + std::to_string(*file.line) + " is less than a row of " +
+    throw UsageError(file.name + ": line=" + std::to_string(*file.line) + " is less than a row of " +
                      std::to_string(attrs.RowBytes()) + " bytes");
   }
   const double lines = line * static_cast<double>(attrs.GetHeight());
   const double plane = file.plane ? static_cast<double>(*file.plane) : lines;
   if (plane < lines) {
-    throw UsageError(file.path + ": plane=" + std::to_string(*file.plane) + " is less than its rows, " +
+    throw UsageError(file.name + ": plane=" + std::to_string(*file.plane) + " is less than its rows, " +
                      std::to_string(attrs.GetHeight()) + " times " +
                      std::to_string(file.line.value_or(static_cast<unsigned int>(row))) + " bytes");
   }
   double bytes = plane * static_cast<double>(attrs.PlanesPerItem());
   for (std::size_t i = 0; i + 3 < dims.size(); ++i) bytes *= static_cast<double>(dims[i]);
   if (bytes > static_cast<double>(UINT32_MAX) || plane > static_cast<double>(UINT32_MAX)) {
-    throw UsageError(file.path + ": a buffer of 4 GiB or more cannot be described");
+    throw UsageError(file.name + ": a buffer of 4 GiB or more cannot be described");
   }
   if (file.line) {
     attrs.SetLineStride(*file.line);

@@ -5,13 +5,13 @@
 #include <string>
 #include <vector>
 
+#include "tensor.h"
 #include "zeb/pux_dnn_buf_attrs.h"
 #include "zeb/pux_dnn_custom_layer.h"
 
 namespace vekrun {
 
 using AttrMap = zeb::PuxDnnCustomLayer::AttrMap;
-using Dims = std::vector<unsigned int>;
 
 struct AttributeInfo {
   const char* key;

@@ -10,6 +10,7 @@
 #include "file_argument.h"
 #include "host/layout.h"
 #include "host/plugin.h"
+#include "new_file.h"
 #include "tensor_file.h"
 #include "usage_error.h"
 
@@ -48,47 +49,14 @@ std::string TensorText(const vek_host::BufAttrs& attrs) {
   return ShapeText(attrs.GetDims()) + " " + Name(TypeOf(attrs.GetMemFormat()));
 }
 
-std::size_t Elements(const Dims& dims) {
-  std::size_t elements = 1;
-  for (const unsigned int extent : dims) elements *= extent;
-  return elements;
-}
-
-Buffer ReadRaw(const FileArgument& file) {
-  if (!file.type || !file.shape) {
-    throw UsageError(file.path + ": bytes alone do not tell their type= and shape=");
-  }
-  Buffer buffer(Describe(file, *file.shape, FormatOf(*file.type)));
-  const std::vector<std::byte> bytes = ReadBytes(file.path);
-  if (bytes.size() != buffer.Bytes()) {
-    throw UsageError(file.path + " has " + std::to_string(bytes.size()) + " bytes, the described buffer " +
-                     std::to_string(buffer.Bytes()));
-  }
-  std::copy(bytes.begin(), bytes.end(), buffer.Data());
-  return buffer;
-}
-
 Buffer ReadInput(const std::string& text) {
-  const FileArgument file = ParseFileArgument(text);
-  const FileKind kind = KindOf(file.path);
-  if (kind == FileKind::kRaw) return ReadRaw(file);
-
-  if (kind == FileKind::kNumpy && file.type) {
-    throw UsageError(file.path + ": a .npy file tells its type itself; type= is for pictures and .bin files");
+  const StoredTensor stored = OpenTensor(ParseFileArgument(text));
+  if (!IsLayerType(stored.type)) {
+    throw UsageError(stored.file.name + " holds " + Name(stored.type) +
+                     " elements, which no layer takes; layers take " + TypeNames(/*of_layers_only=*/true));
   }
-  const ElementType picture_type = file.type.value_or(ElementType::kUint8);
-  if (kind == FileKind::kPicture && picture_type != ElementType::kUint8 &&
-      picture_type != ElementType::kFloat32) {
-    throw UsageError(file.path + ": a picture is read as uint8 or float32, not " + Name(picture_type));
-  }
-  const Tensor tensor = ReadTensor(file.path, picture_type);
-  const Dims& dims = file.shape ? *file.shape : tensor.dims;
-  if (Elements(dims) != Elements(tensor.dims)) {
-    throw UsageError(file.path + " holds " + ShapeText(tensor.dims) + ", which shape=" + ShapeText(dims) +
-                     " does not");
-  }
-  Buffer buffer(Describe(file, dims, FormatOf(tensor.type)));
-  vek_host::Pack(buffer.Attrs(), tensor.data.data(), buffer.Data());
+  Buffer buffer(stored.attrs);
+  Load(stored, buffer.Data());
   return buffer;
 }
 
@@ -106,19 +74,8 @@ Buffer MakeOutput(const FileArgument& file, const RunRequest& request, const std
                                        : layer->output_shape(attrs, in_attrs);
   const zeb::PuxDnnBufAttrsMemFormat format = file.type ? FormatOf(*file.type) : in_attrs[0]->GetMemFormat();
   Buffer output(Describe(file, dims, format));
-  CheckCanHold(file.path, TypeOf(format), dims);
+  CheckCanHold(file, TypeOf(format), dims);
   return output;
-}
-
-std::string FileBytes(const std::string& path, const Buffer& buffer) {
-  if (KindOf(path) == FileKind::kRaw) {
-    return {reinterpret_cast<const char*>(buffer.Data()), buffer.Bytes()};
-  }
-  const Dims dims = buffer.Attrs().GetDims();
-  Tensor tensor{TypeOf(buffer.Attrs().GetMemFormat()), dims, {}};
-  tensor.data.resize(Elements(dims) * ElementBytes(tensor.type));
-  vek_host::Unpack(buffer.Attrs(), buffer.Data(), tensor.data.data());
-  return Encode(path, tensor);
 }
 
 // A name for the dynamic loader, which takes the variant for this processor; CMakeLists.txt says where it looks first.
@@ -185,13 +142,13 @@ vek_host::Plugin LoadPlugin(const std::string& path) {
 bool Run(const RunRequest& request) {
   std::vector<Buffer> inputs;
   for (const std::string& text : request.inputs) inputs.push_back(ReadInput(text));
-  std::vector<std::string> paths;
+  std::vector<FileArgument> targets;
   std::vector<Buffer> outputs;
   for (const std::string& text : request.outputs) {
     const FileArgument file = ParseFileArgument(text);
-    KindOf(file.path);
+    if (file.path == "-") KeepStandardOutputForFiles();
     outputs.push_back(MakeOutput(file, request, inputs));
-    paths.push_back(file.path);
+    targets.push_back(file);
   }
 
   const vek_host::Plugin plugin = LoadPlugin(request.plugin);
@@ -217,11 +174,12 @@ bool Run(const RunRequest& request) {
 
   std::vector<std::unique_ptr<NewFile>> files;
   for (std::size_t i = 0; i < outputs.size(); ++i) {
-    files.push_back(std::make_unique<NewFile>(paths[i], FileBytes(paths[i], outputs[i])));
+    files.push_back(std::make_unique<NewFile>(targets[i].path));
+    WriteBuffer(targets[i], outputs[i].Attrs(), outputs[i].Data(), files.back().get());
   }
   for (const auto& file : files) file->Publish();
   for (std::size_t i = 0; i < outputs.size(); ++i) {
-    std::printf("%s: %s (%s)\n", request.type.c_str(), paths[i].c_str(),
+    std::printf("%s: %s (%s)\n", request.type.c_str(), targets[i].path.c_str(),
                 TensorText(outputs[i].Attrs()).c_str());
   }
   return true;

@@ -1,76 +1,60 @@
 /// \file
-/// Tensors in files: NumPy arrays, pictures, and raw images of a buffer's memory.
+/// Tensors in files: NumPy arrays, ONNX tensors, pictures, raw images of a buffer's memory; and generated ones.
 #pragma once
 
 #include <cstddef>
-#include <optional>
-#include <string>
-#include <string_view>
-#include <vector>
+#include <memory>
 
-#include "zeb/pux_dnn_buf_attrs.h"
+#include "file_argument.h"
+#include "host/buf_attrs.h"
+#include "new_file.h"
+#include "tensor.h"
 
 namespace vekrun {
 
-enum class ElementType { kFloat32, kInt8, kUint8, kInt16, kUint16, kInt32, kUint32 };
-
-/// \return NumPy's name of the type, such as "uint8".
-const char* Name(ElementType type);
-/// \return the type of that name, or nothing.
-std::optional<ElementType> TypeNamed(std::string_view name);
-std::size_t ElementBytes(ElementType type);
-/// \return the planar format of such elements.
-zeb::PuxDnnBufAttrsMemFormat FormatOf(ElementType type);
-/// \return the type of elements of that format.
-ElementType TypeOf(const zeb::PuxDnnBufAttrsMemFormat& format);
-
-/// \return the dims as users write them, "1x3x64x64".
-std::string ShapeText(const std::vector<unsigned int>& dims);
-
-/// A tensor in dense order, outermost dimension first.
-struct Tensor {
-  ElementType type;
-  std::vector<unsigned int> dims;
-  std::vector<std::byte> data;
-};
-
 enum class FileKind {
-  kNumpy,    ///< .npy
-  kPicture,  ///< .png, .ppm, .pgm: 8-bit N C H W, or float with 255 as 1.0
-  kRaw,      ///< .bin: the bytes of a buffer as they lie in memory, padding included
+  kNumpy,      ///< .npy, and "-"
+  kArchive,    ///< .npz: a member of it
+  kOnnx,       ///< .pb: an ONNX TensorProto
+  kPicture,    ///< .png, .ppm, .pgm: N C H W of 8 or 16 bits, or float with white as 1.0
+  kRaw,        ///< .bin: the bytes of a buffer as they lie in memory, padding included; any name that has an
+               ///< offset=, and any other ending with type= and shape=
+  kGenerated,  ///< random:1x3x8x8 and its like
 };
 
-/// \return the kind that the name's extension tells. Throws `UsageError` for any other.
-FileKind KindOf(const std::string& path);
+/// \return the kind that the name's ending and the options tell, or nothing.
+std::optional<FileKind> KindOf(const FileArgument& file);
 
-/// Reads an array or a picture; `picture_type` is uint8 or float32. Throws `UsageError`.
-Tensor ReadTensor(const std::string& path, ElementType picture_type);
-
-/// Reads a whole file as it is. Throws `UsageError`.
-std::vector<std::byte> ReadBytes(const std::string& path);
-
-/// Throws `UsageError` when a tensor of that shape cannot be stored in that file.
-void CheckCanHold(const std::string& path, ElementType type, const std::vector<unsigned int>& dims);
-
-/// \return the bytes of an array or picture file that holds the tensor; `CheckCanHold` has passed.
-std::string Encode(const std::string& path, const Tensor& tensor);
-
-/// A file that appears whole or not at all: written under a temporary name next to it, then renamed.
-class NewFile {
- public:
-  /// Writes the bytes under the temporary name. Throws `UsageError`.
-  NewFile(std::string path, std::string_view bytes);
-  /// Removes what was never published.
-  ~NewFile();
-  NewFile(const NewFile&) = delete;
-  NewFile& operator=(const NewFile&) = delete;
-
-  /// Gives the file its name, replacing what had it. Throws `UsageError`.
-  void Publish();
-
- private:
-  std::string path_;
-  std::string temporary_;  // empty once it is published
+/// A tensor as it is stored, with the layout that the argument's options ask for.
+struct StoredTensor {
+  FileArgument file;
+  ElementType type;
+  vek_host::BufAttrs attrs;               ///< the buffer that the options describe
+  std::shared_ptr<const std::byte> data;  ///< dense elements; of a raw file the buffer's bytes
+  bool is_laid_out;                       ///< whether it is the latter
 };
+
+/// Opens a tensor of any kind: a regular file is mapped, and shared where its bytes need no conversion.
+/// shape= gives the elements another shape. Throws `UsageError`.
+StoredTensor OpenTensor(const FileArgument& file);
+
+/// Lays the tensor out in memory of `stored.attrs.Bytes()` bytes. What no element occupies stays as it is, but of a raw
+/// file all bytes are those of the file.
+void Load(const StoredTensor& stored, std::byte* buffer);
+
+/// \return the tensor in dense order. Throws `UsageError`.
+Tensor ReadTensor(const FileArgument& file);
+Tensor Dense(const StoredTensor& stored);
+
+/// Throws `UsageError` when a tensor of that type and shape cannot be written to that file.
+void CheckCanHold(const FileArgument& file, ElementType type, const Dims& dims);
+
+/// Writes a tensor; for a raw file it is laid out as the options ask. `CheckCanHold` has passed. Throws `UsageError`.
+void WriteTensor(const FileArgument& file, const Tensor& tensor, NewFile* out);
+
+/// Writes the tensor in a buffer; for a raw file the buffer's bytes as they are. `CheckCanHold` has passed.
+/// Throws `UsageError`.
+void WriteBuffer(const FileArgument& file, const vek_host::BufAttrs& attrs, const std::byte* buffer,
+                 NewFile* out);
 
 }  // namespace vekrun
