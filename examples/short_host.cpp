@@ -1,8 +1,11 @@
 // A softmax of ten scores, with the reference host in host/ to load the plug-in and describe the buffers.
+#include <cstdio>
+#include <stdexcept>
+
 #include "host/buf_attrs.h"
 #include "host/plugin.h"
 
-int main(int argc, char** argv) {
+int main(int argc, char** argv) try {
   const vek_host::Plugin plugin(argc > 1 ? argv[1] : "libvekcustom.so");
   const auto layer = plugin.MakeLayer("SOFTMAX");
 
@@ -18,5 +21,11 @@ int main(int argc, char** argv) {
   float probabilities[10];
   void* in[] = {scores};
   void* out[] = {probabilities};
-  return layer->Execute(in, out) ? 0 : 1;
+  if (!layer->Execute(in, out)) return 1;
+  for (float probability : probabilities) std::printf("%.6f\n", static_cast<double>(probability));
+  return 0;
+} catch (const std::runtime_error& error) {
+  std::fprintf(stderr, "The plug-in was not loaded: %s\nGive its path: %s PATH/libvekcustom.so\n",
+               error.what(), argv[0]);
+  return 1;
 }
