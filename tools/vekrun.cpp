@@ -5,6 +5,9 @@
 #include <vector>
 
 #include "certify.h"
+#include "compare.h"
+#include "convert.h"
+#include "info.h"
 #include "layer_catalog.h"
 #include "run.h"
 #include "usage_error.h"
@@ -101,6 +104,13 @@ ExitStatus Main(int argc, char** argv) {
       ->excludes(print);
   certify->footer("Exit status: 0 equal, 1 different, 2 wrong usage.");
 
+  CompareRequest comparison;
+  const CLI::App* compare = AddCompare(&app, &comparison);
+  InfoRequest looking;
+  const CLI::App* info = AddInfo(&app, &looking);
+  ConvertRequest conversion;
+  const CLI::App* convert = AddConvert(&app, &conversion);
+
   try {
     app.parse(argc, argv);
   } catch (const CLI::Success& success) {  // --help, --version
@@ -109,6 +119,12 @@ ExitStatus Main(int argc, char** argv) {
   }
   if (*list) {
     List(listed);
+    return kDone;
+  }
+  if (*compare) return Compare(comparison) ? kDone : kDiffers;
+  if (*convert) return Convert(conversion) ? kDone : kRefused;
+  if (*info) {
+    Info(looking);
     return kDone;
   }
   if (*certify) return Certify(certificate) ? kDone : kDiffers;
