@@ -12,8 +12,8 @@ function(vek_runs_here level answer)
   endif()
 endfunction()
 
-# By name, the environment in which the loader takes it. The baseline has a folder of its own, for in that of the build
-# the loader would take a level's variant.
+# By name, its file and the environment in which the loader takes it. The baseline has a folder of its own, for in that
+# of the build the loader would take a level's variant.
 set(VEK_VARIANTS ${VEK_LEVELS})
 if(VEK_LEVELS)
   set(VEK_VARIANTS x86-64 ${VEK_LEVELS})
@@ -21,11 +21,15 @@ if(VEK_LEVELS)
   file(CREATE_LINK ../libvekcustom.so ${PROJECT_BINARY_DIR}/baseline/libvekcustom.so SYMBOLIC)
 endif()
 foreach(variant IN LISTS VEK_VARIANTS)
-  set(VEK_ENVIRONMENT_OF_${variant} LD_LIBRARY_PATH=${PROJECT_BINARY_DIR}/glibc-hwcaps/${variant})
+  set(folder ${PROJECT_BINARY_DIR}/glibc-hwcaps/${variant})
   vek_runs_here(${variant} VEK_RUNS_${variant})
+  if(variant STREQUAL "x86-64")
+    set(folder ${PROJECT_BINARY_DIR}/baseline)
+    set(VEK_RUNS_${variant} ON)
+  endif()
+  set(VEK_LIBRARY_OF_${variant} ${folder}/libvekcustom.so)
+  set(VEK_ENVIRONMENT_OF_${variant} LD_LIBRARY_PATH=${folder})
 endforeach()
-set(VEK_ENVIRONMENT_OF_x86-64 LD_LIBRARY_PATH=${PROJECT_BINARY_DIR}/baseline)
-set(VEK_RUNS_x86-64 ON)
 foreach(variant IN LISTS VEK_SANITIZED)
   # The runtime of a sanitizer has to be there before a program that is not instrumented itself.
   string(SUBSTRING ${variant} 0 1 initial)
