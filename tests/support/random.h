@@ -100,12 +100,17 @@ inline std::uint64_t EnvNumber(const char* name, std::uint64_t otherwise) {
   return text == nullptr || *text == '\0' ? otherwise : std::strtoull(text, nullptr, 0);
 }
 
-// Runs `body(random)` for VEK_RANDOM_CASES cases (default `cases`), case i with seed VEK_SEED + i, until one
+// How many of so many cases this run makes: VEK_CASES_PERCENT of them, fewer where they take long.
+inline std::uint64_t CasesOfRun(std::uint64_t cases) {
+  return cases * EnvNumber("VEK_CASES_PERCENT", 100) / 100;
+}
+
+// Runs `body(random)` for VEK_RANDOM_CASES cases (default `CasesOfRun(cases)`), case i with seed VEK_SEED + i, until one
 // fails. The failing case is repeated by VEK_SEED=<its seed> VEK_RANDOM_CASES=1.
 template <typename Body>
 void ForRandomCases(std::uint64_t cases, Body&& body) {
   const std::uint64_t seed = EnvNumber("VEK_SEED", 20261121);
-  const std::uint64_t count = EnvNumber("VEK_RANDOM_CASES", cases);
+  const std::uint64_t count = EnvNumber("VEK_RANDOM_CASES", CasesOfRun(cases));
   for (std::uint64_t i = 0; i < count && !testing::Test::HasFailure(); ++i) {
     Random random(seed + i);
     SCOPED_TRACE("repeat with VEK_SEED=" + std::to_string(seed + i) + " VEK_RANDOM_CASES=1");
