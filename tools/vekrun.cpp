@@ -7,6 +7,7 @@
 #include "certify.h"
 #include "compare.h"
 #include "convert.h"
+#include "drawing.h"
 #include "info.h"
 #include "layer_catalog.h"
 #include "run.h"
@@ -110,6 +111,8 @@ ExitStatus Main(int argc, char** argv) {
   const CLI::App* info = AddInfo(&app, &looking);
   ConvertRequest conversion;
   const CLI::App* convert = AddConvert(&app, &conversion);
+  LayoutRequest drawing;
+  const CLI::App* layout = AddLayout(&app, &drawing);
 
   try {
     app.parse(argc, argv);
@@ -125,6 +128,10 @@ ExitStatus Main(int argc, char** argv) {
   if (*convert) return Convert(conversion) ? kDone : kRefused;
   if (*info) {
     Info(looking);
+    return kDone;
+  }
+  if (*layout) {
+    Layout(drawing);
     return kDone;
   }
   if (*certify) return Certify(certificate) ? kDone : kDiffers;
