@@ -69,9 +69,9 @@ struct Tally {
   }
 };
 
-// The C library's, with an exponent that the compiler cannot see: it turns powf(x, 2) into x * x.
-__attribute__((noipa)) float LibraryExp(float x) { return expf(x); }
-__attribute__((noipa)) float LibraryPow(float x, float k) { return powf(x, k); }
+// The C library's, called where the compiler cannot see what is called: it turns powf(x, 2) into x * x.
+float (*volatile const LibraryExp)(float) = expf;
+float (*volatile const LibraryPow)(float, float) = powf;
 
 void ExpBlock(std::uint64_t first, Tally& tally) {
   for (std::uint64_t bits = first; bits < first + kBlock; bits += detail::kFloatLanes) {

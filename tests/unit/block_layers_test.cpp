@@ -288,7 +288,7 @@ std::vector<Fault> FaultsOf(const BlockLayer& layer) {
     const unsigned expected = valid.out[0].dims[i];
     for (const unsigned wrong : {expected - 1, expected + 1}) {
       faults.push_back({std::string(name) + " " + std::to_string(wrong),
-                        [i = i, wrong](Setup& s) { s.out[0].dims[i] = wrong; },
+                        [axis = i, wrong](Setup& s) { s.out[0].dims[axis] = wrong; },
                         line("wrong output " + std::string(name) + ": " + std::to_string(wrong) +
                              ", should be: " + std::to_string(expected)),
                         name});

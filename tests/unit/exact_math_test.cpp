@@ -53,9 +53,9 @@ bool LibraryTakesTheSteps() {
 #endif
 }
 
-// With an exponent that the compiler cannot see: it turns powf(x, 2) into x * x.
-__attribute__((noipa)) float LibraryExp(float x) { return expf(x); }
-__attribute__((noipa)) float LibraryPow(float x, float k) { return powf(x, k); }
+// Called where the compiler cannot see what is called: it turns powf(x, 2) into x * x.
+float (*volatile const LibraryExp)(float) = expf;
+float (*volatile const LibraryPow)(float, float) = powf;
 
 // The one argument for which the C library of x86-64 gives another float: it fuses a product more.
 constexpr float kTellTale = -0x1.f8cbb2p+5F;
