@@ -295,6 +295,29 @@ inline void CopyRows(std::byte* dst, const std::byte* src, const Loop& rows, std
   internal::CopyRowsFrom(dst, rows.dst_step, internal::SteppedRows{src, rows.src_step}, rows.extent, bytes);
 }
 
+// The same for several planes of such rows.
+inline void CopyPlanesOfRows(std::byte* dst, const std::byte* src, const Loop& planes, const Loop& rows,
+                             std::size_t bytes) {
+  using namespace internal;
+  if (bytes > kShortRun || (rows.src_step == 0 && rows.extent > 1)) {
+    for (std::size_t i = 0; i < planes.extent; ++i) {
+      CopyRows(dst + Offset(i, planes.dst_step), src + Offset(i, planes.src_step), rows, bytes);
+    }
+  } else if (bytes > 0) {
+    WithShortRun(bytes, [&, planes, rows](auto run, std::size_t last) {
+      std::byte* to = dst;
+      const std::byte* from = src;
+      for (std::size_t i = planes.extent; i > 0; --i, to += planes.dst_step, from += planes.src_step) {
+        ForRows(
+            to, rows.dst_step, SteppedRows{from, rows.src_step},
+            rows.extent, [=](std::byte * row_to, const std::byte* row_from) __attribute__((always_inline)) {
+              decltype(run)::From(row_from, last).To(row_to, last);
+            });
+      }
+    });
+  }
+}
+
 // Repeats one element of each row along `count` elements of the target; steps are bytes.
 template <typename T>
 inline void RepeatRows(std::byte* dst, const std::byte* src, const Loop& rows, std::size_t count) {

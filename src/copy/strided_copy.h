@@ -17,9 +17,9 @@ namespace internal {
 // The most loops that one strided copy takes.
 inline constexpr std::size_t kMaxRank = 6;
 
-// The copy of elements of one width; everything is bytes. Instances for words of 1, 2 and 4 bytes.
+// The copy of elements of one width. Instances for words of 1, 2 and 4 bytes.
 template <typename T>
-void StridedCopyBytes(std::byte* dst, const std::byte* src, std::span<const Loop> loops);
+void StridedCopyWords(std::byte* dst, const std::byte* src, std::span<const Loop> loops);
 
 }  // namespace internal
 
@@ -34,13 +34,8 @@ void StridedCopy(T* dst, const T* src, std::span<const Loop> loops) {
     }
     return;
   }
-  constexpr std::ptrdiff_t kUnit = sizeof(T);
-  Loop in_bytes[internal::kMaxRank];
-  for (std::size_t i = 0; i < loops.size(); ++i) {
-    in_bytes[i] = {loops[i].extent, loops[i].src_step * kUnit, loops[i].dst_step * kUnit};
-  }
-  internal::StridedCopyBytes<Word<sizeof(T)>>(
-      reinterpret_cast<std::byte*>(dst), reinterpret_cast<const std::byte*>(src), {in_bytes, loops.size()});
+  internal::StridedCopyWords<Word<sizeof(T)>>(reinterpret_cast<std::byte*>(dst),
+                                              reinterpret_cast<const std::byte*>(src), loops);
 }
 
 template <typename T>

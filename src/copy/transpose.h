@@ -34,11 +34,13 @@ template <typename Byte>
   return i % 4 == 0 ? base : base + (i % 4 == 1 ? steps.one : i % 4 == 2 ? steps.two : steps.three);
 }
 
-// `count` vectors of rows of `row` bytes; rows shorter than a vector share one.
+// `count` vectors of rows of `row` bytes; rows shorter than a vector share one, longer ones take several.
 template <typename T, std::size_t row, std::size_t count>
 [[gnu::always_inline]] inline void LoadRows(Vec<T> (&v)[count], const std::byte* src, const RowSteps& steps) {
-  if constexpr (row == kVecBytes) {
-    for (std::size_t i = 0; i < count; ++i) v[i] = Load<Vec<T>>(Row(src, steps, i));
+  if constexpr (row >= kVecBytes) {
+    constexpr std::size_t vecs = row / kVecBytes;
+    for (std::size_t i = 0; i < count; ++i)
+      v[i] = Load<Vec<T>>(Row(src, steps, i / vecs) + i % vecs * kVecBytes);
   } else {
     constexpr std::size_t rows = kVecBytes / row;
     for (std::size_t i = 0; i < count; ++i) {
@@ -49,7 +51,7 @@ template <typename T, std::size_t row, std::size_t count>
   }
 }
 
-// The same to the target, where a row may also take several vectors.
+// The same to the target.
 template <typename T, std::size_t row, std::size_t count>
 [[gnu::always_inline]] inline void StoreRows(std::byte* dst, const RowSteps& steps,
                                              const Vec<T> (&v)[count]) {
@@ -66,6 +68,17 @@ template <typename T, std::size_t row, std::size_t count>
 }
 
 constexpr std::size_t Log2(std::size_t power) { return static_cast<std::size_t>(std::bit_width(power)) - 1; }
+
+// Transposes m rows of n elements, numbered through in the vectors.
+template <typename T, std::size_t m, std::size_t n, std::size_t count>
+[[gnu::always_inline]] inline void TransposeVectors(Vec<T> (&v)[count]) {
+  static_assert(m * n == count * kLanes<T>);
+  if constexpr (m <= n) {
+    for (std::size_t step = 0; step < Log2(m); ++step) ZipHalves<T>(v);
+  } else {
+    for (std::size_t step = 0; step < Log2(n); ++step) UnzipPairs<T>(v);
+  }
+}
 
 }  // namespace internal
 
@@ -87,17 +100,18 @@ template <typename T, std::size_t m, std::size_t n, bool src_dense = false, bool
 [[gnu::always_inline]] inline void TransposeTile(std::byte* dst, const RowSteps& dst_rows,
                                                  const std::byte* src, const RowSteps& src_rows) {
   constexpr std::size_t count = m * n / kLanes<T>;
-  if constexpr (count < 2) {
+  if constexpr (count < 1 || (count == 1 && sizeof(T) == 1 && !kShufflesBytes)) {
     PlainTransposeTile<T, m, n>(dst, dst_rows, src, src_rows);
+  } else if constexpr (count == 1) {
+    Vec<T> v[1];
+    internal::LoadRows<T, src_dense ? kVecBytes : n * sizeof(T)>(v, src, src_rows);
+    v[0] = TransposedWithin<T, m, n>(v[0]);
+    internal::StoreRows<T, dst_dense ? kVecBytes : m * sizeof(T)>(dst, dst_rows, v);
   } else {
     constexpr RowSteps kDense(kVecBytes);
     Vec<T> v[count];
     internal::LoadRows<T, src_dense ? kVecBytes : n * sizeof(T)>(v, src, src_dense ? kDense : src_rows);
-    if constexpr (m <= n) {
-      for (std::size_t step = 0; step < internal::Log2(m); ++step) ZipHalves<T>(v);
-    } else {
-      for (std::size_t step = 0; step < internal::Log2(n); ++step) UnzipPairs<T>(v);
-    }
+    internal::TransposeVectors<T, m, n>(v);
     internal::StoreRows<T, dst_dense ? kVecBytes : m * sizeof(T)>(dst, dst_dense ? kDense : dst_rows, v);
   }
 }
@@ -142,6 +156,34 @@ inline void ForBlocks(std::size_t extent, std::size_t tile, std::size_t per_bloc
   if (tiles * tile < extent) body(extent - tile, 1);
 }
 
+// Transposes planes of a few tiles each, one tile at a time; where they do not fill a plane, the last ones overlap their
+// neighbours.
+template <typename T, std::size_t m, std::size_t n, bool src_dense, bool dst_dense>
+[[gnu::noinline]] void TransposeSmallPlanes(std::byte* dst, const std::byte* src, const Loop& outer,
+                                            const Loop& planes, const Loop& d, const Loop& s) {
+  const RowSteps dst_rows(s.dst_step), src_rows(d.src_step);
+  const std::size_t last_row = d.extent - m;
+  const std::size_t last_column = s.extent - n;
+  const Loop inner = planes;
+  for (std::size_t i = 0; i < outer.extent; ++i) {
+    std::byte* plane_to = dst + Offset(i, outer.dst_step);
+    const std::byte* plane_from = src + Offset(i, outer.src_step);
+    for (std::size_t left = inner.extent; left > 0;
+         --left, plane_to += inner.dst_step, plane_from += inner.src_step) {
+      for (std::size_t column = 0;; column = std::min(column + n, last_column)) {
+        std::byte* const to = plane_to + Offset(column, dst_rows.one);
+        const std::byte* const from = plane_from + column * sizeof(T);
+        for (std::size_t row = 0;; row = std::min(row + m, last_row)) {
+          TransposeTile<T, m, n, src_dense, dst_dense>(to + row * sizeof(T), dst_rows,
+                                                       from + Offset(row, src_rows.one), src_rows);
+          if (row == last_row) break;
+        }
+        if (column == last_column) break;
+      }
+    }
+  }
+}
+
 // Transposes d_extent rows of s_extent elements in blocks of a cache line of 32 or 64 rows of the target, or as many
 // more bytes of as many fewer rows: its lines are written whole, and what they take from the source, two lines of a
 // row at most, is still at hand.
@@ -163,16 +205,28 @@ void TransposeBlocks(std::byte* dst, std::ptrdiff_t dst_stride, const std::byte*
 
 }  // namespace internal
 
-// Transposes a plane whose unit step lies along `s` in the source and along `d` in the target. Both have two
+// Transposes planes of planes whose unit step lies along `s` in the source and along `d` in the target. Both have two
 // elements or more; steps are bytes.
 template <typename T>
-inline void TransposePlane(std::byte* dst, const std::byte* src, const Loop& d, const Loop& s) {
+inline void TransposePlanes(std::byte* dst, const std::byte* src, const Loop& outer, const Loop& planes,
+                            const Loop& d, const Loop& s) {
   constexpr std::size_t kMostRows = sizeof(T) == 4 ? 2 * kLanes<T> : kLanes<T>;
+  // Beyond it the cost of a block is little. Chosen by the instructions of random shapes.
+  constexpr std::size_t kSmallPlane = 256 / sizeof(T);
   internal::WithTileExtent<kMostRows>(d.extent, [&](auto m) {
     internal::WithTileExtent<kLanes<T>>(s.extent, [&](auto n) {
       const auto tiles = [&](auto src_dense, auto dst_dense) {
-        internal::TransposeBlocks<T, m, n, src_dense, dst_dense>(dst, s.dst_step, src, d.src_step, d.extent,
-                                                                 s.extent);
+        if (d.extent * s.extent <= kSmallPlane) {
+          return internal::TransposeSmallPlanes<T, m, n, src_dense, dst_dense>(dst, src, outer, planes, d, s);
+        }
+        for (std::size_t i = 0; i < outer.extent; ++i) {
+          std::byte* to = dst + Offset(i, outer.dst_step);
+          const std::byte* from = src + Offset(i, outer.src_step);
+          for (std::size_t j = 0; j < planes.extent; ++j, to += planes.dst_step, from += planes.src_step) {
+            internal::TransposeBlocks<T, m, n, src_dense, dst_dense>(to, s.dst_step, from, d.src_step,
+                                                                     d.extent, s.extent);
+          }
+        }
       };
       if (m < kLanes<T> && s.dst_step == Offset(m, sizeof(T))) {
         tiles(std::false_type{}, std::true_type{});
@@ -183,6 +237,12 @@ inline void TransposePlane(std::byte* dst, const std::byte* src, const Loop& d, 
       }
     });
   });
+}
+
+// The same of one plane.
+template <typename T>
+inline void TransposePlane(std::byte* dst, const std::byte* src, const Loop& d, const Loop& s) {
+  TransposePlanes<T>(dst, src, {1, 0, 0}, {1, 0, 0}, d, s);
 }
 
 }  // namespace zeb_custom_ops::detail

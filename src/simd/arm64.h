@@ -12,6 +12,7 @@ namespace zeb_custom_ops::detail {
 
 inline constexpr std::size_t kBlockBytes = 16;
 inline constexpr bool kShufflesBytes = true;
+inline constexpr std::size_t kLookUpVectors = 8;
 inline constexpr bool kHasFma = true;
 inline constexpr ProductTile kProductTile = {.rows = 3, .vectors = 2, .loads_ahead = true};
 inline constexpr std::size_t kMapVectors = 4;  // loads and stores of pairs
@@ -41,6 +42,24 @@ inline ULongs LookUp32(const std::uint64_t* table, ULongs index) {
 inline Wide<ULongs> LookUp16(const std::uint64_t* table, UInts index) {
   const auto bytes = reinterpret_cast<uint8x16_t>(index);
   return {{ULongs{table[bytes[0]], table[bytes[4]]}, ULongs{table[bytes[8]], table[bytes[12]]}}};
+}
+
+// Instructions look up in one to four vectors; beyond them is 0, or what `otherwise` has.
+template <std::size_t n>
+inline Vec<std::uint8_t> LookUpBytes(const Vec<std::uint8_t>* table, Vec<std::uint8_t> index,
+                                     Vec<std::uint8_t> otherwise = Vec<std::uint8_t>{}) {
+  static_assert(n >= 1 && n <= 8);
+  if constexpr (n == 1) {
+    return vqtbx1q_u8(otherwise, table[0], index);
+  } else if constexpr (n == 2) {
+    return vqtbx2q_u8(otherwise, {{table[0], table[1]}}, index);
+  } else if constexpr (n == 3) {
+    return vqtbx3q_u8(otherwise, {{table[0], table[1], table[2]}}, index);
+  } else if constexpr (n == 4) {
+    return vqtbx4q_u8(otherwise, {{table[0], table[1], table[2], table[3]}}, index);
+  } else {
+    return LookUpBytes<n - 4>(table + 4, index - 64, LookUpBytes<4>(table, index));
+  }
 }
 
 // Of two integers that are as near, the one away from zero is taken.

@@ -46,6 +46,21 @@ inline Vec<T> UnzipOdd(Vec<T> a, Vec<T> b) {
   return internal::Unzip<T, 1>(a, b, std::make_index_sequence<kLanes<T>>{});
 }
 
+namespace internal {
+
+template <typename T, std::size_t m, std::size_t n, std::size_t... i>
+inline Vec<T> TransposedWithin(Vec<T> v, std::index_sequence<i...>) {
+  return __builtin_shufflevector(v, v, (i % m * n + i / m)...);
+}
+
+}  // namespace internal
+
+// m rows of n elements that fill one vector, transposed.
+template <typename T, std::size_t m, std::size_t n>
+inline Vec<T> TransposedWithin(Vec<T> v) {
+  return internal::TransposedWithin<T, m, n>(v, std::make_index_sequence<kLanes<T>>{});
+}
+
 // Zips the first half of `count` vectors with the second half. Numbering all lanes through, element p moves to
 // position 2p: the bits of its number rotate to the left by one.
 template <typename T, std::size_t count>

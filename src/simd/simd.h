@@ -3,6 +3,7 @@
 //
 //   kBlockBytes                   bytes of the widest plain move
 //   kShufflesBytes                whether single bytes are shuffled freely: everywhere but on the baseline of x86-64
+//   kLookUpVectors                vectors in which LookUpBytes looks bytes up at most: as many as pay, or none
 //   kHasFma                       whether multiply-adds are fused by an instruction; elsewhere `Fma` is a call per lane
 //   kProductTile                  how many sums of a matrix product stay in registers, see kernels/matmul.cpp
 //   kMapVectors                   vectors of an element-wise function that are computed before they are stored
@@ -17,6 +18,7 @@
 //   LookUp32(table, i)            table[i modulo 32], lane by lane. `table` holds its 32 entries eight times over, 256 in
 //                                 all: a target that indexes memory uses the low byte of `i`, which is at hand
 //   LookUp16(table, i)            table[i], lane by lane, for i below 16
+//   LookUpBytes<n>(table, i)      the bytes number i, lane by lane, of those that n vectors hold
 //   SplitAtInteger(z)             the nearest integer to z, and the rest; two that are as near differ by target
 //   LoadFours(rows, i, k)         rows[i][k] to rows[i][k + 3]; behind them, in a vector of eight lanes, the same of row i + 4
 //   StoreInterleaved<T, k>, LoadInterleaved<T, k>

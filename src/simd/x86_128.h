@@ -14,8 +14,10 @@ namespace zeb_custom_ops::detail {
 inline constexpr std::size_t kBlockBytes = 16;
 #if defined(__SSSE3__)
 inline constexpr bool kShufflesBytes = true;
+inline constexpr std::size_t kLookUpVectors = 2;
 #else
 inline constexpr bool kShufflesBytes = false;
+inline constexpr std::size_t kLookUpVectors = 0;
 #endif
 inline constexpr bool kHasFma = false;
 inline constexpr ProductTile kProductTile = {.rows = 4, .vectors = 1, .loads_ahead = false};

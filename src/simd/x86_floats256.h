@@ -12,6 +12,7 @@ namespace zeb_custom_ops::detail {
 
 inline constexpr std::size_t kBlockBytes = 32;
 inline constexpr bool kShufflesBytes = true;
+inline constexpr std::size_t kLookUpVectors = 2;
 inline constexpr bool kHasFma = true;
 
 inline Floats Splat(float value) { return _mm256_set1_ps(value); }
