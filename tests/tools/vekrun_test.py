@@ -46,6 +46,8 @@ class Usage(Case):
         self.assertEqual(offered("r"), ["run"])
         self.assertEqual(offered("run", ""), TYPES)
         self.assertEqual(offered("list", "SPACE"), ["SPACETOBATCH", "SPACETODEPTH"])
+        self.assertEqual(offered("list", "--j"), ["--json"])
+        self.assertEqual(offered("run", "ARGMAX", "--se"), ["--seconds"])
         self.assertEqual(offered("run", "ARGMAX", "--attr", ""), ["axis=", "top_k=", "out_max_val="])
         self.assertEqual(offered("run", "ARGMAX", "--lo"), ["--log"])
         self.assertEqual(offered("certify", "--pr"), ["--print"])
