@@ -52,6 +52,8 @@ void CopyRow(const std::byte* src, std::size_t src_step, std::byte* dst, std::si
   }
 }
 
+bool IsDense(const BufAttrs& attrs) { return !attrs.IsStrided() && !attrs.IsInterleaved(); }
+
 }  // namespace
 
 std::size_t Rows(const BufAttrs& attrs) {
@@ -59,6 +61,10 @@ std::size_t Rows(const BufAttrs& attrs) {
 }
 
 void Pack(const BufAttrs& attrs, const std::byte* dense, std::byte* buffer) {
+  if (IsDense(attrs)) {
+    std::copy_n(dense, attrs.Bytes(), buffer);
+    return;
+  }
   const std::size_t element = attrs.ElementBytes();
   ForEachRow(attrs, 0, Rows(attrs), [&](std::size_t src, std::size_t dst, std::size_t step) {
     CopyRow(dense + src, element, buffer + dst, step, attrs.GetWidth(), element);
@@ -72,6 +78,11 @@ void Unpack(const BufAttrs& attrs, const std::byte* buffer, std::byte* dense) {
 void UnpackRows(const BufAttrs& attrs, const std::byte* buffer, std::size_t first, std::size_t count,
                 std::byte* dense) {
   const std::size_t element = attrs.ElementBytes();
+  if (IsDense(attrs)) {
+    const std::size_t row_bytes = attrs.GetWidth() * element;
+    std::copy_n(buffer + first * row_bytes, count * row_bytes, dense);
+    return;
+  }
   ForEachRow(attrs, first, count, [&](std::size_t dst, std::size_t src, std::size_t step) {
     CopyRow(buffer + src, step, dense + dst, element, attrs.GetWidth(), element);
   });
