@@ -9,7 +9,7 @@ namespace vekrun {
 
 struct CertifyRequest {
   std::vector<std::string> types;  ///< only these layer types; empty: all, and the hash over all
-  std::string plugin;  ///< path, or empty for the default one
+  std::string plugin;              ///< path, or empty for the default one
   std::string record;  ///< the recorded certificate, or empty for the one that is installed with the tool
   bool print = false;  ///< print this build's certificate as a record, and compare it with none
   std::string cases;   ///< a layer type: print the hash of each of its cases instead

@@ -8,6 +8,7 @@
 #include <cstring>
 #include <utility>
 
+#include "interruption.h"
 #include "usage_error.h"
 
 namespace vekrun {
@@ -41,11 +42,13 @@ NewFile::NewFile(std::string path) : path_(std::move(path)), file_(standard_outp
     temporary_.clear();
     Fail(errno);
   }
+  unfinished_ = RegisterUnfinished(temporary_);
 }
 
 NewFile::~NewFile() {
   if (file_ >= 0 && file_ != standard_output) close(file_);
   if (!temporary_.empty()) unlink(temporary_.c_str());
+  ForgetUnfinished(unfinished_);
 }
 
 void NewFile::Fail(int error) { throw UsageError("cannot write " + path_ + ": " + std::strerror(error)); }
@@ -67,6 +70,7 @@ void NewFile::Publish() {
   if (close(std::exchange(file_, -1)) != 0) Fail(errno);
   if (rename(temporary_.c_str(), path_.c_str()) != 0) Fail(errno);
   temporary_.clear();
+  ForgetUnfinished(std::exchange(unfinished_, -1));
 }
 
 }  // namespace vekrun

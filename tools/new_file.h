@@ -35,6 +35,7 @@ class NewFile {
   std::string path_;
   std::string temporary_;  // empty once it is published, and for standard output
   int file_;
+  int unfinished_ = -1;  // its registration for interruptions
 };
 
 }  // namespace vekrun

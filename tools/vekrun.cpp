@@ -8,8 +8,10 @@
 #include "compare.h"
 #include "convert.h"
 #include "info.h"
-#include "layer_catalog.h"
-#include "run.h"
+#include "interruption.h"
+#include "list.h"
+#include "run_command.h"
+#include "suggestion.h"
 #include "usage_error.h"
 
 namespace vekrun {
@@ -17,44 +19,22 @@ namespace {
 
 enum ExitStatus { kDone = 0, kRefused = 1, kDiffers = 1, kUsage = 2 };
 
-void PrintLayer(const LayerInfo& layer) {
-  std::printf("%s: %s\n  %s\n", layer.type, layer.summary, layer.buffers);
-  for (const AttributeInfo& attribute : layer.attributes) {
-    const std::string state =
-        attribute.fallback == nullptr ? "mandatory" : std::string("default ") + attribute.fallback;
-    std::printf("  %-15s %-12s %s\n", attribute.key, state.c_str(), attribute.meaning);
-  }
-  if (layer.note != nullptr) std::printf("  %s\n", layer.note);
-}
-
-void List(const std::vector<std::string>& types) {
-  for (const std::string& type : types) {
-    const LayerInfo* layer = FindLayer(type);
-    if (layer == nullptr) throw UsageError("there is no layer type " + type);
-    PrintLayer(*layer);
-  }
-  if (!types.empty()) return;
-  for (const LayerInfo& layer : LayerCatalog()) {
-    PrintLayer(layer);
-    std::putchar('\n');
-  }
-}
-
-// The attributes of each configuration: --attr values in the order given, parted by --then.
-std::vector<AttrMap> Configurations(const CLI::App& run, const CLI::Option* attr, const CLI::Option* then) {
-  std::vector<AttrMap> configurations(1);
-  std::size_t next = 0;
-  for (const CLI::Option* option : run.parse_order()) {
-    if (option == then) configurations.emplace_back();
-    if (option != attr) continue;
-    const std::string& text = attr->results()[next++];
-    const std::size_t equals = text.find('=');
-    if (equals == std::string::npos) throw UsageError("--attr takes key=value, not '" + text + "'");
-    if (!configurations.back().emplace(text.substr(0, equals), text.substr(equals + 1)).second) {
-      throw UsageError("--attr " + text.substr(0, equals) + " is given twice");
+// What the user may have meant by words that nothing takes.
+std::string Unexpected(const CLI::App& app) {
+  const std::vector<CLI::App*> chosen = app.get_subcommands();
+  const std::vector<std::string> words = app.remaining(/*recurse=*/true);
+  const std::string word = words.empty() ? "" : words[0].substr(0, words[0].find('='));
+  std::vector<std::string> names;
+  if (chosen.empty()) {
+    for (const CLI::App* command : app.get_subcommands([](const CLI::App*) { return true; })) {
+      names.push_back(command->get_name());
     }
+    return "there is no command " + word + DidYouMean(word, names);
   }
-  return configurations;
+  for (const CLI::Option* option : chosen[0]->get_options()) {
+    for (const std::string& name : option->get_lnames()) names.push_back("--" + name);
+  }
+  return "vekrun " + chosen[0]->get_name() + " takes no " + word + DidYouMean(word, names);
 }
 
 ExitStatus Main(int argc, char** argv) {
@@ -62,34 +42,10 @@ ExitStatus Main(int argc, char** argv) {
   app.set_version_flag("--version", "vekrun " VEK_VERSION);
   app.require_subcommand(1);
 
-  std::vector<std::string> listed;
-  CLI::App* list = app.add_subcommand("list", "The layer types: attributes, defaults, accepted formats");
-  list->add_option("TYPE", listed, "Only these types");
-
-  RunRequest request;
-  std::vector<std::string> attrs;
-  CLI::App* run = app.add_subcommand("run", "Run one layer");
-  run->add_option("TYPE", request.type, "Layer type, as 'vekrun list' shows them")->required();
-  CLI::Option* attr =
-      run->add_option("--attr", attrs, "Attribute")->allow_extra_args(false)->type_name("KEY=VALUE");
-  CLI::Option* then = run->add_flag("--then")->description(
-      "Configure with the attributes so far, then again with the next ones");
-  run->add_option("--in", request.inputs, "Input")->allow_extra_args(false)->required();
-  run->add_option("--out", request.outputs, "Output")->allow_extra_args(false)->required();
-  run->add_option("--plugin", request.plugin,
-                  "The plug-in; by default the one next to vekrun, then the system's");
-  run->add_option("--log", request.log_level, "Log threshold")
-      ->check(CLI::IsMember({"NONE", "ERROR", "WARNING", "INFO", "DEBUG"}));
-  run->add_option("--repeat", request.repeat,
-                  "Execute so often; print the plug-in's file, the median time and bytes per second")
-      ->check(CLI::Range(1U, 1'000'000'000U));
-  run->footer(
-      "Files: .npy (float32, int8, uint8, int16, uint16, int32, uint32), .png, .ppm, .pgm, and .bin for a "
-      "buffer's\n"
-      "bytes as they lie in memory.\n"
-      "Options after a file's name: pack=CHANNELS line=BYTES plane=BYTES exp=N zero=N scale=X shape=1x3x8x8\n"
-      "type=float32|int8|uint8|int16|uint16|int32|uint32\n"
-      "Exit status: 0 done, 1 the layer refused, 2 wrong usage or a file that cannot be read or written.");
+  ListRequest listing;
+  const CLI::App* list = AddList(&app, &listing);
+  RunCommand command;
+  const CLI::App* run = AddRun(&app, &command);
 
   CertifyRequest certificate;
   CLI::App* certify =
@@ -111,31 +67,40 @@ ExitStatus Main(int argc, char** argv) {
   ConvertRequest conversion;
   const CLI::App* convert = AddConvert(&app, &conversion);
 
+  if (argc < 2) {
+    std::fputs(app.help().c_str(), stdout);
+    return kDone;
+  }
   try {
     app.parse(argc, argv);
+  } catch (const CLI::RequiredError&) {
+    if (app.get_subcommands().empty()) throw UsageError(Unexpected(app));
+    throw;
+  } catch (const CLI::ExtrasError&) {
+    throw UsageError(Unexpected(app));
   } catch (const CLI::Success& success) {  // --help, --version
     app.exit(success);
     return kDone;
   }
   if (*list) {
-    List(listed);
+    List(listing);
     return kDone;
   }
+  if (*run) return Run(Finish(command)) ? kDone : kRefused;
   if (*compare) return Compare(comparison) ? kDone : kDiffers;
   if (*convert) return Convert(conversion) ? kDone : kRefused;
   if (*info) {
     Info(looking);
     return kDone;
   }
-  if (*certify) return Certify(certificate) ? kDone : kDiffers;
-  request.configurations = Configurations(*run, attr, then);
-  return Run(request) ? kDone : kRefused;
+  return Certify(certificate) ? kDone : kDiffers;
 }
 
 }  // namespace
 }  // namespace vekrun
 
 int main(int argc, char** argv) {
+  vekrun::CatchInterruptions();
   try {
     return vekrun::Main(argc, argv);
   } catch (const std::exception& error) {  // UsageError, a parse error, memory that a file asks for

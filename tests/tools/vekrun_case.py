@@ -3,6 +3,7 @@ if need be; arrays and pictures, written and read by hand with nothing but Pytho
 """
 
 import ast
+import concurrent.futures
 import math
 import os
 import pathlib
@@ -11,6 +12,7 @@ import struct
 import subprocess
 import sys
 import tempfile
+import time
 import unittest
 import zlib
 
@@ -50,6 +52,15 @@ def f32(value):
     return struct.unpack("<f", struct.pack("<f", value))[0]
 
 
+def wait_for(condition, seconds=60):
+    """Returns when the condition holds; fails after a while."""
+    end = time.monotonic() + seconds
+    while not condition():
+        if time.monotonic() > end:
+            raise TimeoutError(condition)
+        time.sleep(0.005)
+
+
 class Case(unittest.TestCase):
     def setUp(self):
         folder = tempfile.TemporaryDirectory()
@@ -84,8 +95,14 @@ class Case(unittest.TestCase):
         self.assertEqual(len(data) - start, count * struct.calcsize(code))
         return header["descr"], header["shape"], list(struct.unpack(f"<{count}{code}", data[start:]))
 
-    def vekrun(self, *arguments):
-        return subprocess.run([*VEKRUN, *arguments], cwd=self.folder, capture_output=True, text=True, check=False)
+    def vekrun(self, *arguments, folder=None):
+        return subprocess.run([*VEKRUN, *arguments], cwd=folder or self.folder, capture_output=True, text=True, check=False)
+
+    @staticmethod
+    def at_once(call, items):
+        """What the call returns for each item; several run at a time."""
+        with concurrent.futures.ThreadPoolExecutor(max(2, os.cpu_count() or 2)) as pool:
+            return list(pool.map(call, items))
 
     def run_layer(self, layer, inputs, output, *attributes):
         """Runs a layer that succeeds."""
