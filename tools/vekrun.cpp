@@ -7,6 +7,7 @@
 #include "certify.h"
 #include "compare.h"
 #include "convert.h"
+#include "drawing.h"
 #include "info.h"
 #include "interruption.h"
 #include "list.h"
@@ -66,6 +67,8 @@ ExitStatus Main(int argc, char** argv) {
   const CLI::App* info = AddInfo(&app, &looking);
   ConvertRequest conversion;
   const CLI::App* convert = AddConvert(&app, &conversion);
+  LayoutRequest drawing;
+  const CLI::App* layout = AddLayout(&app, &drawing);
 
   if (argc < 2) {
     std::fputs(app.help().c_str(), stdout);
@@ -91,6 +94,10 @@ ExitStatus Main(int argc, char** argv) {
   if (*convert) return Convert(conversion) ? kDone : kRefused;
   if (*info) {
     Info(looking);
+    return kDone;
+  }
+  if (*layout) {
+    Layout(drawing);
     return kDone;
   }
   return Certify(certificate) ? kDone : kDiffers;
