@@ -6,6 +6,7 @@
 #include <charconv>
 #include <cmath>
 #include <map>
+#include <set>
 #include <vector>
 
 #include "file_argument.h"
@@ -145,8 +146,7 @@ class Svg {
   void Text(const std::string& classes, double x, double y, const std::string& text) {
     body_ += "<text";
     if (!classes.empty()) body_ += " class=\"" + classes + "\"";
-    body_ += " x=\"" + Pixels(x) + "\" y=\"" + Pixels(y) + "\" xml:space=\"preserve\">" + Escaped(text) +
-             "</text>\n";
+    body_ += " x=\"" + Pixels(x) + "\" y=\"" + Pixels(y) + "\">" + Escaped(text) + "</text>\n";
   }
   // From one point to another, leaving and arriving level.
   void Curve(const std::string& classes, double x0, double y0, double x1, double y1) {
@@ -172,10 +172,10 @@ class Svg {
       dark.append("    .c").append(number).append(" { fill: ").append(kTints[i].dark).append("; }\n");
     }
     const std::string size = Pixels(width) + "\" height=\"" + Pixels(height);
-    return "<svg xmlns=\"http://www.w3.org/2000/svg\" role=\"img\" width=\"" + size + "\" viewBox=\"0 0 " +
-           Pixels(width) + " " + Pixels(height) + "\">\n<title>" + Escaped(title) + "</title>\n<desc>" +
-           Escaped(description) + "</desc>\n<style>" + style + "  @media (prefers-color-scheme: dark) {" +
-           dark +
+    return "<svg xmlns=\"http://www.w3.org/2000/svg\" xml:space=\"preserve\" role=\"img\" width=\"" + size +
+           "\" viewBox=\"0 0 " + Pixels(width) + " " + Pixels(height) + "\">\n<title>" + Escaped(title) +
+           "</title>\n<desc>" + Escaped(description) + "</desc>\n<style>" + style +
+           "  @media (prefers-color-scheme: dark) {" + dark +
            "  }\n</style>\n<defs><pattern id=\"hatch\" width=\"6\" height=\"6\" "
            "patternUnits=\"userSpaceOnUse\" "
            "patternTransform=\"rotate(45)\"><path class=\"hatch\" d=\"M0 0 V6\"/></pattern></defs>\n"
@@ -207,8 +207,9 @@ class BufferDrawing {
       : buffer_(buffer),
         attrs_(buffer.attrs),
         pack_(static_cast<std::size_t>(attrs_.GetMemFormat().plane_pack)),
-        planes_(std::size_t{attrs_.GetBatch()} * attrs_.PlanesPerItem(), 6),
         rows_(attrs_.GetHeight(), 5),
+        planes_(std::size_t{attrs_.GetBatch()} * attrs_.PlanesPerItem(),
+                std::min<std::size_t>(8, 24 / rows_.Positions().size())),
         pixels_(attrs_.GetWidth(), std::max<std::size_t>(3, 24 / std::min<std::size_t>(pack_, 9))),
         slots_(pack_, 9) {
     double x = 0;
@@ -382,13 +383,16 @@ class BufferDrawing {
     }
     return text;
   }
+  // The digits with which all values fit, or 0. All the same value would say nothing.
   std::size_t DigitsThatFit() const {
     for (const std::size_t digits : {3U, 2U, 1U}) {
-      bool fit = true;
+      std::set<std::string> values;
       ForEachShown([&](std::size_t n, std::size_t c, std::size_t h, std::size_t w) {
-        fit = fit && ValueText(OffsetOf({n, c, h, w}), digits).size() <= 4;
+        values.insert(ValueText(OffsetOf({n, c, h, w}), digits));
       });
-      if (fit) return digits;
+      const bool fit = std::all_of(values.begin(), values.end(),
+                                   [](const std::string& value) { return value.size() <= 4; });
+      if (fit) return values.size() > 1 ? digits : 0;
     }
     return 0;
   }
@@ -498,7 +502,7 @@ class BufferDrawing {
   LaidOut buffer_;
   vek_host::BufAttrs attrs_;
   std::size_t pack_;
-  Shown planes_, rows_, pixels_, slots_;
+  Shown rows_, planes_, pixels_, slots_;
   std::map<std::pair<std::size_t, std::size_t>, double> cell_x_;  // of pixel and slot
   std::map<std::size_t, double> row_y_, plane_y_;
   std::map<Coordinates, std::size_t> channels_;  // where the colour is that of another one

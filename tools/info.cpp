@@ -19,6 +19,7 @@
 namespace vekrun {
 namespace {
 
+constexpr std::size_t kFew = 16;   // elements, which are printed themselves
 constexpr std::size_t kBins = 60;  // with the margin, the lines of a terminal
 
 template <typename Number>
@@ -122,7 +123,7 @@ std::string LayoutText(const vek_host::BufAttrs& attrs) {
   return text;
 }
 
-// --- The histogram as text.
+// --- The elements as text: each of a few, or the histogram.
 
 bool TerminalTakesUtf8() {
   std::setlocale(LC_CTYPE, "");
@@ -164,7 +165,17 @@ std::string Draw(const Statistics& seen, bool utf8) {
   return text + "  " + ends + "\n";
 }
 
-void Print(const LaidOut& tensor, const Statistics& seen, bool utf8) {
+void PrintValues(const LaidOut& tensor, bool real) {
+  std::string text = " ";
+  ForEachElement(Offsets(tensor.attrs), [&](const std::vector<unsigned int>&, std::size_t offset) {
+    text += ' ';
+    text += real ? NumberText(ValueAt<double>(tensor, offset, true))
+                 : ElementText(tensor.type, tensor.memory + offset);
+  });
+  std::printf("%s\n", text.c_str());
+}
+
+void Print(const LaidOut& tensor, const Statistics& seen, bool real, bool utf8) {
   std::printf("%s: %s %s%s, %zu bytes\n", tensor.name.c_str(), ShapeText(tensor.attrs.GetDims()).c_str(),
               Name(tensor.type), LayoutText(tensor.attrs).c_str(), tensor.bytes);
   const std::uint64_t finite = seen.elements - seen.nan - seen.infinite;
@@ -181,7 +192,11 @@ void Print(const LaidOut& tensor, const Statistics& seen, bool utf8) {
                 std::to_string(seen.infinite).c_str());
   }
   std::printf("\n");
-  if (finite > 0) std::fputs(Draw(seen, utf8).c_str(), stdout);
+  if (seen.elements <= kFew) {
+    PrintValues(tensor, real);
+  } else if (finite > 0) {
+    std::fputs(Draw(seen, utf8).c_str(), stdout);
+  }
 }
 
 nlohmann::ordered_json AsJson(const LaidOut& tensor, const Statistics& seen) {
@@ -238,7 +253,7 @@ void Info(const InfoRequest& request) {
     const StoredTensor stored = OpenTensor(ParseFileArgument(text));
     const LaidOut tensor = View(stored);
     const Statistics seen = Look(tensor, request.real);
-    Print(tensor, seen, utf8);
+    Print(tensor, seen, request.real, utf8);
     list.push_back(AsJson(tensor, seen));
   }
   if (request.json.empty()) return;
