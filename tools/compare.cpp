@@ -302,6 +302,9 @@ std::vector<Reading> Shapes(const LaidOut& side, const LaidOut& other) {
   return readings;
 }
 
+// Of large tensors, a reading under which so many elements and most of those so far differ is given up.
+constexpr std::uint64_t kMany = 4096;
+
 // The differences that a reading of one side leaves; nothing where they are more than `limit`.
 std::optional<OtherReading> Try(const LaidOut& side, const Reading& reading, const LaidOut& other,
                                 bool side_is_a, const Tolerance& tolerance, std::uint64_t differences,
@@ -325,7 +328,8 @@ std::optional<OtherReading> Try(const LaidOut& side, const Reading& reading, con
       const std::byte* const other_at = other.memory + other_offset;
       ++result.compared;
       if (!(side_is_a ? judge.Agree(at, other_at) : judge.Agree(other_at, at))) ++result.differences;
-      return result.differences <= limit;
+      const bool is_hopeless = result.differences > kMany && 2 * result.differences > result.compared;
+      return result.differences <= limit && !is_hopeless;
     };
     // What lies out of reach must not be able to hide all the differences that there are, nor be the larger part.
     if (!ForEachPair(reading.offsets, Offsets(other.attrs), visit)) return std::nullopt;
