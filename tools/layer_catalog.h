@@ -27,6 +27,8 @@ struct LayerInfo {
   const char* note;  ///< what else a user should know, or null
   /// The output's shape; never fails: where attributes and inputs do not fit, the layer itself says so.
   Dims (*output_shape)(const AttrMap& attrs, const std::vector<const zeb::PuxDnnBufAttrs*>& inputs);
+  const char* onnx;   ///< ONNX operators that do the same, or "none" and those that together do
+  const char* numpy;  ///< NumPy functions, likewise
 };
 
 /// \return all layer types, in the order of the plug-in's factory.

@@ -19,6 +19,7 @@ void Print(const LayerInfo& layer) {
     std::printf("  %-15s %-12s %s\n", attribute.key, state.c_str(), attribute.meaning);
   }
   if (layer.note != nullptr) std::printf("  %s\n", layer.note);
+  std::printf("  ONNX: %s\n  NumPy: %s\n", layer.onnx, layer.numpy);
 }
 
 nlohmann::ordered_json TextOrNull(const char* text) {
@@ -37,7 +38,9 @@ nlohmann::ordered_json ToJson(const LayerInfo& layer) {
           {"summary", layer.summary},
           {"buffers", layer.buffers},
           {"attributes", attributes},
-          {"note", TextOrNull(layer.note)}};
+          {"note", TextOrNull(layer.note)},
+          {"onnx", layer.onnx},
+          {"numpy", layer.numpy}};
 }
 
 }  // namespace

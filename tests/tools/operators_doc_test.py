@@ -57,7 +57,9 @@ class Examples(Case):
         for section in sections:
             layer = section.split("\n")[0]
             with self.subTest(layer):
-                self.assertRegex(section, r"\n\| ONNX \| .*\|\n")
+                rows = dict(re.findall(r"^\| (ONNX|NumPy) \| (.*) \|$", section, re.MULTILINE))
+                listed = self.vekrun("list", layer).stdout
+                self.assertIn(f"  ONNX: {rows['ONNX']}\n  NumPy: {rows['NumPy']}\n", listed)
                 self.run_example(layer, re.findall(r"```sh\n(.*?)```", section, re.DOTALL)[-1])
 
 

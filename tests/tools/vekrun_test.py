@@ -53,6 +53,9 @@ class Usage(Case):
         self.assertEqual(offered("certify", "--pr"), ["--print"])
         self.assertEqual(offered("certify", "--cases", "SOFT"), ["SOFTMAX"])
         self.assertEqual(offered("run", "ARGMAX", "--log", "W"), ["WARNING"])
+        self.assertEqual(offered("co"), ["compare", "convert"])
+        self.assertEqual(offered("compare", "a.npy", "b.npy", "--r"), ["--rtol", "--real"])
+        self.assertEqual(offered("convert", "a.npy", "b.npy", "--round", ""), ["nearest", "zero"])
 
     def test_version_and_help(self):
         version = self.vekrun("--version")
