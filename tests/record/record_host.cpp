@@ -203,7 +203,7 @@ void Allocations(const Plugin& plugin) {
     Stage stage(specimen);
     const std::string type = specimen.type;
     std::fflush(stdout);
-    const pid_t child = fork();
+    const pid_t child = _Fork();  // without handlers, which the emulator does not return from
     if (child == 0) {
       char did[5] = "----";
       g_failing = n;
