@@ -22,9 +22,11 @@ struct Plugin {
   std::int32_t* log_treshold = nullptr;
   const char** log_str = nullptr;
 
-  // The library under test, opened once for the process.
+  // The library under test, opened once for the process: the one that was built, or that VEK_PLUGIN in the environment
+  // names, which stands in front of it.
   static const Plugin& Get() {
-    static const Plugin plugin = Open(VEK_PLUGIN_PATH);
+    const char* other = std::getenv("VEK_PLUGIN");
+    static const Plugin plugin = Open(other != nullptr ? other : VEK_PLUGIN_PATH);
     return plugin;
   }
 
@@ -38,12 +40,18 @@ struct Plugin {
     plugin.Find("create_object", plugin.create_object);
     plugin.Find("destroy_object", plugin.destroy_object);
     plugin.Find("set_log_treshold", plugin.set_log_treshold);
-    plugin.Find("libzeb_log_treshold", plugin.log_treshold);
-    plugin.Find("libzeb_log_str", plugin.log_str);
+    plugin.FindFirst("libzeb_log_treshold", plugin.log_treshold);
+    plugin.FindFirst("libzeb_log_str", plugin.log_str);
     return plugin;
   }
 
  private:
+  // A variable of the log: where the program links the library, the library's, whichever plug-in was opened.
+  template <typename Pointer>
+  void FindFirst(const char* name, Pointer& pointer) const {
+    pointer = reinterpret_cast<Pointer>(dlsym(RTLD_DEFAULT, name));
+    if (pointer == nullptr) Find(name, pointer);
+  }
   template <typename Pointer>
   void Find(const char* name, Pointer& pointer) const {
     pointer = reinterpret_cast<Pointer>(dlsym(handle, name));
