@@ -176,6 +176,15 @@ TEST(SpaceToBatch, TheKernelEqualsTheFormula) {
   });
 }
 
+TEST(SpaceToBatch, InputPositionsWrapAtThirtyTwoBits) {
+  // Of 2^32 elements an output of few rows reads the first ones only; the second item lies where the first does.
+  Random random(7);
+  ExpectKernel<char>(random, Buf::Int(8, {2, 1, 65536, 65536}), Buf::Int(8, {4, 1, 2, 3}), {1, 2, 1, 0, 77},
+                     77);
+  ExpectKernel<short>(random, Buf::Int(16, {1, 1, 65536, 65536}), Buf::Int(16, {1, 1, 2, 3}),
+                      {1, 1, 0, 1, 77}, 77);
+}
+
 TEST(SpaceToBatch, PlanesLargerThanTheCacheHoldsEqualTheFormula) {
   Random random(5);
   ExpectKernel<char>(random, Buf::Int(8, {1, 3, 199, 205}), Buf::Int(8, {4, 3, 101, 105}), {2, 2, 1, 3, 77},
