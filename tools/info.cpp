@@ -107,7 +107,7 @@ Statistics LookAs(const LaidOut& tensor, bool real) {
   return result;
 }
 
-std::string LayoutText(const vek_host::BufAttrs& attrs) {
+std::string FormatText(const vek_host::BufAttrs& attrs) {
   const zeb::PuxDnnBufAttrsMemFormat& format = attrs.GetMemFormat();
   std::string text;
   if (format.plane_pack > 1) text += ", pack=" + std::to_string(format.plane_pack);
@@ -177,7 +177,7 @@ void PrintValues(const LaidOut& tensor, bool real) {
 
 void Print(const LaidOut& tensor, const Statistics& seen, bool real, bool utf8) {
   std::printf("%s: %s %s%s, %zu bytes\n", tensor.name.c_str(), ShapeText(tensor.attrs.GetDims()).c_str(),
-              Name(tensor.type), LayoutText(tensor.attrs).c_str(), tensor.bytes);
+              Name(tensor.type), FormatText(tensor.attrs).c_str(), tensor.bytes);
   const std::uint64_t finite = seen.elements - seen.nan - seen.infinite;
   if (finite > 0) {
     std::printf("  min %s at %s, max %s at %s, mean %s, standard deviation %s\n",
