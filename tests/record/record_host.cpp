@@ -186,7 +186,10 @@ void Threads(const Plugin& plugin) {
     threads.emplace_back([&, t] {
       for (std::size_t i = 0; i < zoo.size(); ++i) {
         const std::size_t which = (i + t * 11) % zoo.size();
-        if (Drive(plugin, zoo[which], 2) != expected[which]) ++wrong;
+        if (Drive(plugin, zoo[which], 2) != expected[which]) {
+          std::printf("%s is wrong\n", zoo[which].name.c_str());
+          ++wrong;
+        }
       }
     });
   }
