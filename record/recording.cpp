@@ -73,7 +73,7 @@ class MemoryReader {
   std::size_t Read(const std::byte* memory, std::size_t bytes, void* copy) {
     static const auto page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
     ssize_t taken = Write(memory, std::min(bytes, kMost));
-    if (taken < 0 && errno == EFAULT) {  // an emulator tells of all or nothing
+    if (taken < 0 && errno == EFAULT) {  // an emulator takes all or nothing
       const std::size_t rest_of_page = page - reinterpret_cast<std::uintptr_t>(memory) % page;
       taken = Write(memory, std::min(bytes, rest_of_page));
     }
@@ -106,10 +106,10 @@ class MemoryReader {
   // Deliberate: the system call itself. Sanitizers look into the C library's function, and would find fault with memory
   // that the host promised and does not have.
   ssize_t Write(const std::byte* memory, std::size_t bytes) {
-    long written = 0;
-    do written = syscall(SYS_write, *ends_.in, memory, bytes);
-    while (written < 0 && errno == EINTR);
-    return written;
+    for (;;) {
+      const long written = syscall(SYS_write, *ends_.in, memory, bytes);
+      if (written >= 0 || errno != EINTR) return written;
+    }
   }
 
   Ends ends_;
@@ -132,7 +132,7 @@ std::uint64_t Number(const char* name, std::uint64_t otherwise, bool units) {
   if (text.empty()) return otherwise;
   char* end = nullptr;
   errno = 0;
-  std::uint64_t number = std::strtoull(text.c_str(), &end, 10);
+  const std::uint64_t number = std::strtoull(text.c_str(), &end, 10);
   if (text[0] < '0' || text[0] > '9' || errno != 0) Refuse(name);
   const std::string_view unit = end;
   const unsigned shift = unit == "K" ? 10 : unit == "M" ? 20 : unit == "G" ? 30 : 0;
@@ -149,8 +149,8 @@ bool IsSecond(const char* name, std::string_view first, std::string_view second)
 }
 
 Recording::Settings& MutableSettings() {
-  static auto& settings =
-      *new Recording::Settings;  // never destroyed: a host's layers may outlive this library's end
+  // Never destroyed: a host's layers may outlive this library's end.
+  static auto& settings = *new Recording::Settings;
   return settings;
 }
 
