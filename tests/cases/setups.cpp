@@ -288,8 +288,8 @@ Setup Matmul(Random& random) {
   const auto extent = [&] { return random.OneIn(4) ? random.Extent() % 40 : random.Between(1, 12); };
   const unsigned N = random.Between(0, 3);
   const unsigned M = extent();
-  const Dims k =
-      random.OneIn(16) ? Dims{1, random.Between(200, 600)} : Shrunk(random, {random.Between(1, 4), extent()}, 70);
+  const Dims k = random.OneIn(16) ? Dims{1, random.Between(200, 600)}
+                                  : Shrunk(random, {random.Between(1, 4), extent()}, 70);
   const AttrMap attrs = {{"trans_b", random.OneOf({"1", "0", "yes"})}};
   const Buf a = Buf::Float({N, M, k[0], k[1]});
   if (random.OneIn(8)) {
@@ -478,8 +478,8 @@ Setup Gather(Random& random) {
 
 Setup Pad(Random& random) {
   const Format format = AnyFormat(random);
-  const Dims dims =
-      Shrunk(random, {random.Between(0, 2), random.Between(0, 6), random.Between(0, 6), random.Extent()}, 150);
+  const Dims dims = Shrunk(
+      random, {random.Between(0, 2), random.Between(0, 6), random.Between(0, 6), random.Extent()}, 150);
   Dims pads(8);
   for (unsigned& pad : pads) pad = random.OneIn(2) ? random.Between(0, 5) : 0;
   if (random.OneIn(10)) pads[7] += random.Between(10, 40);

@@ -17,7 +17,8 @@ volatile int zero = 0;
 
 int Recurse(volatile int* depth) {
   volatile char room[4096];
-  room[0] = static_cast<char>(++*depth);
+  *depth = *depth + 1;
+  room[0] = static_cast<char>(*depth);
   return *depth < 0 ? 0 : Recurse(depth) + room[0];
 }
 

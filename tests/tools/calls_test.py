@@ -115,7 +115,7 @@ TABLE = [
      "input 1 holds float32, input 0 uint8"),
     ("run SWCONCAT --attr axis=1 --in random:1x3x4x4,type=u8 --in random:1x3x4x4 --out o.npy,shape=1x15x4x4", 0, "",
      "SWCONCAT left 144 of 240 elements of the output unwritten, the first at [0,6,0,0]; they read as 0"),
-    (RUN.format("SWCONCAT") + "--attr axis=1 --in random:1x3x4x4 --in random:1x3x4x5", 1, "",
+    (RUN.format("SWCONCAT") + "--attr axis=1 --in random:1x3x4x4 --in random:1x3x4x5", 1, "Input buffers occupy",
      "input 1 is 1x3x4x5, input 0 1x3x4x4: only the axis 1 may differ"),
     (RUN.format("GATHER") + "--attr axis=0 --in random:10x4 --in ramp:3", 1, "Operation broken",
      "the indices, input 1, are float32, and their bytes are taken as uint32"),

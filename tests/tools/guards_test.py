@@ -102,7 +102,8 @@ EXAMPLES = {
 }
 LAYOUTS = ("line=128", "plane=1000", "pack=4", "pack=16", "pack=4,line=256")
 # Of the layers that take more than dense buffers, the layouts of input and output.
-TAKEN = ([("DATA_STRIDE_CONV", a, b) for a in ("pack=1",) + LAYOUTS for b in ("pack=1",) + LAYOUTS if a != b] +
+RING = ("pack=1",) + LAYOUTS
+TAKEN = ([("DATA_STRIDE_CONV", RING[i], RING[(i + step) % 6]) for i in range(6) for step in (1, 3)] +
          [("PERMUTE", a, b) for a, b in zip(LAYOUTS, LAYOUTS[1:] + LAYOUTS[:1])] +
          [("PAD", a, b) for a in LAYOUTS for b in ("line=128", "plane=1000")] +
          [("BROADCAST", "line=128", "pack=1"), ("MATMUL", "line=128", "pack=1"), ("MATMUL", "plane=1000", "pack=1")])
