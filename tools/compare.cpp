@@ -222,7 +222,7 @@ CLI::App* AddCompare(CLI::App* app, CompareRequest* request) {
   compare->add_option("A", request->a, "A tensor")->required();
   compare->add_option("B", request->b, "The expected one")->required();
   AddToleranceOptions(compare, &request->report);
-  compare->add_option("--json", request->report.json, "The report as JSON");
+  compare->add_option("--json", request->report.json, "The report as JSON; - is standard output");
   compare->footer(
       "NaN equals NaN, and -0 equals 0, but with --bits.\n"
       "Exit status: 0 all elements agree, 1 some do not, 2 wrong usage or a file that cannot be read.");
@@ -230,6 +230,7 @@ CLI::App* AddCompare(CLI::App* app, CompareRequest* request) {
 }
 
 bool Compare(const CompareRequest& request) {
+  if (request.report.json == "-") KeepStandardOutputForFiles();
   const StoredTensor a = OpenTensor(ParseFileArgument(request.a));
   const StoredTensor b = OpenTensor(ParseFileArgument(request.b));
   return ReportComparison(View(a), View(b), request.report);

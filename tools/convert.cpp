@@ -98,6 +98,7 @@ bool Convert(const ConvertRequest& request) {
   const StoredTensor stored = OpenTensor(ParseFileArgument(request.in));
   const LaidOut in = View(stored);
   const FileArgument target = ParseFileArgument(request.out);
+  if (target.path == "-") KeepStandardOutputForFiles();
   const Dims in_dims = in.attrs.GetDims();
   const Dims dims = target.shape.value_or(in_dims);
   if (ElementCount(dims) != ElementCount(in_dims)) {
@@ -133,17 +134,15 @@ bool Convert(const ConvertRequest& request) {
   NewFile file(target.path);
   WriteTensor(target, tensor, &file);
   file.Publish();
-  std::FILE* const messages = target.path == "-" ? stderr : stdout;
-  std::fprintf(messages, "%s (%s %s)", target.path.c_str(), ShapeText(dims).c_str(), Name(type));
+  std::printf("%s (%s %s)", target.path.c_str(), ShapeText(dims).c_str(), Name(type));
   if (conversion.rounded.count > 0) {
-    std::fprintf(messages, ", %llu rounded", static_cast<unsigned long long>(conversion.rounded.count));
+    std::printf(", %llu rounded", static_cast<unsigned long long>(conversion.rounded.count));
   }
   if (conversion.beyond.count > 0) {
-    std::fprintf(messages, ", %llu cut, first %s at %s",
-                 static_cast<unsigned long long>(conversion.beyond.count), conversion.beyond.element.c_str(),
-                 IndexText(conversion.beyond.index).c_str());
+    std::printf(", %llu cut, first %s at %s", static_cast<unsigned long long>(conversion.beyond.count),
+                conversion.beyond.element.c_str(), IndexText(conversion.beyond.index).c_str());
   }
-  std::fprintf(messages, "\n");
+  std::printf("\n");
   return true;
 }
 

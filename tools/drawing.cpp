@@ -616,6 +616,7 @@ CLI::App* AddLayout(CLI::App* app, LayoutRequest* request) {
 }
 
 void Layout(const LayoutRequest& request) {
+  if (request.out == "-") KeepStandardOutputForFiles();
   std::vector<StoredTensor> stored;
   std::vector<std::vector<std::byte>> memory;
   std::vector<LaidOut> buffers;

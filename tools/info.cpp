@@ -242,11 +242,13 @@ CLI::App* AddInfo(CLI::App* app, InfoRequest* request) {
   info->add_option("FILE", request->files, "The tensors")->required();
   info->add_flag("--real", request->real,
                  "Fixed-point elements count as what they stand for, by exp, or zero and scale");
-  info->add_option("--json", request->json, "The same as JSON, a list with one entry for each tensor");
+  info->add_option("--json", request->json,
+                   "The same as JSON, a list with one entry for each tensor; - is standard output");
   return info;
 }
 
 void Info(const InfoRequest& request) {
+  if (request.json == "-") KeepStandardOutputForFiles();
   const bool utf8 = TerminalTakesUtf8();
   auto list = nlohmann::ordered_json::array();
   for (const std::string& text : request.files) {

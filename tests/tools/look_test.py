@@ -127,6 +127,12 @@ class Info(LookCase):
         (report,), lines = self.info("i.npy,exp=-4", "--real")
         self.assertEqual((report["min"], report["max"], report["exp"], lines[-1]), (-0.5, 1.5, -4, "  -0.5 1.5"))
 
+    def test_json_on_standard_output(self):
+        self.save("a.npy", np.array([1, 2], "u1"))
+        result = self.vekrun("info", "a.npy", "--json", "-")
+        self.assertEqual(json.loads(result.stdout)[0]["max"], 2)
+        self.assertIn("max 2 at [1]", result.stderr)
+
     def test_wrong_usage(self):
         self.expect_usage_error("FILE is required", "info")
         self.expect_usage_error("missing.npy", "info", "missing.npy")
