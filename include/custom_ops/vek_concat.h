@@ -26,7 +26,6 @@ namespace zeb_custom_ops {
 ///   interleaving. Refused in `Execute`: 32-bit integers, a null data pointer, extents that differ outside
 ///   the axis; 4-D inputs of different batch sizes on every axis.
 /// - `Configure` is meant to be called once: every success appends its inputs to the stored ones.
-/// - Scratch: the list of the typed input pointers.
 class ZEB_EXPORT VekConcat : public zeb::PuxDnnCustomLayer {
  public:
   bool Configure(const AttrMap& attrs, const BufAttrsList& inputs, const BufAttrsList& outputs) override;

@@ -113,4 +113,48 @@ void ForEachPatch(const BlockGrid& grid, std::size_t first_plane, std::size_t pl
   }
 }
 
+// Short rows of which the frame takes a part: whole blocks of them, frame included, go through scratch, so that what a
+// sub-grid has of them is one run.
+//
+// Scratch holds rows of W_sub * block_width elements. Those of a plane that are in row bh of their blocks lie one behind the
+// other there, for a few planes.
+struct FramedRows {
+  static constexpr std::size_t kBytes = 8192;
+  static constexpr std::size_t kShortBytes = 64;
+  static constexpr std::size_t kManyElements = 256;
+
+  std::size_t row;     // elements of a framed row
+  std::size_t left;    // of these, the first that is no frame
+  std::size_t copied;  // how many are none
+
+  explicit FramedRows(const BlockGrid& grid)
+      : row(grid.W_sub * grid.block_width),
+        left(std::min(grid.left, row)),
+        copied(std::min(grid.W, row - left)) {}
+
+  // Whether scratch pays for elements of this width. Chosen by the instructions of random shapes.
+  bool Pays(const BlockGrid& grid, std::size_t width) const {
+    return grid.block_width > 1 && copied < row && grid.W >= 2 * grid.block_width &&
+           row * width <= kShortBytes && grid.planes * grid.H * grid.W >= kManyElements;
+  }
+};
+
+// Calls body(bh, plane, planes, rows): for each row of the block and a few planes at a time, the rows of their sub-grids that
+// are not frame, as many as scratch holds.
+template <typename Body>
+void ForEachBand(const BlockGrid& grid, std::size_t rows_in_scratch, const Body& body) {
+  for (std::size_t bh = 0; bh < grid.block_height; ++bh) {
+    const IndexRange all = grid.Rows(bh);
+    if (all.empty()) continue;
+    const std::size_t at_once = std::min(all.count(), rows_in_scratch);
+    const std::size_t planes_at_once = rows_in_scratch / at_once;
+    for (std::size_t plane = 0; plane < grid.planes; plane += planes_at_once) {
+      const std::size_t planes = std::min(planes_at_once, grid.planes - plane);
+      for (std::size_t row = all.begin; row < all.end; row += at_once) {
+        body(bh, plane, planes, IndexRange{row, std::min(row + at_once, all.end)});
+      }
+    }
+  }
+}
+
 }  // namespace zeb_custom_ops::detail

@@ -81,47 +81,13 @@ bool VekConcat::Configure(const AttrMap& attrs, const BufAttrsList& inputs, cons
   return true;
 }
 
-bool VekConcat::Execute(void** in_buffers, void** out_buffers) {
-  VEK_REQUIRE(configured_, "Can't run Execute() without Configure()");
-  VEK_REQUIRE(!in_attrs_.empty(), "input buffer attrs not provided");
-  VEK_REQUIRE(out_attrs_ != nullptr, "output buffer attrs are NULL");
-  VEK_REQUIRE(in_buffers != nullptr, "Input buffers array is NULL");
-  for (unsigned i = 0; i < in_attrs_.size(); ++i) {
-    VEK_REQUIRE(in_buffers[i] != nullptr, "Input buffer %u pointer is NULL", i);
-  }
-  VEK_REQUIRE(out_buffers != nullptr, "Output buffers array is NULL");
-
-  const auto run = [&](auto width) {
-    using T = decltype(width);
-    std::vector<T*> in(in_attrs_.size());
-    std::transform(in_buffers, in_buffers + in.size(), in.begin(),
-                   [](void* buffer) { return static_cast<T*>(buffer); });
-    return concat<T>(std::move(in), static_cast<T*>(out_buffers[0]), in_attrs_, static_cast<unsigned>(axis_));
-  };
-  const zeb::PuxDnnBufAttrsMemFormat format = in_attrs_[0]->GetMemFormat();
-  bool done = false;
-  if (format.float_) {
-    done = run(float{});
-  } else if (format.bitdepth == 8) {
-    using UnsignedChar = unsigned char;
-    done = run(UnsignedChar{});
-  } else if (format.bitdepth == 16) {
-    using UnsignedShort = unsigned short;
-    done = run(UnsignedShort{});
-  } else {
-    VEK_LOG_ERROR("Unsupported data format");
-  }
-  VEK_REQUIRE(done, "can't calculate Concat");
-  return true;
-}
-
 namespace {
 
 // Per outer position one slab of every input, one after another. A slab is `extent_of(i)` times `inner`
 // elements; `extent` is the sum of the inputs' extents.
-template <typename T, typename ExtentOf>
-void Join(const std::vector<T*>& in, T* out, std::uint64_t outer, unsigned inner, std::uint64_t extent,
-          ExtentOf extent_of) {
+template <typename T, typename DataOf, typename ExtentOf>
+void Join(const DataOf& data_of, std::size_t inputs, T* out, std::uint64_t outer, unsigned inner,
+          std::uint64_t extent, ExtentOf extent_of) {
   // No position wraps.
   const Saturating row = Saturating(extent) * inner;
   const bool fits = Fits(LastPosition({{outer, row}, {row, 1}}));
@@ -129,12 +95,12 @@ void Join(const std::vector<T*>& in, T* out, std::uint64_t outer, unsigned inner
   // The inputs are taken a few at a time, so that each description is asked once.
   constexpr std::size_t kGroup = 16;
   kernels::ConcatRows rows = {outer, static_cast<unsigned>(extent * inner), 0};
-  for (std::size_t first = 0; first < in.size(); first += kGroup) {
-    const std::size_t count = std::min(kGroup, in.size() - first);
+  for (std::size_t first = 0; first < inputs; first += kGroup) {
+    const std::size_t count = std::min(kGroup, inputs - first);
     std::array<kernels::Slab<T>, kGroup> group;
     unsigned behind = rows.offset;
     for (std::size_t i = 0; i < count; ++i) {
-      group[i] = {in[first + i], extent_of(first + i) * inner};
+      group[i] = {data_of(first + i), extent_of(first + i) * inner};
       behind += group[i].count;
     }
     const std::span<const kernels::Slab<T>> slabs(group.data(), count);
@@ -147,13 +113,42 @@ void Join(const std::vector<T*>& in, T* out, std::uint64_t outer, unsigned inner
   }
 }
 
-}  // namespace
+// The kernel for five dims.
+template <typename T, typename DataOf>
+bool Concatenate5d(const DataOf& data_of, T* out, const zeb::PuxDnnCustomLayer::BufAttrsList& in_attrs,
+                   unsigned axis) {
+  if (in_attrs.empty()) return true;
+  const std::vector<unsigned> dims = in_attrs[0]->GetDims();
+  std::vector<unsigned> before = dims;
+  std::uint64_t extent = axis < dims.size() ? dims[axis] : 0;
+  for (std::size_t i = 1; i < in_attrs.size(); ++i) {
+    std::vector<unsigned> dims_i = in_attrs[i]->GetDims();
+    VEK_REQUIRE(dims_i.size() == before.size(), "All tensors must have the same number of dimensions");
+    for (std::size_t d = 0; d < dims_i.size(); ++d) {
+      VEK_REQUIRE(d == axis || dims_i[d] == before[d],
+                  "All tensors must have the same dimensions (except for the concat dimension)");
+    }
+    if (axis < dims_i.size()) extent += dims_i[axis];
+    before = std::move(dims_i);
+  }
+  if (axis > 4 || axis >= dims.size()) return false;
 
-template <typename T>
-bool VekConcat::concat(std::vector<T*> in, T* out, const BufAttrsList& in_attrs, unsigned axis) {
+  std::uint64_t outer = 1;
+  for (unsigned d = 0; d < axis; ++d) outer *= dims[d];
+  unsigned inner = 1;
+  for (std::size_t d = axis + 1; d < std::min<std::size_t>(dims.size(), 5); ++d) inner *= dims[d];
+  Join(data_of, in_attrs.size(), out, outer, inner, extent,
+       [&](std::size_t i) { return in_attrs[i]->GetDims()[axis]; });
+  return true;
+}
+
+// The 4-D kernel, and the way to the other one; data_of(i) is the data of input i.
+template <typename T, typename DataOf>
+bool Concatenate(const DataOf& data_of, T* out, const zeb::PuxDnnCustomLayer::BufAttrsList& in_attrs,
+                 unsigned axis) {
   if (in_attrs.empty()) return true;
   const zeb::PuxDnnBufAttrs& first = *in_attrs[0];
-  if (first.GetNumDims() == 5) return concat_5d<T>(std::move(in), out, in_attrs, axis);
+  if (first.GetNumDims() == 5) return Concatenate5d(data_of, out, in_attrs, axis);
 
   const auto [N, C, H, W] = detail::Shape(first);
 
@@ -198,7 +193,7 @@ bool VekConcat::concat(std::vector<T*> in, T* out, const BufAttrsList& in_attrs,
     return extent;
   };
   const auto join = [&](std::uint64_t outer, unsigned inner, auto extent_of) {
-    Join(in, out, outer, inner, sum_of(extent_of), extent_of);
+    Join(data_of, in_attrs.size(), out, outer, inner, sum_of(extent_of), extent_of);
     return true;
   };
   switch (axis) {
@@ -221,30 +216,48 @@ bool VekConcat::concat(std::vector<T*> in, T* out, const BufAttrsList& in_attrs,
   }
 }
 
+}  // namespace
+
+bool VekConcat::Execute(void** in_buffers, void** out_buffers) {
+  VEK_REQUIRE(configured_, "Can't run Execute() without Configure()");
+  VEK_REQUIRE(!in_attrs_.empty(), "input buffer attrs not provided");
+  VEK_REQUIRE(out_attrs_ != nullptr, "output buffer attrs are NULL");
+  VEK_REQUIRE(in_buffers != nullptr, "Input buffers array is NULL");
+  for (unsigned i = 0; i < in_attrs_.size(); ++i) {
+    VEK_REQUIRE(in_buffers[i] != nullptr, "Input buffer %u pointer is NULL", i);
+  }
+  VEK_REQUIRE(out_buffers != nullptr, "Output buffers array is NULL");
+
+  const auto run = [&](auto width) {
+    using T = decltype(width);
+    return Concatenate([&](std::size_t i) { return static_cast<const T*>(in_buffers[i]); },
+                       static_cast<T*>(out_buffers[0]), in_attrs_, static_cast<unsigned>(axis_));
+  };
+  const zeb::PuxDnnBufAttrsMemFormat format = in_attrs_[0]->GetMemFormat();
+  bool done = false;
+  if (format.float_) {
+    done = run(float{});
+  } else if (format.bitdepth == 8) {
+    using UnsignedChar = unsigned char;
+    done = run(UnsignedChar{});
+  } else if (format.bitdepth == 16) {
+    using UnsignedShort = unsigned short;
+    done = run(UnsignedShort{});
+  } else {
+    VEK_LOG_ERROR("Unsupported data format");
+  }
+  VEK_REQUIRE(done, "can't calculate Concat");
+  return true;
+}
+
+template <typename T>
+bool VekConcat::concat(std::vector<T*> in, T* out, const BufAttrsList& in_attrs, unsigned axis) {
+  return Concatenate([&](std::size_t i) { return in[i]; }, out, in_attrs, axis);
+}
+
 template <typename T>
 bool VekConcat::concat_5d(std::vector<T*> in, T* out, const BufAttrsList& in_attrs, unsigned axis) {
-  if (in_attrs.empty()) return true;
-  const std::vector<unsigned> dims = in_attrs[0]->GetDims();
-  std::vector<unsigned> before = dims;
-  std::uint64_t extent = axis < dims.size() ? dims[axis] : 0;
-  for (std::size_t i = 1; i < in_attrs.size(); ++i) {
-    std::vector<unsigned> dims_i = in_attrs[i]->GetDims();
-    VEK_REQUIRE(dims_i.size() == before.size(), "All tensors must have the same number of dimensions");
-    for (std::size_t d = 0; d < dims_i.size(); ++d) {
-      VEK_REQUIRE(d == axis || dims_i[d] == before[d],
-                  "All tensors must have the same dimensions (except for the concat dimension)");
-    }
-    if (axis < dims_i.size()) extent += dims_i[axis];
-    before = std::move(dims_i);
-  }
-  if (axis > 4 || axis >= dims.size()) return false;
-
-  std::uint64_t outer = 1;
-  for (unsigned d = 0; d < axis; ++d) outer *= dims[d];
-  unsigned inner = 1;
-  for (std::size_t d = axis + 1; d < std::min<std::size_t>(dims.size(), 5); ++d) inner *= dims[d];
-  Join(in, out, outer, inner, extent, [&](std::size_t i) { return in_attrs[i]->GetDims()[axis]; });
-  return true;
+  return Concatenate5d([&](std::size_t i) { return in[i]; }, out, in_attrs, axis);
 }
 
 template bool VekConcat::concat<float>(std::vector<float*>, float*, const BufAttrsList&, unsigned);

@@ -141,6 +141,25 @@ unsigned Count(const zeb::PuxDnnBufAttrs& attrs) {
   return N * C * H * W;
 }
 
+constexpr bool kNowhere[4] = {};
+using AlongDims = const bool (&)[4];
+AlongDims Along(bool repeats, AlongDims dims) { return repeats ? dims : kNowhere; }
+
+// The body of Mul and Div.
+template <typename Op>
+bool Zip(const float* a, AlongDims a_repeats_along, const float* b, AlongDims b_repeats_along, float* out,
+         const zeb::PuxDnnBufAttrs& attrs, Op op) {
+  const auto [N, C, H, W] = detail::Shape(attrs);
+  const BroadcastSteps a_steps(a_repeats_along, C, H, W);
+  const BroadcastSteps b_steps(b_repeats_along, C, H, W);
+  if (Fits(Saturating(N) * C * H * W)) {
+    detail::ZipBroadcast(a, a_steps, b, b_steps, out, N, C, H, W, op);
+  } else {
+    detail::PlainZipBroadcast(a, a_steps, b, b_steps, out, N, C, H, W, op);
+  }
+  return true;
+}
+
 }  // namespace
 
 bool VekEwo::Execute(void** in_buffers, void** out_buffers) {
@@ -157,9 +176,11 @@ bool VekEwo::Execute(void** in_buffers, void** out_buffers) {
     case kMul:
       if (RepeatsAlongPlane(A_repeats_along_)) return Mul_NCHW_x_NC11(input(1), input(0), out, *in_attrs_[1]);
       if (RepeatsAlongPlane(B_repeats_along_)) return Mul_NCHW_x_NC11(input(0), input(1), out, *in_attrs_[0]);
-      return Mul<float>({input(0), input(1)}, out, *in_attrs_[0]);
+      return Zip(input(0), Along(broadcast_A_, A_repeats_along_), input(1),
+                 Along(broadcast_B_, B_repeats_along_), out, *in_attrs_[0], std::multiplies<>());
     case kDiv:
-      return Div<float>({input(0), input(1)}, out, *in_attrs_[0]);
+      return Zip(input(0), Along(broadcast_A_, A_repeats_along_), input(1),
+                 Along(broadcast_B_, B_repeats_along_), out, *in_attrs_[0], std::divides<>());
     case kAddK:
       detail::AddInto(input(0), out, Count(*in_attrs_[0]), k_);
       return true;
@@ -176,48 +197,26 @@ bool VekEwo::Execute(void** in_buffers, void** out_buffers) {
   }
 }
 
-namespace {
-
-constexpr bool kNowhere[4] = {};
-
-// The body of Mul and Div.
-template <typename Op>
-void Zip(const float* a, const bool (&a_repeats_along)[4], const float* b, const bool (&b_repeats_along)[4],
-         float* out, const zeb::PuxDnnBufAttrs& attrs, Op op) {
-  const auto [N, C, H, W] = detail::Shape(attrs);
-  const BroadcastSteps a_steps(a_repeats_along, C, H, W);
-  const BroadcastSteps b_steps(b_repeats_along, C, H, W);
-  if (Fits(Saturating(N) * C * H * W)) {
-    detail::ZipBroadcast(a, a_steps, b, b_steps, out, N, C, H, W, op);
-  } else {
-    detail::PlainZipBroadcast(a, a_steps, b, b_steps, out, N, C, H, W, op);
-  }
-}
-
-}  // namespace
-
 std::uint64_t VekEwo::calculate_broadcast_indexes(const zeb::PuxDnnBufAttrs& attrs, unsigned n, unsigned c,
                                                   unsigned h, unsigned w) {
   const unsigned C = attrs.GetChannels();
   const unsigned H = attrs.GetHeight();
   const unsigned W = attrs.GetWidth();
-  const BroadcastSteps a_steps(broadcast_A_ ? A_repeats_along_ : kNowhere, C, H, W);
-  const BroadcastSteps b_steps(broadcast_B_ ? B_repeats_along_ : kNowhere, C, H, W);
+  const BroadcastSteps a_steps(Along(broadcast_A_, A_repeats_along_), C, H, W);
+  const BroadcastSteps b_steps(Along(broadcast_B_, B_repeats_along_), C, H, W);
   return std::uint64_t{b_steps.Index(n, c, h, w)} << 32 | a_steps.Index(n, c, h, w);
 }
 
 template <typename T>
 bool VekEwo::Mul(const std::vector<T*>& in, T* out, const zeb::PuxDnnBufAttrs& attrs) {
-  Zip(in[0], broadcast_A_ ? A_repeats_along_ : kNowhere, in[1], broadcast_B_ ? B_repeats_along_ : kNowhere,
-      out, attrs, std::multiplies<>());
-  return true;
+  return Zip(in[0], Along(broadcast_A_, A_repeats_along_), in[1], Along(broadcast_B_, B_repeats_along_), out,
+             attrs, std::multiplies<>());
 }
 
 template <typename T>
 bool VekEwo::Div(const std::vector<T*>& in, T* out, const zeb::PuxDnnBufAttrs& attrs) {
-  Zip(in[0], broadcast_A_ ? A_repeats_along_ : kNowhere, in[1], broadcast_B_ ? B_repeats_along_ : kNowhere,
-      out, attrs, std::divides<>());
-  return true;
+  return Zip(in[0], Along(broadcast_A_, A_repeats_along_), in[1], Along(broadcast_B_, B_repeats_along_), out,
+             attrs, std::divides<>());
 }
 
 template <typename T>

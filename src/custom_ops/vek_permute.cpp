@@ -30,17 +30,43 @@ const std::string VekPermute::k_expected_attr_axes_ = "axes";
 
 namespace {
 
+// A list that lies on the stack unless it is longer than tensors have dims.
+template <typename T>
+class List {
+ public:
+  explicit List(std::size_t capacity) {
+    if (capacity <= kOnStack) return;
+    on_heap_.resize(capacity);
+    data_ = on_heap_.data();
+  }
+  List(const List&) = delete;
+  List& operator=(const List&) = delete;
+
+  void Append(const T& value) { data_[size_++] = value; }
+  std::size_t size() const { return size_; }
+  const T* begin() const { return data_; }
+  const T* end() const { return data_ + size_; }
+  T& operator[](std::size_t i) { return data_[i]; }
+  const T& operator[](std::size_t i) const { return data_[i]; }
+
+ private:
+  static constexpr std::size_t kOnStack = 12;
+  T on_stack_[kOnStack];
+  std::vector<T> on_heap_;
+  T* data_ = on_stack_;
+  std::size_t size_ = 0;
+};
+
 // The axes, behind which the dims that they do not name follow in increasing order. It may be longer than the
 // rank: surplus and repeated axes stay.
-std::vector<unsigned> CompletedOrder(const std::vector<unsigned>& axes, unsigned rank) {
-  std::vector<unsigned> order;
-  order.reserve(axes.size() + rank);
-  order = axes;
-  for (unsigned d = 0; d < rank; ++d) {
-    if (std::find(order.begin(), order.end(), d) == order.end()) order.push_back(d);
+struct Order : List<unsigned> {
+  Order(const std::vector<unsigned>& axes, std::size_t rank) : List(axes.size() + rank) {
+    for (unsigned axis : axes) Append(axis);
+    for (unsigned d = 0; d < rank; ++d) {
+      if (std::find(begin(), end(), d) == end()) Append(d);
+    }
   }
-  return order;
-}
+};
 
 Saturating Elements(const std::vector<unsigned>& dims) {
   Saturating count = 1;
@@ -48,7 +74,7 @@ Saturating Elements(const std::vector<unsigned>& dims) {
   return count;
 }
 
-bool IsOrder(const std::vector<unsigned>& order, std::initializer_list<unsigned> expected) {
+bool IsOrder(const Order& order, std::initializer_list<unsigned> expected) {
   return std::equal(order.begin(), order.end(), expected.begin(), expected.end());
 }
 
@@ -104,7 +130,7 @@ bool VekPermute::Execute(void** in_buffers, void** out_buffers) {
   const zeb::PuxDnnBufAttrsMemFormat in_format = in.GetMemFormat();
   const zeb::PuxDnnBufAttrsMemFormat out_format = out.GetMemFormat();
   const unsigned in_rank = in.GetNumDims();
-  const std::vector<unsigned> order = CompletedOrder(axes_, in_rank);
+  const Order order(axes_, in_rank);
 
   // To channel-last.
   if (IsOrder(order, {0, 2, 3, 1}) && !out.IsStrided() && out_format.plane_pack == 1) {
@@ -190,28 +216,29 @@ bool VekPermute::LazyBufAlloc(std::unique_ptr<signed char[]>& buf, unsigned int 
 namespace {
 
 // Whether the first `rank` entries are dims.
-bool NamesOnlyDims(const std::vector<unsigned>& order, std::size_t rank) {
-  const auto end = order.begin() + static_cast<std::ptrdiff_t>(rank);
-  return std::all_of(order.begin(), end, [&](unsigned axis) { return axis < rank; });
+bool NamesOnlyDims(const Order& order, std::size_t rank) {
+  return std::all_of(order.begin(), order.begin() + rank, [&](unsigned axis) { return axis < rank; });
 }
 
 // The loops over the output, in its order. The products wrap at 32 bits.
-std::vector<Loop> OutputLoops(const std::vector<unsigned>& order, const std::vector<unsigned>& in_dims) {
-  const std::size_t rank = in_dims.size();
-  std::vector<unsigned> in_step(rank);
-  unsigned step = 1;
-  for (std::size_t d = rank; d-- > 0; step *= in_dims[d]) in_step[d] = step;
-
-  std::vector<Loop> loops(rank);
-  step = 1;
-  for (std::size_t i = rank; i-- > 0; step *= in_dims[order[i]]) {
-    loops[i] = {in_dims[order[i]], in_step[order[i]], step};
+struct OutputLoops : List<Loop> {
+  OutputLoops(const Order& order, const std::vector<unsigned>& in_dims) : List(in_dims.size()) {
+    const std::size_t rank = in_dims.size();
+    for (std::size_t i = 0; i < rank; ++i) Append({in_dims[order[i]], 0, 0});
+    unsigned step = 1;
+    for (std::size_t d = rank; d-- > 0; step *= in_dims[d]) {
+      for (std::size_t i = 0; i < rank; ++i) {
+        if (order[i] == d) (*this)[i].src_step = step;
+      }
+    }
+    step = 1;
+    for (std::size_t i = rank; i-- > 0; step *= in_dims[order[i]]) (*this)[i].dst_step = step;
   }
-  return loops;
-}
+  operator std::span<const Loop>() const { return {begin(), size()}; }
+};
 
 // Whether the entries name each dim once: then the loops visit every element of the tensor once.
-bool IsPermutation(const std::vector<unsigned>& order, std::size_t rank) {
+bool IsPermutation(const Order& order, std::size_t rank) {
   for (std::size_t i = 0; i < rank; ++i) {
     for (std::size_t j = 0; j < i; ++j) {
       if (order[i] == order[j]) return false;
@@ -221,8 +248,8 @@ bool IsPermutation(const std::vector<unsigned>& order, std::size_t rank) {
 }
 
 // Whether every element of the output has its source inside an input of as many elements.
-bool StaysInside(const std::vector<unsigned>& order, const std::vector<unsigned>& in_dims, unsigned count) {
-  const std::vector<Loop> loops = OutputLoops(order, in_dims);
+bool StaysInside(const Order& order, const std::vector<unsigned>& in_dims, unsigned count) {
+  const OutputLoops loops(order, in_dims);
   for (unsigned o = 0; o < count; ++o) {
     if (kernels::SourceOf(o, loops) >= count) return false;
   }
@@ -239,9 +266,9 @@ bool VekPermute::Permute_v1(const zeb::PuxDnnBufAttrs& in, T* in_data, unsigned 
               AsInt(in_count), AsInt(out_count));
   const std::vector<unsigned> in_dims = in.GetDims();
   const std::size_t rank = in_dims.size();
-  const std::vector<unsigned> order = CompletedOrder(axes_, static_cast<unsigned>(rank));
+  const Order order(axes_, rank);
   VEK_REQUIRE(NamesOnlyDims(order, rank), "axes name a dimension that %zuD input does not have", rank);
-  const std::vector<Loop> loops = OutputLoops(order, in_dims);
+  const OutputLoops loops(order, in_dims);
 
   unsigned done = 0;
   const Saturating count = Elements(in_dims);
@@ -331,7 +358,7 @@ bool VekPermute::DirectAcessPermute(const zeb::PuxDnnBufAttrs& in, signed char* 
     return false;
   }
 
-  const std::vector<unsigned> order = CompletedOrder(axes_, AsUnsigned(in_dims.size()));
+  const Order order(axes_, in_dims.size());
   VEK_REQUIRE(!NamesOnlyDims(order, in_dims.size()) || IsPermutation(order, in_dims.size()) ||
                   StaysInside(order, in_dims, count),
               "repeated axes lead outside the %d elements of the input", AsInt(count));

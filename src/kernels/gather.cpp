@@ -4,6 +4,7 @@
 #include <cstddef>
 
 #include "copy/runs.h"
+#include "copy/strided_copy.h"
 
 namespace zeb_custom_ops::kernels {
 
@@ -42,6 +43,15 @@ struct Slices {
   // Copies the first `slices` slices in the order of the output.
   void Copy(std::uint64_t slices) const {
     const std::uint64_t whole = slices / count;
+    // Few indices for many outer positions: one index for a few of these at a time, which lie in the nearest cache.
+    constexpr std::uint64_t kFewIndices = 3;
+    constexpr std::uint64_t kManyPositions = 16;
+    constexpr std::uint64_t kCachedBytes = 16384;
+    const std::uint64_t block = kCachedBytes / sizeof(T) / (std::max(extent, count) * inner);
+    if (count < kFewIndices && std::min(block, whole) >= kManyPositions) {
+      for (std::uint64_t o = 0; o < whole; o += block) CopyBlock(o, std::min(block, whole - o));
+      return CopyOne(whole, slices % count);
+    }
     switch (inner * sizeof(T)) {
       case 1:
         return CopyWords<std::uint8_t>(whole, slices % count);
@@ -63,6 +73,13 @@ struct Slices {
   }
   std::byte* Target(std::uint64_t o) const { return reinterpret_cast<std::byte*>(out + o * count * inner); }
 
+  void CopyBlock(std::uint64_t first, std::uint64_t positions) const {
+    const auto step = [this](std::uint64_t slices) { return static_cast<std::ptrdiff_t>(slices * inner); };
+    for (std::uint64_t j = 0; j < count; ++j) {
+      detail::StridedCopy(out + (first * count + j) * inner, params + (first * extent + indices[j]) * inner,
+                          {{positions, step(extent), step(count)}, {inner, 1, 1}});
+    }
+  }
   void CopyOne(std::uint64_t o, std::uint64_t slices) const {
     detail::GatherRows(Target(o), Source(o), indices, slices, inner * sizeof(T));
   }
@@ -72,8 +89,21 @@ struct Slices {
   void CopyWords(std::uint64_t whole, std::uint64_t rest) const {
     std::uint64_t o = 0;
     for (; o + 8 <= whole; o += 8) CopyColumns<W, 8>(o, count);
-    for (; o < whole; ++o) CopyColumns<W, 1>(o, count);
-    CopyColumns<W, 1>(o, rest);
+    for (; o < whole; ++o) CopyColumn<W>(o, count);
+    CopyColumn<W>(o, rest);
+  }
+  template <typename W>
+  void CopyColumn(std::uint64_t o, std::uint64_t slices) const {
+    const std::byte* const from = Source(o);
+    std::byte* const to = Target(o);
+    const auto move = [&](std::size_t j) {
+      detail::Store(to + j * sizeof(W), detail::Load<W>(from + std::size_t{indices[j]} * sizeof(W)));
+    };
+    std::size_t j = 0;
+    for (; j + 4 <= slices; j += 4) {
+      for (std::size_t i = 0; i < 4; ++i) move(j + i);
+    }
+    for (; j < slices; ++j) move(j);
   }
   template <typename W, std::size_t rows>
   void CopyColumns(std::uint64_t o, std::uint64_t slices) const {

@@ -4,6 +4,8 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <type_traits>
+#include <utility>
 
 #include "copy/transpose.h"
 #include "simd/simd.h"
@@ -49,6 +51,7 @@ constexpr std::size_t kPanelVectors = detail::kProductTile.vectors;
 constexpr std::size_t kPanel = kPanelVectors * detail::kFloatLanes;  // columns of a tile
 constexpr std::size_t kBlockRows = 60;                               // rows of sums kept while B is packed
 constexpr std::size_t kBlockDepth = 256;                             // steps of k packed at a time
+constexpr std::size_t kPackedColumn = 1024;  // the longest column of B packed as a row
 
 // One matrix as the kernel reads it: element (row, column) is data[row * row_step + column * column_step].
 struct Matrix {
@@ -64,36 +67,61 @@ struct Matrix {
   Matrix Transposed() const { return {data, column_step, row_step}; }
 };
 
-// The sums of `rows` x (`vectors` vectors) outputs, `depth` steps of k further, at least one: every output adds
-// its products, each rounded to single precision, in increasing k. `b` holds whole vectors of columns, `b_step`
-// elements from k to k; `sums` holds `sums_step` sums per row.
-template <std::size_t rows, std::size_t vectors>
-void AddProducts(const Matrix& a, const float* b, std::size_t b_step, std::size_t depth, double* sums,
-                 std::size_t sums_step) {
-  detail::WideSums s[rows][vectors];
-  for (std::size_t i = 0; i < rows; ++i) {
-    for (std::size_t v = 0; v < vectors; ++v) s[i][v].Read(sums + i * sums_step + v * detail::kFloatLanes);
+// Where a tile's sums start from and go to: memory, `step` sums to a row.
+struct SumsInMemory {
+  double* sums;
+  std::size_t step;
+
+  void Start(detail::WideSums& s, std::size_t i, std::size_t v) const { s.Read(At(i, v)); }
+  void Finish(const detail::WideSums& s, std::size_t i, std::size_t v) const { s.Write(At(i, v)); }
+  double* At(std::size_t i, std::size_t v) const { return sums + i * step + v * detail::kFloatLanes; }
+};
+// The same of outputs, `step` to a row: from zeros, rounded.
+struct RoundedOutputs {
+  float* out;
+  std::size_t step;
+
+  void Start(detail::WideSums& s, std::size_t, std::size_t) const { s.Clear(); }
+  void Finish(const detail::WideSums& s, std::size_t i, std::size_t v) const {
+    detail::Store(out + i * step + v * detail::kFloatLanes, s.Rounded());
   }
+};
+
+// Calls body(0) to body(count - 1) with constants. GCC keeps an array in registers where it sees no other index from the
+// start: with loops, sums went through the stack, and a product took a fifth more instructions.
+template <std::size_t count, typename Body>
+[[gnu::always_inline]] inline void ForConstants(const Body& body) {
+  [&]<std::size_t... i>(std::index_sequence<i...>) __attribute__((always_inline)) {
+    (body(std::integral_constant<std::size_t, i>{}), ...);
+  }
+  (std::make_index_sequence<count>{});
+}
+
+// The sums of `rows` x (`vectors` vectors) outputs, `depth` steps of k further, at least one: every output adds its products,
+// each rounded to single precision, in increasing k. `b` holds whole vectors of columns, `b_step` elements from k to k.
+// Not inlined: the loops around it would take its registers.
+template <std::size_t rows, std::size_t vectors, typename Target>
+[[gnu::noinline]] void AddProducts(const Matrix& a, const float* b, std::size_t b_step, std::size_t depth,
+                                   Target target) {
+#define VEK_HERE __attribute__((always_inline))
+  constexpr std::size_t kSums = rows * vectors;
+  detail::WideSums s[kSums];
+  ForConstants<kSums>([&](auto t) VEK_HERE { target.Start(s[t], t / vectors, t % vectors); });
 
   float a_values[rows];
   detail::Floats b_values[vectors];
-  detail::Floats products[rows][vectors];
-  const auto load = [&](std::size_t k) {
-    for (std::size_t v = 0; v < vectors; ++v) {
+  detail::Floats products[kSums];
+  const auto load = [&](std::size_t k) VEK_HERE {
+    ForConstants<vectors>([&](auto v) VEK_HERE {
       b_values[v] = detail::Load<detail::Floats>(b + k * b_step + v * detail::kFloatLanes);
-    }
-    for (std::size_t i = 0; i < rows; ++i) a_values[i] = *a.At(i, k);
+    });
+    ForConstants<rows>([&](auto i) VEK_HERE { a_values[i] = *a.At(i, k); });
   };
-  const auto multiply = [&] {
-    for (std::size_t i = 0; i < rows; ++i) {
-      for (std::size_t v = 0; v < vectors; ++v) products[i][v] = b_values[v] * detail::Splat(a_values[i]);
-    }
+  const auto multiply = [&]() VEK_HERE {
+    ForConstants<kSums>(
+        [&](auto t) VEK_HERE { products[t] = b_values[t % vectors] * detail::Splat(a_values[t / vectors]); });
   };
-  const auto add = [&] {
-    for (std::size_t i = 0; i < rows; ++i) {
-      for (std::size_t v = 0; v < vectors; ++v) s[i][v].Add(products[i][v]);
-    }
-  };
+  const auto add = [&]() VEK_HERE { ForConstants<kSums>([&](auto t) VEK_HERE { s[t].Add(products[t]); }); };
   if constexpr (detail::kProductTile.loads_ahead) {
     load(0);
     for (std::size_t k = 1; k < depth; ++k) {
@@ -111,18 +139,17 @@ void AddProducts(const Matrix& a, const float* b, std::size_t b_step, std::size_
     }
   }
 
-  for (std::size_t i = 0; i < rows; ++i) {
-    for (std::size_t v = 0; v < vectors; ++v) s[i][v].Write(sums + i * sums_step + v * detail::kFloatLanes);
-  }
+  ForConstants<kSums>([&](auto t) VEK_HERE { target.Finish(s[t], t / vectors, t % vectors); });
+#undef VEK_HERE
 }
 
 // The same for `rows` rows of a packed panel, a tile's or fewer.
-template <std::size_t tile_rows = kTileRows>
-void AddTile(std::size_t rows, const Matrix& a, const float* panel, std::size_t depth, double* sums) {
+template <std::size_t tile_rows = kTileRows, typename Target>
+void AddTile(std::size_t rows, const Matrix& a, const float* panel, std::size_t depth, Target target) {
   if constexpr (tile_rows > 1) {
-    if (rows < tile_rows) return AddTile<tile_rows - 1>(rows, a, panel, depth, sums);
+    if (rows < tile_rows) return AddTile<tile_rows - 1>(rows, a, panel, depth, target);
   }
-  AddProducts<tile_rows, kPanelVectors>(a, panel, kPanel, depth, sums, kPanel);
+  AddProducts<tile_rows, kPanelVectors>(a, panel, kPanel, depth, target);
 }
 
 // Lays `depth` rows of up to kPanel columns of B one behind the other, each filled up with zeros. Either the rows of B are dense, or
@@ -158,27 +185,56 @@ void SumBlock(const Matrix& a, std::size_t rows, const Matrix& b, std::size_t co
     const std::size_t depth = std::min(kBlockDepth, K - k);
     PackPanel(b.From(k, 0), depth, columns, panel);
     for (std::size_t i = 0; i < rows; i += kTileRows) {
-      AddTile(rows - i, a.From(i, k), panel, depth, sums + i * kPanel);
+      AddTile(rows - i, a.From(i, k), panel, depth, SumsInMemory{sums + i * kPanel, kPanel});
     }
   }
 }
 
-// Rounds a row of sums to its outputs, `out_step` elements apart.
-void RoundRow(const double* sums, std::size_t columns, float* out, std::size_t out_step) {
+// Rounds a row of sums to its outputs.
+void RoundRow(const double* sums, std::size_t columns, float* out) {
   std::size_t j = 0;
-  if (out_step == 1) {
-    for (; j + detail::kFloatLanes <= columns; j += detail::kFloatLanes) {
-      detail::WideSums s;
-      s.Read(sums + j);
-      detail::Store(out + j, s.Rounded());
-    }
+  for (; j + detail::kFloatLanes <= columns; j += detail::kFloatLanes) {
+    detail::WideSums s;
+    s.Read(sums + j);
+    detail::Store(out + j, s.Rounded());
   }
-  for (; j < columns; ++j) out[j * out_step] = static_cast<float>(sums[j]);
+  for (; j < columns; ++j) out[j] = static_cast<float>(sums[j]);
 }
 
-// out = a (M x K) times b (K x P); the output (i, j) goes to out[i * row_step + j * column_step].
-void MultiplyBlocks(float* out, std::size_t row_step, std::size_t column_step, const Matrix& a,
-                    const Matrix& b, std::size_t M, std::size_t K, std::size_t P) {
+// out (M x P, dense) = a (M x K) times b (K x P) for K up to kBlockDepth: sums stay in registers.
+void MultiplyShallowBlocks(float* out, const Matrix& a, const Matrix& b, std::size_t M, std::size_t K,
+                           std::size_t P) {
+  constexpr std::size_t kCached = 8192;  // elements of a that stay in the cache while b is packed
+  const std::size_t block_rows = std::max(kBlockRows, kCached / K / kTileRows * kTileRows);
+  float panel[kBlockDepth * kPanel];
+  for (std::size_t first = 0; first < M; first += block_rows) {
+    const std::size_t last = std::min(first + block_rows, M);
+    for (std::size_t j = 0; j < P; j += kPanel) {
+      const std::size_t columns = std::min(kPanel, P - j);
+      PackPanel(b.From(0, j), K, columns, panel);
+      for (std::size_t i = first; i < last; i += kTileRows) {
+        const std::size_t rows = std::min(kTileRows, last - i);
+        float* const to = out + i * P + j;
+        if (columns == kPanel) {
+          AddTile(rows, a.From(i, 0), panel, K, RoundedOutputs{to, P});
+          continue;
+        }
+        float tile[kTileRows * kPanel];
+        AddTile(rows, a.From(i, 0), panel, K, RoundedOutputs{tile, kPanel});
+        for (std::size_t row = 0; row < rows; ++row) {
+          for (std::size_t column = 0; column < columns; ++column)
+            to[row * P + column] = tile[row * kPanel + column];
+        }
+      }
+    }
+  }
+}
+
+// The same for any K, by blocks of sums in memory.
+void MultiplyBlocks(float* out, const Matrix& a, const Matrix& b, std::size_t M, std::size_t K,
+                    std::size_t P) {
+  if (K == 0) return static_cast<void>(std::fill_n(out, M * P, 0.0F));
+  if (K <= kBlockDepth) return MultiplyShallowBlocks(out, a, b, M, K, P);
   double sums[kBlockRows * kPanel];
   for (std::size_t i = 0; i < M; i += kBlockRows) {
     const std::size_t rows = std::min(kBlockRows, M - i);
@@ -186,9 +242,51 @@ void MultiplyBlocks(float* out, std::size_t row_step, std::size_t column_step, c
       const std::size_t columns = std::min(kPanel, P - j);
       SumBlock(a.From(i, 0), rows, b.From(0, j), columns, K, sums);
       for (std::size_t row = 0; row < rows; ++row) {
-        RoundRow(sums + row * kPanel, columns, out + (i + row) * row_step + j * column_step, column_step);
+        RoundRow(sums + row * kPanel, columns, out + (i + row) * P + j);
       }
     }
+  }
+}
+
+// Four sums of products of two rows each, in increasing k: out[i] = a[i] times b[i], K values each. Four floats, whatever
+// the target's width: a value of each pair of rows.
+void DotFourRows(const float* const (&a)[4], const float* const (&b)[4], std::size_t K, float (&out)[4]) {
+  using Quad = detail::Vec<float>;
+  using Pair = detail::Vec<double>;
+  Pair low = {};
+  Pair high = {};
+  const auto add = [&](Quad products) {
+    low += Pair{static_cast<double>(products[0]), static_cast<double>(products[1])};
+    high += Pair{static_cast<double>(products[2]), static_cast<double>(products[3])};
+  };
+  std::size_t k = 0;
+  for (; k + 4 <= K; k += 4) {
+    Quad products[4];
+    for (std::size_t i = 0; i < 4; ++i)
+      products[i] = detail::Load<Quad>(a[i] + k) * detail::Load<Quad>(b[i] + k);
+    detail::Transpose4x4(products);
+    for (const Quad& column : products) add(column);
+  }
+  for (; k < K; ++k) {
+    add(Quad{a[0][k] * b[0][k], a[1][k] * b[1][k], a[2][k] * b[2][k], a[3][k] * b[3][k]});
+  }
+  for (std::size_t i = 0; i < 4; ++i) out[i] = static_cast<float>(i < 2 ? low[i] : high[i - 2]);
+}
+
+// out[i * out_step] = row i of a times row i of b, `a_step` and `b_step` elements from row to row.
+void DotRows(float* out, std::size_t out_step, const float* a, std::size_t a_step, const float* b,
+             std::size_t b_step, std::size_t rows, std::size_t K) {
+  for (std::size_t row = 0; row < rows; row += 4) {
+    const std::size_t count = std::min<std::size_t>(4, rows - row);
+    const float* a_rows[4];
+    const float* b_rows[4];
+    for (std::size_t i = 0; i < 4; ++i) {  // missing rows are replaced by the last one
+      a_rows[i] = a + (row + std::min(i, count - 1)) * a_step;
+      b_rows[i] = b + (row + std::min(i, count - 1)) * b_step;
+    }
+    float sums[4];
+    DotFourRows(a_rows, b_rows, K, sums);
+    for (std::size_t i = 0; i < count; ++i) out[(row + i) * out_step] = sums[i];
   }
 }
 
@@ -197,34 +295,55 @@ void MultiplyBlocks(float* out, std::size_t row_step, std::size_t column_step, c
 template <std::size_t rows>
 void MultiplyFewRows(float* out, const Matrix& a, const Matrix& b, std::size_t K, std::size_t P) {
   constexpr std::size_t kColumns = 512;
-  constexpr std::size_t kDepth = 16;
+  constexpr std::size_t kDepth = 24;
   constexpr std::size_t kVectors = kTileRows * kPanelVectors / rows;
   constexpr std::size_t kStep = kVectors * detail::kFloatLanes;
-  const std::size_t whole_vectors = P - P % detail::kFloatLanes;
+  // At least a vector; where the last columns do not fill one, it shares columns with the one before.
   double sums[rows * kColumns];
-  for (std::size_t first = 0; first < whole_vectors; first += kColumns) {
-    const std::size_t columns = std::min(kColumns, whole_vectors - first);
-    std::fill_n(sums, rows * kColumns, 0.0);
+  for (std::size_t first = 0; first < P;) {
+    const std::size_t left = P - first;
+    const std::size_t columns = std::min(kColumns, left - left % detail::kFloatLanes);
+    if (columns == 0) {
+      first = P - detail::kFloatLanes;
+      continue;
+    }
+    std::fill_n(sums, rows * columns, 0.0);
     for (std::size_t k = 0; k < K; k += kDepth) {
       const std::size_t depth = std::min(kDepth, K - k);
       const Matrix a_part = a.From(0, k);
       std::size_t j = 0;
       for (; j + kStep <= columns; j += kStep) {
-        AddProducts<rows, kVectors>(a_part, b.At(k, first + j), P, depth, sums + j, kColumns);
+        AddProducts<rows, kVectors>(a_part, b.At(k, first + j), P, depth, SumsInMemory{sums + j, columns});
       }
       for (; j < columns; j += detail::kFloatLanes) {
-        AddProducts<rows, 1>(a_part, b.At(k, first + j), P, depth, sums + j, kColumns);
+        AddProducts<rows, 1>(a_part, b.At(k, first + j), P, depth, SumsInMemory{sums + j, columns});
       }
     }
-    for (std::size_t i = 0; i < rows; ++i) RoundRow(sums + i * kColumns, columns, out + i * P + first, 1);
+    for (std::size_t i = 0; i < rows; ++i) RoundRow(sums + i * columns, columns, out + i * P + first);
+    first += columns;
   }
-  MultiplyBlocks(out + whole_vectors, P, 1, a, b.From(0, whole_vectors), rows, K, P - whole_vectors);
+}
+
+// The same for so few columns that vectors are better filled by rows of a, which are dense.
+void MultiplyFewColumns(float* out, const Matrix& a, const Matrix& b, std::size_t M, std::size_t K,
+                        std::size_t P) {
+  float column[kPackedColumn];
+  for (std::size_t j = 0; j < P; ++j) {
+    const float* data = b.data;
+    if (P > 1) {
+      for (std::size_t k = 0; k < K; ++k) column[k] = *b.At(k, j);
+      data = column;
+    }
+    DotRows(out + j, P, a.data, K, data, 0, M, K);
+  }
 }
 
 // out (M x P, dense) = a (M x K) times b (K x P), both dense.
 void Multiply(float* out, const Matrix& a, const Matrix& b, std::size_t M, std::size_t K, std::size_t P) {
-  if (P <= 3 && P < M) {  // the other way round: few rows, many columns
-    MultiplyBlocks(out, 1, P, b.Transposed(), a.Transposed(), P, K, M);
+  if (P == 1 || (P <= 3 && M >= 4 && K >= 4 && K <= kPackedColumn)) {
+    MultiplyFewColumns(out, a, b, M, K, P);
+  } else if (P < detail::kFloatLanes) {
+    MultiplyBlocks(out, a, b, M, K, P);
   } else if (M == 1) {
     MultiplyFewRows<1>(out, a, b, K, P);
   } else if (M == 2) {
@@ -232,25 +351,42 @@ void Multiply(float* out, const Matrix& a, const Matrix& b, std::size_t M, std::
   } else if (M == 3) {
     MultiplyFewRows<3>(out, a, b, K, P);
   } else {
-    MultiplyBlocks(out, P, 1, a, b, M, K, P);
+    MultiplyBlocks(out, a, b, M, K, P);
   }
 }
 
 // out (M x M, dense) = a (M x K) times its transpose, from the panels on and above the diagonal.
 void MultiplyByTransposed(float* out, const Matrix& a, std::size_t M, std::size_t K) {
-  double sums[kBlockRows * kPanel];
   const Matrix b = a.Transposed();
+  const auto store = [&](std::size_t i, std::size_t j, float value) {
+    out[i * M + j] = value;
+    out[j * M + i] = value;
+  };
+  double sums[kBlockRows * kPanel];
+  float panel[kBlockDepth * kPanel];
   for (std::size_t j = 0; j < M; j += kPanel) {
     const std::size_t columns = std::min(kPanel, M - j);
     const std::size_t last_row = j + columns;
+    if (K != 0 && K <= kBlockDepth) {
+      PackPanel(b.From(0, j), K, columns, panel);
+      for (std::size_t i = 0; i < last_row; i += kTileRows) {
+        const std::size_t rows = std::min(kTileRows, last_row - i);
+        float tile[kTileRows * kPanel];
+        AddTile(rows, a.From(i, 0), panel, K, RoundedOutputs{tile, kPanel});
+        for (std::size_t row = 0; row < rows; ++row) {
+          for (std::size_t column = i + row > j ? i + row - j : 0; column < columns; ++column) {
+            store(i + row, j + column, tile[row * kPanel + column]);
+          }
+        }
+      }
+      continue;
+    }
     for (std::size_t i = 0; i < last_row; i += kBlockRows) {
       const std::size_t rows = std::min(kBlockRows, last_row - i);
       SumBlock(a.From(i, 0), rows, b.From(0, j), columns, K, sums);
       for (std::size_t column = 0; column < columns; ++column) {
         for (std::size_t row = 0; row < rows && i + row <= j + column; ++row) {
-          const float rounded = static_cast<float>(sums[row * kPanel + column]);
-          out[(i + row) * M + j + column] = rounded;
-          out[(j + column) * M + i + row] = rounded;
+          store(i + row, j + column, static_cast<float>(sums[row * kPanel + column]));
         }
       }
     }
@@ -264,12 +400,14 @@ void Product(float* out, const float* a, const float* b, unsigned N, unsigned M,
   const std::size_t a_step = std::size_t{M} * K;
   const std::size_t b_step = std::size_t{b_rows} * P;
   const std::size_t out_step = std::size_t{M} * P;
+  if (M == 1 && P == 1) return DotRows(out, 1, a, a_step, b, b_step, N, K);
   for (unsigned n = 0; n < N; ++n, out += out_step, a += a_step, b += b_step) {
     Multiply(out, {a, K, 1}, {b, P, 1}, M, K, P);
   }
 }
 
 void ProductByTransposed(float* out, const float* a, unsigned N, unsigned M, unsigned K) {
+  if (M == 1) return DotRows(out, 1, a, K, a, K, N, K);
   for (std::size_t n = 0; n < N; ++n) {
     MultiplyByTransposed(out + n * M * M, {a + n * M * K, K, 1}, M, K);
   }

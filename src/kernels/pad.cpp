@@ -242,6 +242,20 @@ void Pad(const Border<T>& b) {
 
 template <typename T>
 void CopyAndPad(const Interior<T>& i, const Border<T>& b) {
+  // Planes that nothing is padded between are those of one item.
+  if (i.extents.N > 1 && i.in_layout.pack == 1 && b.pads[2] == 0 && b.pads[3] == 0 &&
+      i.in_layout.batch == i.extents.C * i.in_layout.plane &&
+      b.layout.batch == i.extents.C * b.layout.plane) {
+    Interior<T> all = i;
+    Border<T> around = b;
+    all.extents.C = around.interior.C = around.whole.C = i.extents.N * i.extents.C;
+    all.extents.N = around.interior.N = around.whole.N = 1;
+    all.out += i.p0 * b.layout.batch;
+    around.data += b.pads[0] * b.layout.batch;
+    all.p0 = around.pads[0] = around.pads[1] = 0;
+    CopyAndPad(all, around);
+    return PadBatches(b);
+  }
   constexpr std::uint64_t kCachedBytes = 16384;
   const unsigned pack = i.in_layout.pack;
   const std::uint64_t group_bytes = std::max<std::uint64_t>(1, pack * b.layout.plane * sizeof(T));

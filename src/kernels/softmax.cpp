@@ -48,15 +48,21 @@ constexpr std::size_t kWidth = detail::kFloatLanes;
 // differ from the formula without changing a result: a maximum is found in any order, and where there is a NaN among
 // the values it may be any of them, since every result is then NaN.
 
-// Which lanes of a vector are in memory: all, or the first `count`.
+// Where the lanes of a vector lie in memory: next to each other, or each at a distance of its own.
 struct AllLanes {
   static Floats Load(const float* src) { return detail::Load<Floats>(src); }
   static void Store(float* dst, Floats value) { detail::Store(dst, value); }
 };
-struct FirstLanes {
-  Floats Load(const float* src) const { return detail::LoadSome(src, count); }
-  void Store(float* dst, Floats value) const { detail::StoreSome(dst, value, count); }
-  std::size_t count;
+struct ScatteredLanes {
+  Floats Load(const float* src) const {
+    Floats value = {};
+    for (std::size_t lane = 0; lane < kWidth; ++lane) value[lane] = src[at[lane]];
+    return value;
+  }
+  void Store(float* dst, Floats value) const {
+    for (std::size_t lane = 0; lane < kWidth; ++lane) dst[at[lane]] = value[lane];
+  }
+  std::size_t at[kWidth];
 };
 
 // `vectors` vectors of softmaxes that start at neighbouring elements.
@@ -86,13 +92,30 @@ void SoftmaxSideBySide(const float* in, float* out, std::size_t len, std::size_t
   }
 }
 
-// `count` softmaxes that start at neighbouring elements.
-void SoftmaxColumns(const float* in, float* out, std::size_t len, std::size_t step, std::size_t count) {
+// `count` softmaxes that start at neighbouring elements: as many vectors of them as there are. Returns how many they are.
+std::size_t SoftmaxColumns(const float* in, float* out, std::size_t len, std::size_t step,
+                           std::size_t count) {
   std::size_t i = 0;
   for (; i + 4 * kWidth <= count; i += 4 * kWidth)
     SoftmaxSideBySide<4>(in + i, out + i, len, step, AllLanes{});
   for (; i + kWidth <= count; i += kWidth) SoftmaxSideBySide<1>(in + i, out + i, len, step, AllLanes{});
-  if (i < count) SoftmaxSideBySide<1>(in + i, out + i, len, step, FirstLanes{count - i});
+  return i;
+}
+
+// Of every group of `step` softmaxes that start at neighbouring elements, those from number `first` on, a vector of them at
+// a time, whatever group they are in. Missing ones are done as the last one is, twice.
+void SoftmaxRests(const float* in, float* out, std::size_t len, std::size_t step, std::size_t first,
+                  std::size_t groups) {
+  const std::size_t rest = step - first;
+  const std::size_t count = rest * groups;
+  for (std::size_t i = 0; i < count; i += kWidth) {
+    ScatteredLanes lanes;
+    for (std::size_t lane = 0; lane < kWidth; ++lane) {
+      const std::size_t number = std::min(i + lane, count - 1);
+      lanes.at[lane] = number / rest * len * step + first + number % rest;
+    }
+    SoftmaxSideBySide<1>(in, out, len, step, lanes);
+  }
 }
 
 // exp(in[i] - max) of the first `len` values, at least a vector, of each of `rows` rows. A row's last vector
@@ -208,26 +231,8 @@ void SoftmaxRows(const float* in, float* out, std::size_t len) {
   ScaleRow(out, len, 1.0F / sum);
 }
 
-// The longest softmax, and the number of them, that are packed into columns on the stack.
-constexpr std::size_t kPackedLen = 16;
-constexpr std::size_t kPackedCount = 4 * kWidth;
-
-// `count` short softmaxes, at most `kPackedCount`: groups of `step` that start at neighbouring elements.
-void SoftmaxPacked(const float* in, float* out, std::size_t len, std::size_t step, std::size_t count) {
-  float packed[kPackedLen * kPackedCount];
-  std::fill_n(packed, len * kPackedCount, 0.0F);
-  const auto for_each = [&](const auto& body) {
-    std::size_t p = 0;
-    for (std::size_t i = 0; i < count; ++i) {
-      for (std::size_t k = 0; k < len; ++k) body(packed[k * kPackedCount + i], p + k * step);
-      ++p;
-      if ((i + 1) % step == 0) p += len * step - step;
-    }
-  };
-  for_each([&](float& column, std::size_t at) { column = in[at]; });
-  SoftmaxColumns(packed, packed, len, kPackedCount, (count + kWidth - 1) / kWidth * kWidth);
-  for_each([&](const float& column, std::size_t at) { out[at] = column; });
-}
+// The longest rows that are done as columns.
+constexpr std::size_t kShortRow = 16;
 
 }  // namespace
 
@@ -236,20 +241,20 @@ void Softmax(const float* in, float* out, SoftmaxShape s) {
   const std::size_t step = s.step;
   const std::size_t count = s.outer * s.inner * len;  // elements
   if (count == 0) return;
-  if (step == 1 && len > kPackedLen) {
+  const bool few_rows = count < kWidth / 2 * len && len >= kWidth;
+  if (step == 1 && (len > kShortRow || few_rows)) {
     std::size_t p = 0;
     for (; p + 8 * len <= count; p += 8 * len) SoftmaxRows<2>(in + p, out + p, len);
     for (; p + 4 * len <= count; p += 4 * len) SoftmaxRows<1>(in + p, out + p, len);
     for (; p < count; p += len) SoftmaxRow(in + p, out + p, len);
-  } else if (step < kWidth && len <= kPackedLen) {
-    // Whole groups.
-    const std::size_t at_once = kPackedCount / step * step;
-    for (std::size_t i = 0; i < count / len; i += at_once) {
-      SoftmaxPacked(in + i * len, out + i * len, len, step, std::min(at_once, count / len - i));
-    }
-  } else {
-    for (std::size_t p = 0; p < count; p += len * step) SoftmaxColumns(in + p, out + p, len, step, step);
+    return;
   }
+  std::size_t done = 0;
+  if (step >= kWidth) {
+    for (std::size_t p = 0; p < count; p += len * step)
+      done = SoftmaxColumns(in + p, out + p, len, step, step);
+  }
+  if (done < step) SoftmaxRests(in, out, len, step, done, count / (len * step));
 }
 
 }  // namespace zeb_custom_ops::kernels

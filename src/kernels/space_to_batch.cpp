@@ -1,6 +1,7 @@
 #include "kernels/space_to_batch.h"
 
 #include <cstddef>
+#include <iterator>
 #include <span>
 
 #include "copy/blocks.h"
@@ -9,6 +10,7 @@
 namespace zeb_custom_ops::kernels {
 
 using detail::BlockGrid;
+using detail::FramedRows;
 using detail::IndexRange;
 using detail::Loop;
 
@@ -51,6 +53,48 @@ void FillFrame(T* plane, std::size_t H, std::size_t W, IndexRange rows, IndexRan
   detail::FillRun(gap, value, static_cast<std::size_t>(end - gap));
 }
 
+// Fills, in all planes of all sub-grids of a row of the block, the rows `rows`.
+template <typename T>
+void FillRows(T* out, const BlockGrid& grid, std::size_t bh, IndexRange rows, T value) {
+  if (rows.empty()) return;
+  const auto step = [](std::size_t elements) { return static_cast<std::ptrdiff_t>(elements); };
+  detail::StridedCopy(out + grid.SubGridOffset(bh, 0, 0) + rows.begin * grid.W_sub, &value,
+                      {{grid.block_width, 0, step(grid.SubGridOffset(0, 1, 0))},
+                       {grid.planes, 0, step(grid.H_sub * grid.W_sub)},
+                       {rows.count() * grid.W_sub, 0, 1}});
+}
+
+// Rows of the input are put between their padding in scratch, from where they go to the sub-grids.
+template <typename T>
+void CopyFramedRows(T* out, const T* in, const BlockGrid& grid, const FramedRows& framed, T padding) {
+  const auto step = [](std::size_t elements) { return static_cast<std::ptrdiff_t>(elements); };
+  T scratch[FramedRows::kBytes / sizeof(T)];
+  detail::FillRun(scratch, padding, std::size(scratch));
+  for (std::size_t bh = 0; bh < grid.block_height; ++bh) {
+    const IndexRange rows = grid.Rows(bh);
+    if (rows.empty()) {
+      FillRows(out, grid, bh, {0, grid.H_sub}, padding);
+    } else {
+      FillRows(out, grid, bh, {0, rows.begin}, padding);
+      FillRows(out, grid, bh, {rows.end, grid.H_sub}, padding);
+    }
+  }
+  detail::ForEachBand(grid, std::size(scratch) / framed.row,
+                      [&](std::size_t bh, std::size_t plane, std::size_t planes, IndexRange rows) {
+                        const std::size_t h = rows.begin * grid.block_height + bh - grid.top;
+                        const std::size_t count = rows.count();
+                        detail::StridedCopy(scratch + framed.left, in + (plane * grid.H + h) * grid.W,
+                                            {{planes, step(grid.H * grid.W), step(count * framed.row)},
+                                             {count, step(grid.block_height * grid.W), step(framed.row)},
+                                             {framed.copied, 1, 1}});
+                        detail::StridedCopy(
+                            out + grid.SubGridOffset(bh, 0, plane) + rows.begin * grid.W_sub, scratch,
+                            {{planes, step(count * framed.row), step(grid.H_sub * grid.W_sub)},
+                             {grid.block_width, 1, step(grid.SubGridOffset(0, 1, 0))},
+                             {count * grid.W_sub, step(grid.block_width), 1}});
+                      });
+}
+
 }  // namespace
 
 template <typename T>
@@ -68,6 +112,9 @@ void SpaceToBatch(T* out, const T* in, const SpaceToBatchShape& shape, T padding
   };
   const bool padded = grid.top != 0 || grid.left != 0 || grid.H_sub * grid.block_height != grid.H ||
                       grid.W_sub * grid.block_width != grid.W;
+  if (const FramedRows framed(grid); framed.Pays(grid, sizeof(T))) {
+    return CopyFramedRows(out, in, grid, framed, padding);
+  }
   // Short rows are padded whole before the input comes over them: that takes less than a gap per row.
   constexpr std::size_t kShortRowBytes = 64;
   const bool short_rows = grid.W_sub * sizeof(T) < kShortRowBytes;

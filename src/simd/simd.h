@@ -61,6 +61,7 @@ template <>
 struct WideSumsOf<1> {
   Doubles sums;
 
+  void Clear() { sums = Doubles{}; }
   void Read(const double* src) { sums = Load<Doubles>(src); }
   void Write(double* dst) const { Store(dst, sums); }
   void Add(Floats v) { sums += Widen(v).part[0]; }
@@ -73,6 +74,7 @@ struct WideSumsOf<2> {
   Doubles low;
   Doubles high;
 
+  void Clear() { low = high = Doubles{}; }
   void Read(const double* src) {
     low = Load<Doubles>(src);
     high = Load<Doubles>(src + kDoubleLanes);

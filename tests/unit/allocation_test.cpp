@@ -146,24 +146,15 @@ Own OwnAllocations(const Specimen& specimen) {
   if (type == "PAD") return {.configure = Growth(8) + 1};  // the entries of "pad_shape", and its text
   if (type == "GATHER") return {.configure = Growth(2)};   // the clones
   if (type == "SWCONCAT") {
-    // The pointers to the data; in five dims, the dims of what was joined so far.
-    return {.configure = Growth(setup.in.size()), .execute = setup.in[0].dims.size() == 5 ? 2 : 1};
+    // In five dims, the dims of what was joined so far.
+    return {.configure = Growth(setup.in.size()), .execute = setup.in[0].dims.size() == 5 ? 1 : 0};
   }
-  if (type == "ELTWISE") {
-    // The pair of pointers that the general product and the quotient take.
-    return {.configure = Growth(setup.in.size()),
-            .execute = specimen.name == "eltwise product" || is("eltwise quotient") ? 1 : 0};
-  }
+  if (type == "ELTWISE") return {.configure = Growth(setup.in.size())};
   if (type == "PERMUTE") {
     const long axes = Growth(is("permute to channel") || is("permute padded") ? 4 : 2);
     const bool is_dense_float = is("permute 32");
-    return {
-        .configure = 2 * axes,  // as texts and as numbers
-        // The completed order, once more for each step that needs it; the steps of the input, and the loops.
-        .execute = is("permute to channel") ? 1
-                   : is_dense_float         ? 4
-                                            : 5,
-        .scratch = is("permute to channel") || is_dense_float ? 0 : 2};
+    return {.configure = 2 * axes,  // as texts and as numbers
+            .scratch = is("permute to channel") || is_dense_float ? 0 : 2};
   }
   return {};
 }

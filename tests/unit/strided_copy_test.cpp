@@ -139,6 +139,34 @@ TEST(StridedCopy, CopiesRowsOfEveryLength) {
   }
 }
 
+// Short planes that go on behind each other on one side and lie apart on the other, and blocks that are whole on both
+// sides: they go through scratch, and by tables.
+TEST(StridedCopy, MovesManyShortPlanes) {
+  Random random(10);
+  for (std::ptrdiff_t d = 2; d <= 17; ++d) {
+    for (std::ptrdiff_t s = random.Between(2, 4); s <= 17; s += random.Between(2, 6)) {
+      const auto D = static_cast<std::size_t>(d);
+      const auto S = static_cast<std::size_t>(s);
+      const std::size_t planes = random.Between(2, 40);
+      const std::size_t groups = random.Between(1, 20);
+      const auto run = static_cast<std::ptrdiff_t>(planes) * s;
+      const auto apart = static_cast<std::ptrdiff_t>(random.OneIn(2) ? d * s : d * s + random.Between(1, 9));
+      const std::ptrdiff_t row = random.OneIn(3) ? d + 1 : d;
+      const std::ptrdiff_t there = row == d ? apart : row * s;
+      const auto group = static_cast<std::ptrdiff_t>(planes) * there;
+      std::vector<Loop> loops = {{groups, run * d, group}, {planes, s, there}, {S, 1, row}, {D, run, 1}};
+      ASSERT_NO_FATAL_FAILURE(CheckWidths(loops, random));
+      for (Loop& loop : loops) std::swap(loop.src_step, loop.dst_step);
+      ASSERT_NO_FATAL_FAILURE(CheckWidths(loops, random));
+      const auto block = static_cast<std::ptrdiff_t>(D * S);
+      ASSERT_NO_FATAL_FAILURE(CheckWidths({{groups, block, block + 1}, {D, s, 1}, {S, 1, d}}, random));
+      ASSERT_NO_FATAL_FAILURE(CheckWidths({{planes + 30, block, block}, {D, s, 1}, {S, 1, d}}, random));
+      ASSERT_NO_FATAL_FAILURE(CheckWidths(
+          {{planes + 30, 2 * block, 2 * block}, {2, s, block}, {D, 2 * s, 1}, {S, 1, d}}, random));
+    }
+  }
+}
+
 // Touching rows that repeat, so many that the pattern outgrows the piece that is copied on and on.
 TEST(StridedCopy, RepeatsTouchingRowsOfEveryLength) {
   Random random(9);
