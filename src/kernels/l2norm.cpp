@@ -73,41 +73,41 @@ void DivideByNorm(const float* in, float* out, std::size_t count, float sum_of_s
 
 // Rows of up to kShortRow values, several vectors of them at once: they become columns, so that a lane is a row.
 constexpr std::size_t kShortRow = 15;
-constexpr std::size_t kColumns = 4 * detail::kFloatLanes;
+constexpr std::size_t kPackedRows = 4 * detail::kFloatLanes;
 
-// `rows` rows, at most kColumns.
+// `rows` rows, at most kPackedRows.
 void NormalizeShortRows(const float* in, float* out, std::size_t rows, std::size_t length) {
-  float packed[kShortRow * kColumns];
-  std::fill_n(packed, length * kColumns, 0.0F);
+  float packed[kShortRow * kPackedRows];
+  std::fill_n(packed, length * kPackedRows, 0.0F);
   constexpr auto kUnit = static_cast<std::ptrdiff_t>(sizeof(float));
   const auto step = [&](std::size_t values) { return static_cast<std::ptrdiff_t>(values) * kUnit; };
   const bool transposes = rows > 1 && length > 1;
   if (transposes) {
     detail::TransposePlane<std::uint32_t>(reinterpret_cast<std::byte*>(packed),
                                           reinterpret_cast<const std::byte*>(in), {rows, step(length), kUnit},
-                                          {length, kUnit, step(kColumns)});
+                                          {length, kUnit, step(kPackedRows)});
   } else {
-    for (std::size_t i = 0; i < rows * length; ++i) packed[i / length + i % length * kColumns] = in[i];
+    for (std::size_t i = 0; i < rows * length; ++i) packed[i / length + i % length * kPackedRows] = in[i];
   }
   for (std::size_t column = 0; column < rows; column += detail::kFloatLanes) {
     detail::Floats sum = {};
     for (std::size_t k = 0; k < length; ++k) {
-      const auto x = detail::Load<detail::Floats>(packed + k * kColumns + column);
+      const auto x = detail::Load<detail::Floats>(packed + k * kPackedRows + column);
       sum = detail::Fma(x, x, sum);
     }
     const detail::Floats norm = detail::Sqrt(sum);
     const detail::Floats divisor = norm == 0.0F ? detail::Splat(1.0F) : norm;  // a quotient by 1 is a copy
     for (std::size_t k = 0; k < length; ++k) {
-      float* const at = packed + k * kColumns + column;
+      float* const at = packed + k * kPackedRows + column;
       detail::Store(at, detail::Load<detail::Floats>(at) / divisor);
     }
   }
   if (transposes) {
     detail::TransposePlane<std::uint32_t>(reinterpret_cast<std::byte*>(out),
                                           reinterpret_cast<const std::byte*>(packed),
-                                          {length, step(kColumns), kUnit}, {rows, kUnit, step(length)});
+                                          {length, step(kPackedRows), kUnit}, {rows, kUnit, step(length)});
   } else {
-    for (std::size_t i = 0; i < rows * length; ++i) out[i] = packed[i / length + i % length * kColumns];
+    for (std::size_t i = 0; i < rows * length; ++i) out[i] = packed[i / length + i % length * kPackedRows];
   }
 }
 
@@ -116,8 +116,8 @@ void NormalizeRows(const float* in, float* out, std::size_t rows, std::size_t le
   // From this length on a few rows are faster one by one than side by side with themselves.
   constexpr std::size_t kLongRow = 1024;
   if (length <= kShortRow && rows > 1) {
-    for (std::size_t row = 0; row < rows; row += kColumns) {
-      NormalizeShortRows(in + row * length, out + row * length, std::min(kColumns, rows - row), length);
+    for (std::size_t row = 0; row < rows; row += kPackedRows) {
+      NormalizeShortRows(in + row * length, out + row * length, std::min(kPackedRows, rows - row), length);
     }
     return;
   }
