@@ -317,7 +317,7 @@ class Failures(Recording):
     def test_allocations(self):
         plain = collections.Counter(self.plain("allocations").split())
         self.assertEqual(plain["tttt"], 1)
-        self.assertGreater(len(plain), 3)
+        self.assertGreater(len(plain), 2)  # a failing create, a failing Configure, and none
         run = subprocess.run([*HOST, RECORDER, "allocations"], env=self.environment({"FOLDER": self.folder}),
                              capture_output=True, text=True, timeout=280)
         recorded = collections.Counter(run.stdout.split())
