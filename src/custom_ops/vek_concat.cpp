@@ -10,7 +10,6 @@
 #include "contract/positions.h"
 #include "contract/shape.h"
 #include "contract/sizes.h"
-#include "custom_ops/vek_common.h"
 #include "kernels/concat.h"
 
 namespace zeb_custom_ops {

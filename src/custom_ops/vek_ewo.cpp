@@ -9,7 +9,6 @@
 #include "contract/positions.h"
 #include "contract/shape.h"
 #include "contract/sizes.h"
-#include "custom_ops/vek_common.h"
 #include "math/broadcast.h"
 #include "math/elementwise.h"
 #include "math/exact_math.h"

@@ -4,7 +4,6 @@
 #include "contract/attr_text.h"
 #include "contract/checks.h"
 #include "contract/sizes.h"
-#include "custom_ops/vek_common.h"
 
 namespace zeb_custom_ops {
 

@@ -6,7 +6,6 @@
 #include "contract/positions.h"
 #include "contract/shape.h"
 #include "contract/sizes.h"
-#include "custom_ops/vek_common.h"
 #include "kernels/l2norm.h"
 
 namespace zeb_custom_ops {

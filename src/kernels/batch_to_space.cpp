@@ -1,6 +1,5 @@
 #include "kernels/batch_to_space.h"
 
-#include <algorithm>
 #include <array>
 #include <cstddef>
 #include <span>

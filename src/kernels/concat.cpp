@@ -1,7 +1,6 @@
 #include "kernels/concat.h"
 
 #include <algorithm>
-#include <cstddef>
 
 #include "copy/strided_copy.h"
 
