@@ -2,12 +2,9 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstddef>
-#include <cstdint>
 #include <cstring>
 #include <limits>
 
-#include "copy/transpose.h"
 #include "simd/simd.h"
 
 namespace zeb_custom_ops::kernels {
@@ -159,8 +156,8 @@ Pair FindLargestInRow(const float* row, std::size_t len) {
 
 // The largest values of `vectors` vectors of searches that start at neighbouring elements.
 template <std::size_t vectors>
-[[gnu::always_inline]] inline void FindLargestSideBySide(const float* in, const Searches& s,
-                                                         Floats (&value)[vectors], Ints (&index)[vectors]) {
+void FindLargestSideBySide(const float* in, const Searches& s, Floats (&value)[vectors],
+                           Ints (&index)[vectors]) {
   for (std::size_t v = 0; v < vectors; ++v) {
     value[v] = detail::Load<Floats>(in + v * kWidth);
     index[v] = Ints{};
@@ -188,41 +185,8 @@ void FindLargestColumns(const float* in, const Searches& s, float* out, bool ind
   }
 }
 
-// Rows of fewer values than a block has become columns, so that a lane is a row.
-constexpr std::size_t kRowBlock = 16 * kWidth;
-constexpr std::size_t kRowsAtOnce = 4 * kWidth;
-
-// `rows` rows of `len` values, at most kRowsAtOnce of fewer than kRowBlock.
-void FindLargestInShortRows(const float* in, std::size_t len, std::size_t rows, Writer& writer) {
-  if (len == 1 || rows == 1) {
-    for (std::size_t row = 0; row < rows; ++row) writer.Write(FindLargestInRow(in + row * len, len));
-    return;
-  }
-  float packed[kRowBlock * kRowsAtOnce];
-  constexpr auto kUnit = static_cast<std::ptrdiff_t>(sizeof(float));
-  detail::TransposePlane<std::uint32_t>(reinterpret_cast<std::byte*>(packed),
-                                        reinterpret_cast<const std::byte*>(in),
-                                        {rows, static_cast<std::ptrdiff_t>(len) * kUnit, kUnit},
-                                        {len, kUnit, kUnit * std::ptrdiff_t{kRowsAtOnce}});
-  for (std::size_t k = 0; k < len; ++k)
-    std::fill_n(packed + k * kRowsAtOnce + rows, kRowsAtOnce - rows, 0.0F);
-  float found[kRowsAtOnce];
-  const Searches columns = {
-      .len = static_cast<unsigned>(len), .step = kRowsAtOnce, .columns = kRowsAtOnce, .slices = kRowsAtOnce};
-  FindLargestColumns<4>(packed, columns, found, writer.indices);
-  std::copy_n(found, rows, writer.out);
-  writer.out += rows;
-}
-
 void FindLargestInVectors(const float* in, const Searches& s, Writer& writer) {
   const std::size_t group_step = std::size_t{s.len} * s.step;
-  if (s.step == 1 && s.columns == 1 && s.len < kRowBlock && writer.indices != writer.values) {
-    for (std::size_t row = 0; row < s.slices; row += kRowsAtOnce) {
-      const std::size_t rows = std::min<std::size_t>(kRowsAtOnce, s.slices - row);
-      FindLargestInShortRows(in + row * s.len, s.len, rows, writer);
-    }
-    return;
-  }
   for (std::size_t group = s.slices / s.columns; group > 0; --group, in += group_step) {
     std::size_t i = 0;
     if (s.step == 1) {
