@@ -1,8 +1,11 @@
 #include "record/description.h"
 
+#include <unistd.h>
+
 #include <bit>
 #include <cmath>
 #include <cstdio>
+#include <ctime>
 
 namespace vek_record {
 namespace {
@@ -62,6 +65,21 @@ std::string Buffers(const PuxDnnCustomLayer::BufAttrsList& list, std::vector<std
   return List(items, kIndent);
 }
 
+std::string Now() {
+  const std::time_t now = std::time(nullptr);
+  std::tm utc{};
+  gmtime_r(&now, &utc);
+  char text[32];
+  std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &utc);
+  return text;
+}
+
+#if defined(__aarch64__)
+constexpr const char* kMachine = "aarch64";
+#else
+constexpr const char* kMachine = "x86_64";
+#endif
+
 }  // namespace
 
 std::string Quoted(std::string_view text) {
@@ -117,6 +135,46 @@ Description::Description(const PuxDnnCustomLayer::AttrMap& attrs,
   members = kIndent + ("\"attributes\": " + List(pairs)) + ",\n";
   members += kIndent + ("\"inputs\": " + Buffers(inputs, input_bytes)) + ",\n";
   members += kIndent + ("\"outputs\": " + Buffers(outputs, output_bytes)) + ",\n";
+}
+
+std::string LayerHead(std::string_view type, const char* library, std::uint64_t library_bytes,
+                      std::uint64_t library_hash) {
+  std::string head = "{\n  \"format\": \"vekrecord 1\",\n";
+  head += "  \"type\": " + Quoted(type) + ",\n";
+  head += "  \"library\": {\"path\": " + Quoted(library) + ", \"bytes\": " + std::to_string(library_bytes) +
+          ", \"xxh64\": \"" + Hexadecimal(library_hash, 16) + "\"},\n";
+  head += std::string("  \"machine\": \"") + kMachine + "\",\n";
+  head += "  \"process\": " + std::to_string(getpid()) + ",\n";
+  head += "  \"created\": \"" + Now() + "\",\n";
+  return head;
+}
+
+std::string LayerText(const std::string& head, const std::vector<std::string>& configures) {
+  return head + "  \"configures\": " + List(configures, "  ") + "\n}\n";
+}
+
+std::string CallHead(std::uint64_t call, std::uint64_t configures) {
+  return "{\n  \"call\": " + std::to_string(call) + ",\n  \"configures\": " + std::to_string(configures) +
+         ",\n";
+}
+
+std::string OutcomeMembers(const std::string& what, std::uint64_t nanoseconds, std::int32_t threshold,
+                           const std::string* log, const std::string& indent) {
+  std::string text = indent + "\"outcome\": " + Quoted(what) + ",\n";
+  text += indent + "\"nanoseconds\": " + std::to_string(nanoseconds) + ",\n";
+  text += indent + "\"threshold\": " + std::to_string(threshold) + ",\n";
+  text += indent + "\"log\": " + (log != nullptr ? QuotedLines(*log) : "null") + "\n";
+  return text;
+}
+
+std::string TensorItem(std::uint64_t address, std::uint64_t size, std::uint64_t bytes, std::uint64_t hash,
+                       const std::string& file) {
+  std::string item = "{\"address\": \"" + Hexadecimal(address, 1) + "\"";
+  item += ", \"size\": " + std::to_string(size);
+  item += ", \"bytes\": " + std::to_string(bytes);
+  item += ", \"xxh64\": \"" + Hexadecimal(hash, 16) + "\"";
+  item += ", \"file\": " + (file.empty() ? "null" : Quoted(file)) + "}";
+  return item;
 }
 
 }  // namespace vek_record

@@ -31,4 +31,18 @@ struct Description {
   std::vector<std::uint32_t> output_bytes;
 };
 
+// The members of layer.json ahead of "configures": this process, now.
+std::string LayerHead(std::string_view type, const char* library, std::uint64_t library_bytes,
+                      std::uint64_t library_hash);
+// layer.json, each of `configures` an object at an indent of four.
+std::string LayerText(const std::string& head, const std::vector<std::string>& configures);
+// The members of call-NNNN.json ahead of "inputs".
+std::string CallHead(std::uint64_t call, std::uint64_t configures);
+// What is said of a call when it is over, by lines. `log` is null where it could not be heard.
+std::string OutcomeMembers(const std::string& what, std::uint64_t nanoseconds, std::int32_t threshold,
+                           const std::string* log, const std::string& indent);
+// A tensor of a call; `file` is a name, or empty.
+std::string TensorItem(std::uint64_t address, std::uint64_t size, std::uint64_t bytes, std::uint64_t hash,
+                       const std::string& file);
+
 }  // namespace vek_record

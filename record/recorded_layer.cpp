@@ -1,11 +1,9 @@
 #include "record/recorded_layer.h"
 
 #include <cxxabi.h>
-#include <unistd.h>
 
 #include <chrono>
 #include <cstdlib>
-#include <ctime>
 #include <mutex>
 #include <typeinfo>
 
@@ -19,15 +17,6 @@ namespace {
 // Layers are made and destroyed by any thread.
 constinit std::mutex g_layers_mutex;
 constinit RecordedLayer* g_layers = nullptr;
-
-std::string Now() {
-  const std::time_t now = std::time(nullptr);
-  std::tm utc{};
-  gmtime_r(&now, &utc);
-  char text[32];
-  std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &utc);
-  return text;
-}
 
 // The exception that is being handled.
 std::string ExceptionType() {
@@ -46,21 +35,12 @@ std::string ExceptionType() {
   }
 }
 
-#if defined(__aarch64__)
-constexpr const char* kMachine = "aarch64";
-#else
-constexpr const char* kMachine = "x86_64";
-#endif
-
 // What is said of a call when it is over.
 template <typename Outcome>
 std::string Members(const Outcome& outcome, const char* done, const char* failed, const std::string& indent) {
   const std::string what = !outcome.threw.empty() ? "threw " + outcome.threw : outcome.result ? done : failed;
-  std::string text = indent + "\"outcome\": " + Quoted(what) + ",\n";
-  text += indent + "\"nanoseconds\": " + std::to_string(outcome.nanoseconds) + ",\n";
-  text += indent + "\"threshold\": " + std::to_string(outcome.threshold) + ",\n";
-  text += indent + "\"log\": " + (outcome.is_log_whole ? QuotedLines(outcome.log) : "null") + "\n";
-  return text;
+  return OutcomeMembers(what, outcome.nanoseconds, outcome.threshold,
+                        outcome.is_log_whole ? &outcome.log : nullptr, indent);
 }
 
 }  // namespace
@@ -91,14 +71,7 @@ RecordedLayer* RecordedLayer::Make(const RealLibrary& real, zeb::PuxDnnCustomLay
   }
   Recording::Try([&] {
     std::string& head = made->head_;
-    head = "{\n  \"format\": \"vekrecord 1\",\n";
-    head += "  \"type\": " + Quoted(type) + ",\n";
-    head += "  \"library\": {\"path\": " + Quoted(real.path) +
-            ", \"bytes\": " + std::to_string(real.file.bytes) + ", \"xxh64\": \"" +
-            Hexadecimal(real.file.hash, 16) + "\"},\n";
-    head += std::string("  \"machine\": \"") + kMachine + "\",\n";
-    head += "  \"process\": " + std::to_string(getpid()) + ",\n";
-    head += "  \"created\": \"" + Now() + "\",\n";
+    head = LayerHead(type, real.path, real.file.bytes, real.file.hash);
     Recording::Take(head.size());
     made->folder_ = Recording::NewLayerFolder(type);
     made->WriteLayer();
@@ -178,8 +151,7 @@ bool RecordedLayer::Execute(void** in_buffers, void** out_buffers) {
 }
 
 void RecordedLayer::WriteLayer() const {
-  Recording::WriteText(folder_ + "/layer.json",
-                       head_ + "  \"configures\": " + List(configures_, "  ") + "\n}\n");
+  Recording::WriteText(folder_ + "/layer.json", LayerText(head_, configures_));
 }
 
 void RecordedLayer::Begin(void** in_buffers, Execution& execution) const {
@@ -190,8 +162,7 @@ void RecordedLayer::Begin(void** in_buffers, Execution& execution) const {
   Recording::Take(json_bytes);
   execution.taken_bytes = json_bytes;
   execution.files.push_back(execution.stem + ".json");
-  execution.head = "{\n  \"call\": " + std::to_string(executed_) + ",\n";
-  execution.head += "  \"configures\": " + std::to_string(configures_.size()) + ",\n";
+  execution.head = CallHead(executed_, configures_.size());
   execution.head += "  \"inputs\": " + Buffers("in", in_buffers, input_bytes_, execution) + ",\n";
   Recording::WriteText(execution.files[0], execution.head + "  \"outputs\": null,\n  \"outcome\": null\n}\n");
 }
@@ -220,13 +191,8 @@ std::string RecordedLayer::Buffers(const char* kind, void** buffers, const std::
       execution.files.push_back(file);
     }
     const Dump dump = DumpMemory(addresses[i], sizes[i], file, execution.taken_bytes);
-    std::string item =
-        "{\"address\": \"" + Hexadecimal(reinterpret_cast<std::uintptr_t>(addresses[i]), 1) + "\"";
-    item += ", \"size\": " + std::to_string(sizes[i]);
-    item += ", \"bytes\": " + std::to_string(dump.bytes);
-    item += ", \"xxh64\": \"" + Hexadecimal(dump.hash, 16) + "\"";
-    item += ", \"file\": " + (file.empty() ? "null" : Quoted(file.substr(folder_.size() + 1))) + "}";
-    items.push_back(std::move(item));
+    items.push_back(TensorItem(reinterpret_cast<std::uintptr_t>(addresses[i]), sizes[i], dump.bytes,
+                               dump.hash, file.empty() ? file : file.substr(folder_.size() + 1)));
   }
   return List(items, "  ");
 }

@@ -1,12 +1,9 @@
 #include "guarded_run.h"
 
 #include <algorithm>
-#include <array>
-#include <csignal>
-#include <cstdio>
-#include <cstring>
 
 #include "contained_call.h"
+#include "failure.h"
 #include "host/layout.h"
 #include "unwritten.h"
 
@@ -33,79 +30,14 @@ std::vector<GuardedMemory> Allocate(const std::vector<Operand>& operands) {
   return memories;
 }
 
-std::string Bytes(std::ptrdiff_t offset, std::size_t bytes) {
-  return offset < 0 ? "byte " + std::to_string(-offset) + " before its start"
-                    : "byte " + std::to_string(static_cast<std::size_t>(offset) - bytes) + " behind its end";
-}
-
-// "read beyond input 1 (B.npy, 1x64x1x1 float32, 256 bytes): byte 0 behind its end".
-std::string Overrun(Access access, const Operand& operand, std::ptrdiff_t offset) {
-  const char* const verb = access == Access::kRead    ? "read"
-                           : access == Access::kWrite ? "wrote"
-                                                      : "touched memory";
-  return std::string(verb) + (offset < 0 ? " ahead of " : " beyond ") + Text(operand) + ": " +
-         Bytes(offset, operand.attrs.Bytes());
-}
-
-std::string SignalText(const Ending& ending) {
-  char address[32];
-  std::snprintf(address, sizeof address, "%p", ending.address);
-  switch (ending.signal) {
-    case SIGSEGV:
-    case SIGBUS:
-      if (ending.code == SI_KERNEL) return "crashed: it used an address that is none";
-      return std::string(ending.access == Access::kRead    ? "read"
-                         : ending.access == Access::kWrite ? "wrote"
-                                                           : "touched") +
-             " address " + address + ", which is in none of its buffers" +
-             (ending.address < reinterpret_cast<const void*>(4096) ? ": a null pointer" : "");
-    case SIGFPE:
-      return "crashed: division by zero";
-    case SIGILL:
-      return "crashed: an instruction that this processor does not have";
-    case SIGABRT:
-      return "aborted";
-    default:
-      return std::string("was ended by a signal: ") + strsignal(ending.signal);
-  }
-}
-
-// Fills in a result whose run did not return.
-void TellFailure(const Ending& ending, const LayerCall& call, const Buffers& buffers, GuardedResult* result) {
-  if (ending.threw) {
-    result->failure = "threw an exception: " + ending.exception;
-    return;
-  }
-  if (ending.signal == 0) {
-    result->failure = "ended the process with status " + std::to_string(ending.status);
-    return;
-  }
-  result->failure = SignalText(ending);
-  if (ending.signal != SIGSEGV && ending.signal != SIGBUS) return;
-  const auto find = [&](const std::vector<GuardedMemory>& memories, const std::vector<Operand>& operands) {
-    for (std::size_t i = 0; i < memories.size(); ++i) {
-      const auto offset = memories[i].OffsetOf(ending.address);
-      if (!offset) continue;
-      result->failure = Overrun(ending.access, operands[i], *offset);
-      return static_cast<std::ptrdiff_t>(i);
-    }
-    return std::ptrdiff_t{-1};
-  };
-  find(buffers.outputs, call.outputs);
-  const std::ptrdiff_t input = find(buffers.inputs, call.inputs);
-  if (input >= 0) result->input = static_cast<std::size_t>(input);
-}
-
-// A write to the rest of a buffer's pages, which does not fault.
-bool TellSpoiledRest(const std::vector<GuardedMemory>& memories, const std::vector<Operand>& operands,
-                     GuardedResult* result) {
-  for (std::size_t i = 0; i < memories.size(); ++i) {
-    const auto offset = memories[i].SpoiledRest();
-    if (!offset) continue;
-    result->failure = Overrun(Access::kWrite, operands[i], *offset);
-    return true;
-  }
-  return false;
+// The buffers as failures name them: the outputs first.
+std::vector<NamedMemory> Names(const LayerCall& call, const Buffers& buffers) {
+  std::vector<NamedMemory> names;
+  for (std::size_t i = 0; i < buffers.outputs.size(); ++i)
+    names.push_back({&buffers.outputs[i], Text(call.outputs[i])});
+  for (std::size_t i = 0; i < buffers.inputs.size(); ++i)
+    names.push_back({&buffers.inputs[i], Text(call.inputs[i])});
+  return names;
 }
 
 // One pass in a process of its own; true when it went well.
@@ -120,15 +52,19 @@ bool Pass(const vek_host::Plugin& plugin, const LayerCall& call, const Buffers& 
       /*show=*/first);
   if (first) result->log = ending.output;
   if (!ending.returned) {
-    TellFailure(ending, call, buffers, result);
+    const Failure failure = FailureOf(ending, Names(call, buffers));
+    result->failure = failure.text;
+    if (failure.memory && *failure.memory >= call.outputs.size())
+      result->input = *failure.memory - call.outputs.size();
     return false;
   }
   if (!ending.value) {
     result->kind = GuardedResult::Kind::kRefused;
     return false;
   }
-  return !TellSpoiledRest(buffers.outputs, call.outputs, result) &&
-         !TellSpoiledRest(buffers.inputs, call.inputs, result);
+  const std::optional<std::string> spoiled = SpoiledRest(Names(call, buffers));
+  if (spoiled) result->failure = *spoiled;
+  return !spoiled;
 }
 
 }  // namespace

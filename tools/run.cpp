@@ -1,5 +1,7 @@
 #include "run.h"
 
+#include <algorithm>
+#include <array>
 #include <cstdio>
 #include <cstring>
 #include <memory>
@@ -11,6 +13,7 @@
 #include "layer_advice.h"
 #include "new_file.h"
 #include "operand.h"
+#include "recording_writer.h"
 #include "run_report.h"
 #include "suggestion.h"
 #include "tensor_file.h"
@@ -112,6 +115,7 @@ class Session {
   bool Run() {
     const std::vector<Advice> advice = AdviseBefore(call_);
     GuardedResult result = RunWith(plugins_[0], advice);
+    if (!request_.record.empty()) Record();
     if (result.kind != GuardedResult::Kind::kDone) return false;
     for (const Advice& one : advice) {
       Warn((one.input ? call_.inputs[*one.input].role + ": " : "") + one.text);
@@ -143,6 +147,19 @@ class Session {
     report_["status"] = status;
     report_["message"] = text;
     std::fprintf(stderr, "vekrun: %s\n", text.c_str());
+  }
+
+  void Record() const {
+    constexpr std::array<const char*, 5> kLevels = {"NONE", "ERROR", "WARNING", "INFO", "DEBUG"};
+    const auto* const level = std::find(kLevels.begin(), kLevels.end(), request_.log_level);
+    RecordedLayer layer = AsRecorded(call_);
+    if (level != kLevels.end()) {
+      for (RecordedConfigure& configure : layer.configures)
+        configure.outcome.threshold = static_cast<std::int32_t>(level - kLevels.begin());
+    }
+    TakeOver(Repeat(plugins_[0], layer, BytesOf), &layer);
+    const std::string folder = WriteRecording(request_.record, layer, plugins_[0].Path());
+    std::printf("%s: recorded in %s\n", call_.type.c_str(), folder.c_str());
   }
 
   // Tells what went wrong, if anything did.
@@ -254,9 +271,10 @@ vek_host::Plugin LoadPlugin(const std::string& path) {
 }
 
 bool Run(const RunRequest& request) {
-  if (request.outputs.empty() && !request.timing && request.expected.empty()) {
+  if (request.outputs.empty() && !request.timing && request.expected.empty() && request.record.empty()) {
     throw UsageError(
-        "--out is required, but to time a layer or to compare its output (--repeat, --seconds, --expect)");
+        "--out is required, but to time a layer, to compare its output or to record it (--repeat, --seconds, "
+        "--expect, --record)");
   }
   bool to_standard_output = request.json == "-";
   for (const std::string& output : request.outputs) {

@@ -26,6 +26,7 @@ struct RunRequest {
   std::string json;          ///< path of a report, "-" for standard output, or empty
   std::string expected;      ///< FILE[,option=value]... that the output is compared with, or empty
   ReportRequest comparison;  ///< how
+  std::string record;        ///< folder that a recording of the calls is written into, or empty
 };
 
 /// Loads the plug-in at that path, or the default one where it is empty. Throws `UsageError`.

@@ -59,6 +59,8 @@ CLI::App* AddRun(CLI::App* app, RunCommand* command) {
   run->add_option("--shape", request->shapes,
                   "Run once for each shape, which takes the place of {} in --in and --out")
       ->allow_extra_args(false);
+  run->add_option("--record", request->record, "Also write a recording into this folder, for 'vekrun replay'")
+      ->type_name("FOLDER");
   run->add_option("--json", request->json, "Also write what happened to this file; - is standard output")
       ->type_name("FILE");
   run->footer(

@@ -11,6 +11,7 @@
 #include "info.h"
 #include "interruption.h"
 #include "list.h"
+#include "replay.h"
 #include "run_command.h"
 #include "suggestion.h"
 #include "usage_error.h"
@@ -70,6 +71,9 @@ ExitStatus Main(int argc, char** argv) {
   LayoutRequest drawing;
   const CLI::App* layout = AddLayout(&app, &drawing);
 
+  ReplayRequest repetition;
+  const CLI::App* replay = AddReplay(&app, &repetition);
+
   if (argc < 2) {
     std::fputs(app.help().c_str(), stdout);
     return kDone;
@@ -100,6 +104,7 @@ ExitStatus Main(int argc, char** argv) {
     Layout(drawing);
     return kDone;
   }
+  if (*replay) return Replay(repetition) ? kDone : kDiffers;
   return Certify(certificate) ? kDone : kDiffers;
 }
 
