@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "contained_call.h"
+#include "fault_text.h"
 #include "host/layout.h"
 #include "unwritten.h"
 
@@ -33,43 +34,6 @@ std::vector<GuardedMemory> Allocate(const std::vector<Operand>& operands) {
   return memories;
 }
 
-std::string Bytes(std::ptrdiff_t offset, std::size_t bytes) {
-  return offset < 0 ? "byte " + std::to_string(-offset) + " before its start"
-                    : "byte " + std::to_string(static_cast<std::size_t>(offset) - bytes) + " behind its end";
-}
-
-// "read beyond input 1 (B.npy, 1x64x1x1 float32, 256 bytes): byte 0 behind its end".
-std::string Overrun(Access access, const Operand& operand, std::ptrdiff_t offset) {
-  const char* const verb = access == Access::kRead    ? "read"
-                           : access == Access::kWrite ? "wrote"
-                                                      : "touched memory";
-  return std::string(verb) + (offset < 0 ? " ahead of " : " beyond ") + Text(operand) + ": " +
-         Bytes(offset, operand.attrs.Bytes());
-}
-
-std::string SignalText(const Ending& ending) {
-  char address[32];
-  std::snprintf(address, sizeof address, "%p", ending.address);
-  switch (ending.signal) {
-    case SIGSEGV:
-    case SIGBUS:
-      if (ending.code == SI_KERNEL) return "crashed: it used an address that is none";
-      return std::string(ending.access == Access::kRead    ? "read"
-                         : ending.access == Access::kWrite ? "wrote"
-                                                           : "touched") +
-             " address " + address + ", which is in none of its buffers" +
-             (ending.address < reinterpret_cast<const void*>(4096) ? ": a null pointer" : "");
-    case SIGFPE:
-      return "crashed: division by zero";
-    case SIGILL:
-      return "crashed: an instruction that this processor does not have";
-    case SIGABRT:
-      return "aborted";
-    default:
-      return std::string("was ended by a signal: ") + strsignal(ending.signal);
-  }
-}
-
 // Fills in a result whose run did not return.
 void TellFailure(const Ending& ending, const LayerCall& call, const Buffers& buffers, GuardedResult* result) {
   if (ending.threw) {
@@ -86,7 +50,7 @@ void TellFailure(const Ending& ending, const LayerCall& call, const Buffers& buf
     for (std::size_t i = 0; i < memories.size(); ++i) {
       const auto offset = memories[i].OffsetOf(ending.address);
       if (!offset) continue;
-      result->failure = Overrun(ending.access, operands[i], *offset);
+      result->failure = OverrunText(ending.access, Text(operands[i]), *offset, memories[i].Bytes());
       return static_cast<std::ptrdiff_t>(i);
     }
     return std::ptrdiff_t{-1};
@@ -102,7 +66,7 @@ bool TellSpoiledRest(const std::vector<GuardedMemory>& memories, const std::vect
   for (std::size_t i = 0; i < memories.size(); ++i) {
     const auto offset = memories[i].SpoiledRest();
     if (!offset) continue;
-    result->failure = Overrun(Access::kWrite, operands[i], *offset);
+    result->failure = OverrunText(Access::kWrite, Text(operands[i]), *offset, memories[i].Bytes());
     return true;
   }
   return false;
