@@ -73,13 +73,14 @@ __attribute__((format(printf, 2, 3))) int PrintCheckedHeard(int /*flag*/, const 
   return length;
 }
 
-__attribute__((format(printf, 1, 0))) int PrintListHeard(const char* format, va_list args) {
-  return Hear(format, args);
+// As the recorder prints: a list of arguments, to a stream.
+__attribute__((format(printf, 2, 0))) int PrintListHeard(FILE* stream, const char* format, va_list args) {
+  return stream == stdout ? Hear(format, args) : std::vfprintf(stream, format, args);
 }
 
-__attribute__((format(printf, 2, 0))) int PrintListCheckedHeard(int /*flag*/, const char* format,
-                                                                va_list args) {
-  return Hear(format, args);
+__attribute__((format(printf, 3, 0))) int PrintListCheckedHeard(FILE* stream, int /*flag*/,
+                                                                const char* format, va_list args) {
+  return PrintListHeard(stream, format, args);
 }
 
 int PutsHeard(const char* text) { return PrintHeard("%s\n", text); }
@@ -91,8 +92,8 @@ void HearPluginAt(const void* function) {
   const vek_host::NameTable table(*map);
   table.Bind("printf", reinterpret_cast<const void*>(&PrintHeard));
   table.Bind("__printf_chk", reinterpret_cast<const void*>(&PrintCheckedHeard));
-  table.Bind("vprintf", reinterpret_cast<const void*>(&PrintListHeard));
-  table.Bind("__vprintf_chk", reinterpret_cast<const void*>(&PrintListCheckedHeard));
+  table.Bind("vfprintf", reinterpret_cast<const void*>(&PrintListHeard));
+  table.Bind("__vfprintf_chk", reinterpret_cast<const void*>(&PrintListCheckedHeard));
   table.Bind("puts", reinterpret_cast<const void*>(&PutsHeard));
 }
 
