@@ -1,17 +1,17 @@
 /// \file
-/// What the tool knows of each layer type: its attributes, what it accepts, the shape that comes out.
+/// What the tool tells of each layer type: its attributes and what it accepts. What it must know to run one is in
+/// host/layer_rules.h.
 #pragma once
 
 #include <string>
 #include <vector>
 
-#include "tensor.h"
-#include "zeb/pux_dnn_buf_attrs.h"
+#include "host/layer_rules.h"
 #include "zeb/pux_dnn_custom_layer.h"
 
 namespace vekrun {
 
-using AttrMap = zeb::PuxDnnCustomLayer::AttrMap;
+using vek_host::AttrMap;
 
 struct AttributeInfo {
   const char* key;
@@ -24,9 +24,7 @@ struct LayerInfo {
   const char* summary;
   const char* buffers;  ///< what goes in and what it must look like
   std::vector<AttributeInfo> attributes;
-  const char* note;  ///< what else a user should know, or null
-  /// The output's shape; never fails: where attributes and inputs do not fit, the layer itself says so.
-  Dims (*output_shape)(const AttrMap& attrs, const std::vector<const zeb::PuxDnnBufAttrs*>& inputs);
+  const char* note;   ///< what else a user should know, or null
   const char* onnx;   ///< ONNX operators that do the same, or "none" and those that together do
   const char* numpy;  ///< NumPy functions, likewise
 };

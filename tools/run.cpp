@@ -9,6 +9,7 @@
 #include <stdexcept>
 
 #include "guarded_run.h"
+#include "host/layer_rules.h"
 #include "interruption.h"
 #include "layer_advice.h"
 #include "new_file.h"
@@ -46,7 +47,7 @@ Operand MakeOutput(const std::string& text, const std::string& role, const Layer
   std::vector<const zeb::PuxDnnBufAttrs*> in_attrs;
   for (const Operand& input : call.inputs) in_attrs.push_back(&input.attrs);
 
-  const LayerInfo* layer = FindLayer(call.type);
+  const vek_host::LayerRules* layer = vek_host::FindLayerRules(call.type);
   const Dims dims = file.shape         ? *file.shape
                     : layer == nullptr ? in_attrs[0]->GetDims()
                                        : layer->output_shape(attrs, in_attrs);
