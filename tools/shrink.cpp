@@ -6,6 +6,7 @@
 #include <set>
 
 #include "element_values.h"
+#include "host/layer_rules.h"
 #include "host/layout.h"
 #include "layer_catalog.h"
 #include "operand.h"
@@ -86,7 +87,7 @@ std::vector<std::byte> Cropped(const std::vector<std::byte>& dense, const Dims& 
 
 // The output's shape that the layer type gives, where it is known.
 std::optional<Dims> OutputShape(const Subject& subject) {
-  const LayerInfo* const layer = FindLayer(subject.type);
+  const vek_host::LayerRules* const layer = vek_host::FindLayerRules(subject.type);
   if (layer == nullptr) return std::nullopt;
   AttrMap attrs;
   for (const AttributeList& list : subject.attributes) {
