@@ -11,6 +11,7 @@
 #include "recorded_call.h"
 #include "recording_writer.h"
 #include "repeated_layer.h"
+#include "replay_page.h"
 #include "replayed_call.h"
 #include "run.h"
 #include "run_report.h"
@@ -172,6 +173,8 @@ CLI::App* AddReplay(CLI::App* app, ReplayRequest* request) {
       ->needs(shrink);
   replay->add_option("--json", request->json, "Also write the report to this file; - is standard output")
       ->type_name("FILE");
+  replay->add_option("--html", request->html, "Also write a page of what differs, and how")
+      ->type_name("FILE");
   replay->footer(
       "Exit status: 0 all calls are equal, 1 some are not, 2 wrong usage or a file that cannot be read.");
   return replay;
@@ -189,9 +192,11 @@ bool Replay(const ReplayRequest& request) {
   const TensorsByHash tensors(layers);
   const FindBytes find = [&](const RecordedTensor& tensor) { return tensors.Find(tensor); };
   ReplayReport report(layers);
+  ReplayPage page;
   for (const RecordedLayer& layer : layers) {
     for (const RecordedExecute& execute : layer.executes) WarnOfChanges(execute);
     report.Begin(layer);
+    page.Begin(layer);
     RepeatedLayer here;
     {
       const Step step("repeating " + layer.name);
@@ -201,8 +206,9 @@ bool Replay(const ReplayRequest& request) {
     const auto add_configures = [&](std::size_t until) {
       for (; configures < until; ++configures) {
         const RecordedConfigure& there = layer.configures[configures];
-        report.Add("Configure", configures + 1, there.outcome, here.configures[configures],
-                   CompareWithRecorded(there, here.configures[configures]));
+        const ReplayedCall call = CompareWithRecorded(there, here.configures[configures]);
+        report.Add("Configure", configures + 1, there.outcome, here.configures[configures], call);
+        page.Add(there, configures + 1, here.configures[configures], call);
       }
     };
     const RecordedExecute* wrong = nullptr;  // the first
@@ -211,6 +217,8 @@ bool Replay(const ReplayRequest& request) {
       add_configures(there.configures);
       const ReplayedCall call = CompareWithRecorded(layer, there, here.executes[i]);
       report.Add("Execute", there.number, there.outcome, here.executes[i], call);
+      page.Add(layer, there, here.executes[i], call,
+               RunCommandLine(layer, there, layer.folder, request.plugin));
       if (!call.is_equal && here.executes[i].is_repeated && wrong == nullptr) wrong = &there;
     }
     add_configures(layer.configures.size());
@@ -229,6 +237,11 @@ bool Replay(const ReplayRequest& request) {
     report.AddShrunk(folder, shrunk->executes.empty()
                                  ? ""
                                  : RunCommandLine(*shrunk, shrunk->executes[0], folder, request.plugin));
+  }
+  if (!request.html.empty()) {
+    NewFile file(request.html);
+    file.Write(page.Text(plugin.Path()));
+    file.Publish();
   }
   return report.End(request.json);
 }

@@ -17,6 +17,7 @@ struct ReplayRequest {
   std::string against;               ///< path of a plug-in that is right, for `shrink`; empty for none
   std::string shrink;                ///< folder for the smallest calls that still go wrong; empty for none
   std::string json;                  ///< path of a report; empty for none
+  std::string html;                  ///< path of a page; empty for none
 };
 
 /// Adds `vekrun replay`.

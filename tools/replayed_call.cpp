@@ -15,6 +15,19 @@ ReplayedCall Differs(std::string text) {
   return call;
 }
 
+// In quotes, with what is no ASCII character as \xNN: what a layer prints goes to terminals and reports.
+std::string QuotedLine(const std::string& line) {
+  if (line.empty()) return "nothing";
+  std::string quoted = "\"";
+  for (const char c : line) {
+    char escape[8] = {c};
+    const auto byte = static_cast<unsigned char>(c);
+    if (byte < 0x20 || byte >= 0x7f) std::snprintf(escape, sizeof escape, "\\x%02x", unsigned{byte});
+    quoted += escape;
+  }
+  return quoted + "\"";
+}
+
 // What can be told of any call: null where all of it is as recorded.
 std::optional<ReplayedCall> CompareOutcome(const RecordedOutcome& recorded, const RepeatedCall& here,
                                            bool may_be_unknown) {
@@ -31,9 +44,8 @@ std::optional<ReplayedCall> CompareOutcome(const RecordedOutcome& recorded, cons
     const std::string ours = i < lines.size() ? WithoutLineNumber(lines[i]) : "";
     const std::string theirs = i < recorded.log->size() ? WithoutLineNumber((*recorded.log)[i]) : "";
     if (ours == theirs) continue;
-    const auto quoted = [](const std::string& line) { return line.empty() ? "nothing" : "\"" + line + "\""; };
-    return Differs("log line " + std::to_string(i + 1) + ": " + quoted(ours) +
-                   ", recorded: " + quoted(theirs));
+    return Differs("log line " + std::to_string(i + 1) + ": " + QuotedLine(ours) +
+                   ", recorded: " + QuotedLine(theirs));
   }
   return std::nullopt;
 }

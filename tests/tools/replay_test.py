@@ -1,9 +1,12 @@
 #!/usr/bin/env python3
 """Tests of vekrun replay: replay_test.py SUITE COMMAND..., where libvekrecord.so lies next to the tool that COMMAND runs."""
 
+import collections
+import html.parser
 import json
 import os
 import pathlib
+import re
 import shlex
 import shutil
 import struct
@@ -186,6 +189,36 @@ class ReplayDiffers(Replay):
         path.write_text(whole)
         (self.layer() / "call-0001-in0.bin").write_bytes(b"x")
         self.assertIn("has 1 bytes instead of 96", self.vekrun("replay", "r").stderr)
+
+    def test_a_page(self):
+        self.softmax()
+        path = self.layer() / "call-0001-out0.bin"
+        data = bytearray(path.read_bytes())
+        for i in range(6):
+            data[4 * (3 * 6 + i)] ^= 1
+        path.write_bytes(data)
+        self.change(self.layer() / "layer.json", '"log": []', '"log": ["a < b & \\u00e9"]')
+        self.assertIn(r'log line 1: nothing, recorded: "a < b & \xe9"', self.replay(1, "r", "--html", "r.html"))
+        text = self.read("r.html").decode()
+        self.assertTrue(text.startswith("<!DOCTYPE html>"))
+        page = html.parser.HTMLParser()
+        opened, seen = [], collections.Counter()
+        page.handle_starttag = lambda tag, attrs: (seen.update([tag]), tag in ("meta", "br") or opened.append(tag))
+        page.handle_endtag = lambda tag: self.assertEqual(opened.pop(), tag)
+        page.handle_startendtag = lambda tag, attrs: seen.update([tag])
+        page.feed(text)
+        self.assertEqual(opened, [])
+        self.assertEqual((seen["table"], seen["tr"], seen["figure"], seen["details"], seen["script"], seen["link"], seen["img"]),
+                         (1, 3, 3, 3, 0, 0, 0))
+        self.assertIn("<h1>0 of 2 calls are equal</h1>", text)
+        self.assertIn("a &lt; b &amp; &#233;", text)
+        self.assertIn("channels 0 to 3: channel 3 has all of them</figcaption>", text)
+        # The one bar of channel 3 of 4, as high as can be.
+        self.assertIn('<rect x="72" y="1" width="23" height="60"/></svg>', text)
+        line = re.search("To repeat it</h4>\n<pre>(.*)</pre>", text)[1]
+        command = shlex.split(line)
+        self.assertEqual(command[:2], ["vekrun", "run"])
+        self.assertEqual(self.vekrun(*command[1:]).returncode, 1)
 
     def test_the_smallest_call(self):
         self.softmax()
