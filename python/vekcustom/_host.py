@@ -1,4 +1,4 @@
-"""The reference host's C interface (host/c_interface.h), through ctypes."""
+"""The reference host's C interface (host/c/c_interface.h), through ctypes."""
 
 from __future__ import annotations
 

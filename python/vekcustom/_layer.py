@@ -49,7 +49,7 @@ class _Prepared:
     __slots__ = ("keys", "layer", "value", "in_pointers", "out_pointers", "out_shape", "out_dtype", "out_format",
                  "out_size", "buffers")
 
-    keys: tuple[Any, ...]
+    keys: list[Any]
     layer: _host.Handle
     value: int
     in_pointers: Any
@@ -169,7 +169,7 @@ class Layer:
             shape = tuple(shape)
         with self._lock:
             # The way of a call that is like the one before, as straight as can be.
-            keys = [shape, dtype]
+            keys: list[Any] = [shape, dtype]
             for x in inputs:
                 keys.append(_key(x))
             keys.append(None if out is None else _key(out))
@@ -240,7 +240,7 @@ class Layer:
         descriptions, formats = zip(*(_describe(x, f"input {i} of {self.type}") for i, x in enumerate(inputs)))
         in_buffers = _host.handles(list(descriptions))
         prepared = _Prepared()
-        prepared.keys = keys  # type: ignore[assignment]
+        prepared.keys = keys
         if out is not None:
             out_buffer, prepared.out_format = _describe(out, "the output")
             prepared.out_shape, prepared.out_dtype = out.shape, out.dtype

@@ -130,7 +130,7 @@ def layer_types() -> list[str]:
     >>> layer_types()[:3]
     ['SOFTMAX', 'DATA_STRIDE_CONV', 'RESHAPE']
     """
-    types = []
+    types: list[str] = []
     while (name := _host.lib.vek_layer_type(len(types))) is not None:
         types.append(name.decode())
     return types

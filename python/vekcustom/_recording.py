@@ -62,7 +62,8 @@ class Call:
         self.number: int = call["call"]
         self._configures: list[dict[str, Any]] = description["configures"][: call["configures"]]
         self._accepted = next((c for c in reversed(self._configures) if c["outcome"] == "accepted"), None)
-        self.attributes: dict[str, str] = dict(map(tuple, self._configures[-1]["attributes"])) if self._configures else {}
+        self.attributes: dict[str, str] = (
+            {key: value for key, value in self._configures[-1]["attributes"]} if self._configures else {})
         self.outcome: Optional[str] = call["outcome"]
         log = call.get("log")
         self.log: Optional[list[LogLine]] = None if log is None else parse_log("\n".join(log))
@@ -139,17 +140,19 @@ class Call:
     def _run(self, plugin: Plugin, fill: int) -> tuple[str, str, list[npt.NDArray[np.uint8]]]:
         layer = _host.Handle(_host.lib.vek_make(plugin._value, self.layer.encode("latin-1")), _host.lib.vek_destroy)
         value = layer.value
-        outcome, text, outputs = 0, "", []
+        outcome, text = 0, ""
+        outputs: list[npt.NDArray[np.uint8]] = []
         configured = 0
         for call in [*self._before(), self]:
             for configure in call._configures[configured:]:
                 buffers = [[_as_recorded(buffer) for buffer in configure[side]] for side in ("inputs", "outputs")]
                 ins, outs = (_host.handles(side) for side in buffers)
-                texts = dict(map(tuple, configure["attributes"]))
+                texts: dict[str, str] = {key: value for key, value in configure["attributes"]}
                 _host.lib.vek_configure(value, _host.attributes(texts), ins, len(ins), outs, len(outs))
             configured = len(call._configures)
             memories: dict[str, npt.NDArray[np.uint8]] = {}
-            pointers, outputs = [], []
+            pointers: list[Any] = []
+            outputs = []
             for side in ("inputs", "outputs"):
                 tensors = call._call[side]
                 if tensors is None and side == "outputs" and call.outcome is None and call._accepted is not None:

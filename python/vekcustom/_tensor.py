@@ -37,7 +37,7 @@ def format_of(dtype: np.dtype[Any], what: str) -> _host.Format:
 
 
 def address_of(array: npt.NDArray[Any]) -> int:
-    return array.__array_interface__["data"][0]
+    return int(array.__array_interface__["data"][0])
 
 
 def strides_of(array: npt.NDArray[Any]) -> tuple[int, int] | None:

@@ -150,7 +150,8 @@ def reference(node: Node) -> Optional[list[Array]]:
             best = x.argmax(axis)
         return [np.expand_dims(best, axis) if node.attrs.get("keepdims", 1) else best]
     if node.op in ("Mul", "Div", "Add", "Pow", "MatMul"):
-        formula = {"Mul": np.multiply, "Div": np.divide, "Add": np.add, "Pow": np.power, "MatMul": np.matmul}[node.op]
+        formula: Callable[[Array, Array], Array] = {  # type: ignore[assignment]
+            "Mul": np.multiply, "Div": np.divide, "Add": np.add, "Pow": np.power, "MatMul": np.matmul}[node.op]
         return [formula(x, others[0])]
     if node.op == "Reciprocal":
         return [1 / x]

@@ -43,7 +43,7 @@ class Usage(Case):
                                     check=True)
             return result.stdout.split()
 
-        self.assertEqual(offered("r"), ["run"])
+        self.assertEqual(offered("r"), ["run", "replay"])
         self.assertEqual(offered("run", ""), TYPES)
         self.assertEqual(offered("list", "SPACE"), ["SPACETOBATCH", "SPACETODEPTH"])
         self.assertEqual(offered("list", "--j"), ["--json"])

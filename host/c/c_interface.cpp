@@ -1,5 +1,5 @@
 // The reference host, as C calls it.
-#include "host/c_interface.h"
+#include "host/c/c_interface.h"
 
 #include <dlfcn.h>
 #include <link.h>
