@@ -34,12 +34,8 @@ nlohmann::ordered_json ToJson(const LayerInfo& layer) {
                           {"mandatory", attribute.fallback == nullptr},
                           {"meaning", attribute.meaning}});
   }
-  return {{"type", layer.type},
-          {"summary", layer.summary},
-          {"buffers", layer.buffers},
-          {"attributes", attributes},
-          {"note", TextOrNull(layer.note)},
-          {"onnx", layer.onnx},
+  return {{"type", layer.type},       {"summary", layer.summary},       {"buffers", layer.buffers},
+          {"attributes", attributes}, {"note", TextOrNull(layer.note)}, {"onnx", layer.onnx},
           {"numpy", layer.numpy}};
 }
 
