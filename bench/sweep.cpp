@@ -24,6 +24,7 @@
 
 #include "host/buf_attrs.h"
 #include "host/plugin.h"
+#include "host/reserved_slots.h"
 #include "workloads.h"
 
 namespace {
@@ -33,7 +34,7 @@ using vek_bench::Workload;
 using vek_host::BufAttrs;
 
 // A description that counts what it is asked, so that the host's share of a call can be measured by itself.
-class AskedAttrs final : public zeb::PuxDnnBufAttrs {
+class AskedAttrs final : public vek_host::ReservedSlots {
  public:
   enum Question { kClone, kSize, kDims, kNumDims, kStrides, kFormat, kExtent, kStride, kQuestions };
   inline static std::array<unsigned, kQuestions> asked{};
@@ -61,16 +62,6 @@ class AskedAttrs final : public zeb::PuxDnnBufAttrs {
   void SetPlaneStride(unsigned int bytes) override { attrs_.SetPlaneStride(bytes); }
   bool IsStrided() const override { return Count(kStride), attrs_.IsStrided(); }
   bool IsInterleaved() const override { return Count(kStride), attrs_.IsInterleaved(); }
-  void Reserved3() override {}
-  void Reserved7() override {}
-  void Reserved10() override {}
-  void Reserved11() override {}
-  void Reserved12() override {}
-  void Reserved13() override {}
-  void Reserved19() override {}
-  void Reserved20() override {}
-  void Reserved21() override {}
-  void Reserved22() override {}
 
   // Asks each question as often as `times` says.
   static void Ask(const PuxDnnBufAttrs& attrs, const std::array<unsigned, kQuestions>& times) {

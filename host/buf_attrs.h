@@ -6,7 +6,7 @@
 #include <memory>
 #include <vector>
 
-#include "zeb/pux_dnn_buf_attrs.h"
+#include "host/reserved_slots.h"
 
 namespace vek_host {
 
@@ -18,7 +18,7 @@ namespace vek_host {
 ///
 /// The size follows the strides: `SetLineStride`, `SetPlaneStride` and `SetPlanePack` describe another layout
 /// of the same tensor, and `GetSize` is what that layout takes.
-class BufAttrs final : public zeb::PuxDnnBufAttrs {
+class BufAttrs final : public ReservedSlots {
  public:
   /// Describes a dense buffer: rows of W * `plane_pack` elements, planes of H rows, no padding.
   BufAttrs(std::vector<unsigned int> dims, const zeb::PuxDnnBufAttrsMemFormat& format);
@@ -40,17 +40,6 @@ class BufAttrs final : public zeb::PuxDnnBufAttrs {
   void SetPlaneStride(unsigned int bytes) override { plane_stride_ = bytes; }
   bool IsStrided() const override;
   bool IsInterleaved() const override { return format_.plane_pack > 1; }
-
-  void Reserved3() override {}
-  void Reserved7() override {}
-  void Reserved10() override {}
-  void Reserved11() override {}
-  void Reserved12() override {}
-  void Reserved13() override {}
-  void Reserved19() override {}
-  void Reserved20() override {}
-  void Reserved21() override {}
-  void Reserved22() override {}
 
   /// \return the bytes of one element.
   unsigned int ElementBytes() const { return static_cast<unsigned int>(format_.bitdepth) / 8; }

@@ -10,13 +10,14 @@
 #include <vector>
 
 #include "host/buf_attrs.h"
+#include "host/reserved_slots.h"
 #include "mapped_file.h"
 #include "zeb/pux_dnn_custom_layer.h"
 
 namespace vekrun {
 
 /// Answers what a host answered when a layer was configured, whether it makes sense or not.
-class RecordedAttrs final : public zeb::PuxDnnBufAttrs {
+class RecordedAttrs final : public vek_host::ReservedSlots {
  public:
   struct Answers {
     std::vector<unsigned int> dims;
@@ -52,17 +53,6 @@ class RecordedAttrs final : public zeb::PuxDnnBufAttrs {
   void SetPlanePack(std::int32_t channels) override;
   void SetLineStride(unsigned int bytes) override;
   void SetPlaneStride(unsigned int bytes) override;
-
-  void Reserved3() override {}
-  void Reserved7() override {}
-  void Reserved10() override {}
-  void Reserved11() override {}
-  void Reserved12() override {}
-  void Reserved13() override {}
-  void Reserved19() override {}
-  void Reserved20() override {}
-  void Reserved21() override {}
-  void Reserved22() override {}
 
  private:
   void FollowLayout();

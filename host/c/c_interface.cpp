@@ -22,6 +22,7 @@
 #include "host/layout.h"
 #include "host/name_table.h"
 #include "host/plugin.h"
+#include "host/reserved_slots.h"
 #include "tools/contained_call.h"
 #include "tools/failure.h"
 #include "tools/guarded_memory.h"
@@ -99,7 +100,7 @@ void HearPluginAt(const void* function) {
 
 // --- A description by its answers alone.
 
-class Answers final : public zeb::PuxDnnBufAttrs {
+class Answers final : public vek_host::ReservedSlots {
  public:
   Answers(const vek_answers& told, const zeb::PuxDnnBufAttrsMemFormat& format)
       : told_(told),
@@ -124,17 +125,6 @@ class Answers final : public zeb::PuxDnnBufAttrs {
   void SetPlaneStride(unsigned int bytes) override { told_.plane_stride = bytes; }
   bool IsStrided() const override { return told_.strided != 0; }
   bool IsInterleaved() const override { return told_.interleaved != 0; }
-
-  void Reserved3() override {}
-  void Reserved7() override {}
-  void Reserved10() override {}
-  void Reserved11() override {}
-  void Reserved12() override {}
-  void Reserved13() override {}
-  void Reserved19() override {}
-  void Reserved20() override {}
-  void Reserved21() override {}
-  void Reserved22() override {}
 
  private:
   vek_answers told_;  // but for its lists, which are the caller's

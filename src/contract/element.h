@@ -1,5 +1,7 @@
-// From a bit depth to the type that carries elements of that width.
+// From a format or a bit depth to the type that carries elements of that width.
 #pragma once
+
+#include "zeb/pux_dnn_buf_attrs.h"
 
 namespace zeb_custom_ops::detail {
 
@@ -17,6 +19,17 @@ bool DispatchWidth(int bitdepth, Kernel&& kernel, Otherwise&& otherwise) {
     default:
       return otherwise();
   }
+}
+
+// The same by a whole format: a float, whatever its bit depth says, else 8 or 16 bits.
+template <typename Kernel, typename Otherwise>
+bool DispatchElement(const zeb::PuxDnnBufAttrsMemFormat& format, Kernel&& kernel, Otherwise&& otherwise) {
+  using Word8 = unsigned char;
+  using Word16 = unsigned short;
+  if (format.float_) return kernel(float{});
+  if (format.bitdepth == 8) return kernel(Word8{});
+  if (format.bitdepth == 16) return kernel(Word16{});
+  return otherwise();
 }
 
 }  // namespace zeb_custom_ops::detail

@@ -7,6 +7,7 @@
 
 #include "contract/attr_text.h"
 #include "contract/checks.h"
+#include "contract/element.h"
 #include "contract/positions.h"
 #include "contract/shape.h"
 #include "contract/sizes.h"
@@ -16,6 +17,7 @@ namespace zeb_custom_ops {
 
 using detail::AsInt;
 using detail::AsULongLong;
+using detail::DispatchElement;
 using detail::Fits;
 using detail::LastPosition;
 using detail::Saturating;
@@ -232,19 +234,10 @@ bool VekConcat::Execute(void** in_buffers, void** out_buffers) {
     return Concatenate([&](std::size_t i) { return static_cast<const T*>(in_buffers[i]); },
                        static_cast<T*>(out_buffers[0]), in_attrs_, static_cast<unsigned>(axis_));
   };
-  const zeb::PuxDnnBufAttrsMemFormat format = in_attrs_[0]->GetMemFormat();
-  bool done = false;
-  if (format.float_) {
-    done = run(float{});
-  } else if (format.bitdepth == 8) {
-    using UnsignedChar = unsigned char;
-    done = run(UnsignedChar{});
-  } else if (format.bitdepth == 16) {
-    using UnsignedShort = unsigned short;
-    done = run(UnsignedShort{});
-  } else {
+  const bool done = DispatchElement(in_attrs_[0]->GetMemFormat(), run, [] {
     VEK_LOG_ERROR("Unsupported data format");
-  }
+    return false;
+  });
   VEK_REQUIRE(done, "can't calculate Concat");
   return true;
 }

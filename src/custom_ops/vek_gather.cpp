@@ -3,12 +3,14 @@
 
 #include "contract/attr_text.h"
 #include "contract/checks.h"
+#include "contract/element.h"
 #include "contract/sizes.h"
 
 namespace zeb_custom_ops {
 
 using detail::AsInt;
 using detail::AsULongLong;
+using detail::DispatchElement;
 
 const std::string VekGather::k_expected_attr_ = "axis";
 
@@ -88,17 +90,7 @@ bool VekGather::Execute(void** in_buffers, void** out_buffers) {
                      static_cast<const std::uint32_t*>(in_buffers[1]), in_attrs_[1]->GetDims(),
                      static_cast<unsigned>(axis_), static_cast<T*>(out_buffers[0]), out_count);
   };
-  const zeb::PuxDnnBufAttrsMemFormat format = in_attrs_[0]->GetMemFormat();
-  bool done = false;
-  if (format.float_) {
-    done = run(float{});
-  } else if (format.bitdepth == 16) {
-    using UnsignedShort = unsigned short;
-    done = run(UnsignedShort{});
-  } else if (format.bitdepth == 8) {
-    using UnsignedChar = unsigned char;
-    done = run(UnsignedChar{});
-  }
+  const bool done = DispatchElement(in_attrs_[0]->GetMemFormat(), run, [] { return false; });
   VEK_REQUIRE(done, "can't do Gather operation");
   return true;
 }

@@ -3,6 +3,7 @@
 
 import os
 import pathlib
+import pty
 import signal
 import subprocess
 import time
@@ -12,6 +13,14 @@ from vekrun_case import VEKRUN, Case, main, wait_for
 BAD = str(pathlib.Path(VEKRUN[-1]).resolve().parent / "tests/tools/libbad_plugin.so")
 READ = "(read|touched memory)"  # which of the two, an emulator does not tell
 WROTE = "(wrote|touched memory)"
+
+
+def read_terminal(terminal):
+    """What it was told, or nothing when nobody writes to it any more."""
+    try:
+        return os.read(terminal, 4096)
+    except OSError:
+        return b""
 
 
 class Guards(Case):
@@ -147,6 +156,22 @@ class Interruptions(Case):
                 process.communicate()
             self.assertIn(process.returncode, (-number, 128 + number))
             self.assertEqual(os.listdir(self.folder), ["slow"])
+
+    def test_a_long_step_is_told_on_a_terminal(self):
+        """From the second on, in one line that is gone afterwards; a pipe is told nothing."""
+        command = [*VEKRUN, "run", "RESHAPE", "--attr", "pixelshuffler=1", "--in", "ramp:1x1x2x8", "--seconds", "1.5"]
+        terminal, end = pty.openpty()
+        with subprocess.Popen(command, cwd=self.folder, stdout=subprocess.DEVNULL, stderr=end) as process:
+            os.close(end)
+            told = b""
+            while piece := read_terminal(terminal):
+                told += piece
+        os.close(terminal)
+        line = b"\r\x1b[Kvekrun: timing RESHAPE ..."
+        self.assertEqual((process.returncode, told.replace(line, b"")), (0, b"\r\x1b[K"), told)
+        self.assertGreaterEqual(told.count(line), 1)
+        piped = subprocess.run(command, cwd=self.folder, capture_output=True, check=False)
+        self.assertEqual((piped.returncode, piped.stderr), (0, b""))
 
     def test_a_limit_of_size_is_an_error(self):
         command = f"ulimit -f 8; exec {' '.join(VEKRUN)} run RESHAPE --attr pixelshuffler=1 --in zeros:200x200 --out out.npy"
