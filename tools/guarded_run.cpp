@@ -2,14 +2,19 @@
 
 #include <algorithm>
 
-#include "contained_call.h"
-#include "failure.h"
+#include "guard/contained_call.h"
+#include "guard/failure.h"
 #include "host/layout.h"
 #include "unwritten.h"
 
 namespace vekrun {
 namespace {
 
+using vek_guard::CallContained;
+using vek_guard::Ending;
+using vek_guard::Failure;
+using vek_guard::GuardedMemory;
+using vek_guard::NamedMemory;
 using Against = GuardedMemory::Against;
 
 struct Buffers {

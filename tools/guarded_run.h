@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "guarded_memory.h"
+#include "guard/guarded_memory.h"
 #include "host/plugin.h"
 #include "layer_catalog.h"
 #include "operand.h"
@@ -28,7 +28,7 @@ struct GuardedResult {
   std::optional<std::size_t> input;    ///< the input that was overrun, if it was one
   std::string log;                     ///< what the plug-in printed
   std::vector<std::string> unwritten;  ///< for each output that has some, which elements were never written
-  std::vector<GuardedMemory> outputs;  ///< of kDone
+  std::vector<vek_guard::GuardedMemory> outputs;  ///< of kDone
 };
 
 /// Makes the layer, configures it and executes it in a process of its own: first with the buffers' ends at unmapped

@@ -10,15 +10,20 @@
 #include <cstring>
 #include <typeinfo>
 
-#include "contained_call.h"
-#include "failure.h"
-#include "guarded_memory.h"
+#include "guard/contained_call.h"
+#include "guard/failure.h"
+#include "guard/guarded_memory.h"
 #include "operand.h"
 #include "usage_error.h"
 
 namespace vekrun {
 namespace {
 
+using vek_guard::CallContained;
+using vek_guard::Ending;
+using vek_guard::Failure;
+using vek_guard::GuardedMemory;
+using vek_guard::NamedMemory;
 using Against = GuardedMemory::Against;
 
 constexpr std::array<std::byte, 2> kFills = {std::byte{0xFF}, std::byte{0}};

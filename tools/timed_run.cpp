@@ -8,7 +8,7 @@
 #include <new>
 #include <stdexcept>
 
-#include "contained_call.h"
+#include "guard/contained_call.h"
 #include "usage_error.h"
 
 namespace vekrun {
@@ -79,7 +79,8 @@ TimedResult RunTimed(const std::vector<vek_host::Plugin>& plugins, const LayerCa
   void* const shared = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
   if (shared == MAP_FAILED) throw UsageError("no memory for the times");
   auto* const times = static_cast<Times*>(shared);
-  const Ending ending = CallContained([&] { return Measure(plugins, call, request, times); }, /*show=*/true);
+  const vek_guard::Ending ending =
+      vek_guard::CallContained([&] { return Measure(plugins, call, request, times); }, /*show=*/true);
   TimedResult result;
   result.layers.assign(times, times + plugins.size());
   result.copy = times[plugins.size()];

@@ -17,15 +17,15 @@
 #include <string>
 #include <vector>
 
+#include "guard/contained_call.h"
+#include "guard/failure.h"
+#include "guard/guarded_memory.h"
 #include "host/buf_attrs.h"
 #include "host/layer_rules.h"
 #include "host/layout.h"
 #include "host/name_table.h"
 #include "host/plugin.h"
 #include "host/reserved_slots.h"
-#include "tools/contained_call.h"
-#include "tools/failure.h"
-#include "tools/guarded_memory.h"
 
 namespace {
 
@@ -218,8 +218,8 @@ struct Guarded {
       memories_.emplace_back(size, size % kAlignment == 0 ? kAlignment : 1);
   }
 
-  void Place(vekrun::GuardedMemory::Against side) {
-    for (vekrun::GuardedMemory& memory : memories_) memory.Place(side);
+  void Place(vek_guard::GuardedMemory::Against side) {
+    for (vek_guard::GuardedMemory& memory : memories_) memory.Place(side);
   }
   void Load(void* const* from) {
     for (std::size_t i = 0; i < memories_.size(); ++i)
@@ -231,11 +231,11 @@ struct Guarded {
   }
   std::vector<void*> Pointers() const {
     std::vector<void*> pointers;
-    for (const vekrun::GuardedMemory& memory : memories_) pointers.push_back(memory.Data());
+    for (const vek_guard::GuardedMemory& memory : memories_) pointers.push_back(memory.Data());
     return pointers;
   }
   // Adds the buffers as failures name them.
-  void AppendTo(std::vector<vekrun::NamedMemory>* named) const {
+  void AppendTo(std::vector<vek_guard::NamedMemory>* named) const {
     for (std::size_t i = 0; i < memories_.size(); ++i) {
       named->push_back({&memories_[i], name_ + (" " + std::to_string(i)) + " (" +
                                            std::to_string(memories_[i].Bytes()) + " bytes)"});
@@ -244,7 +244,7 @@ struct Guarded {
 
  private:
   std::string name_;
-  std::vector<vekrun::GuardedMemory> memories_;
+  std::vector<vek_guard::GuardedMemory> memories_;
 };
 
 int ExecuteGuarded(vek_layer* layer, void** inputs, void** outputs) {
@@ -254,11 +254,12 @@ int ExecuteGuarded(vek_layer* layer, void** inputs, void** outputs) {
   Guarded out("output", layer->output_bytes);
   in.Load(inputs);
   out.Load(outputs);
-  for (const auto side : {vekrun::GuardedMemory::Against::kBack, vekrun::GuardedMemory::Against::kFront}) {
-    const bool first = side == vekrun::GuardedMemory::Against::kBack;
+  for (const auto side :
+       {vek_guard::GuardedMemory::Against::kBack, vek_guard::GuardedMemory::Against::kFront}) {
+    const bool first = side == vek_guard::GuardedMemory::Against::kBack;
     in.Place(side);
     out.Place(side);
-    const vekrun::Ending ending = vekrun::CallContained(
+    const vek_guard::Ending ending = vek_guard::CallContained(
         [&] {
           if (!first) layer->plugin->plugin.SetLogThreshold("NONE");
           return layer->layer->Execute(in.Pointers().data(), out.Pointers().data());
@@ -270,11 +271,11 @@ int ExecuteGuarded(vek_layer* layer, void** inputs, void** outputs) {
       return VEK_THREW;
     }
     if (ending.returned && !ending.value) return VEK_REFUSED;
-    std::vector<vekrun::NamedMemory> named;
+    std::vector<vek_guard::NamedMemory> named;
     in.AppendTo(&named);
     out.AppendTo(&named);
-    g_error =
-        ending.returned ? vekrun::SpoiledRest(named).value_or("") : vekrun::FailureOf(ending, named).text;
+    g_error = ending.returned ? vek_guard::SpoiledRest(named).value_or("")
+                              : vek_guard::FailureOf(ending, named).text;
     if (!g_error.empty()) return VEK_CRASHED;
   }
   out.Store(outputs);

@@ -5,7 +5,7 @@
 #include <cstddef>
 #include <optional>
 
-namespace vekrun {
+namespace vek_guard {
 
 /// The memory of one buffer. It is shared with child processes, who so read and write the same bytes.
 class GuardedMemory {
@@ -16,7 +16,7 @@ class GuardedMemory {
   };
 
   /// Reserves the range and places the bytes, zeros, against its back; they start at a multiple of `alignment`, a power
-  /// of 2. Throws `UsageError` where there is no memory for them.
+  /// of 2. Throws `std::runtime_error` where there is no memory for them.
   GuardedMemory(std::size_t bytes, std::size_t alignment);
   ~GuardedMemory();
   GuardedMemory(GuardedMemory&& other) noexcept;
@@ -49,4 +49,4 @@ class GuardedMemory {
   std::size_t alignment_;
 };
 
-}  // namespace vekrun
+}  // namespace vek_guard

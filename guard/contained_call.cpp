@@ -1,4 +1,4 @@
-#include "contained_call.h"
+#include "guard/contained_call.h"
 
 #include <fcntl.h>
 #include <sys/mman.h>
@@ -14,10 +14,9 @@
 #include <cstdio>
 #include <cstring>
 #include <memory>
+#include <stdexcept>
 
-#include "usage_error.h"
-
-namespace vekrun {
+namespace vek_guard {
 namespace {
 
 // What the child tells its parent, in memory that they share.
@@ -124,7 +123,7 @@ std::string ReadAll(int pipe, bool show) {
 }
 
 [[noreturn]] void Fail(const char* what) {
-  throw UsageError(std::string("cannot ") + what + ": " + std::strerror(errno));
+  throw std::runtime_error(std::string("cannot ") + what + ": " + std::strerror(errno));
 }
 
 }  // namespace
@@ -163,4 +162,4 @@ Ending CallContained(const std::function<bool()>& call, bool show) {
   return ending;
 }
 
-}  // namespace vekrun
+}  // namespace vek_guard

@@ -1,10 +1,10 @@
-#include "failure.h"
+#include "guard/failure.h"
 
 #include <csignal>
 #include <cstdio>
 #include <cstring>
 
-namespace vekrun {
+namespace vek_guard {
 namespace {
 
 std::string BytesText(std::ptrdiff_t offset, std::size_t bytes) {
@@ -66,4 +66,4 @@ std::optional<std::string> SpoiledRest(const std::vector<NamedMemory>& memories)
   return std::nullopt;
 }
 
-}  // namespace vekrun
+}  // namespace vek_guard

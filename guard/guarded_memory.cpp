@@ -1,4 +1,4 @@
-#include "guarded_memory.h"
+#include "guard/guarded_memory.h"
 
 #include <sys/mman.h>
 #include <unistd.h>
@@ -7,12 +7,11 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
+#include <stdexcept>
 #include <string>
 #include <utility>
 
-#include "usage_error.h"
-
-namespace vekrun {
+namespace vek_guard {
 namespace {
 
 // What is reserved before and behind the pages: a position that runs away by a stride too many still lands in it.
@@ -44,8 +43,8 @@ GuardedMemory::GuardedMemory(std::size_t bytes, std::size_t alignment)
   if (!mapped) {
     const int error = errno;
     if (range != MAP_FAILED) munmap(range_, range_bytes_);
-    throw UsageError("no memory for a buffer of " + std::to_string(bytes) +
-                     " bytes: " + std::strerror(error));
+    throw std::runtime_error("no memory for a buffer of " + std::to_string(bytes) +
+                             " bytes: " + std::strerror(error));
   }
   data_ = pages_;
   Place(Against::kBack);
@@ -90,4 +89,4 @@ std::optional<std::ptrdiff_t> GuardedMemory::OffsetOf(const void* address) const
   return static_cast<const std::byte*>(address) - data_;
 }
 
-}  // namespace vekrun
+}  // namespace vek_guard

@@ -5,7 +5,7 @@
 #include <functional>
 #include <string>
 
-namespace vekrun {
+namespace vek_guard {
 
 enum class Access { kUnknown, kRead, kWrite };
 
@@ -25,7 +25,7 @@ struct Ending {
 
 /// Calls a function in a child process, which shares only what is mapped as shared. Faults and other signals end the
 /// child, not the caller. What it prints to standard output passes through as it comes when `show` is set.
-/// Throws `UsageError` where no process can be made.
+/// Throws `std::runtime_error` where no process can be made.
 Ending CallContained(const std::function<bool()>& call, bool show);
 
-}  // namespace vekrun
+}  // namespace vek_guard

@@ -7,10 +7,10 @@
 #include <string>
 #include <vector>
 
-#include "contained_call.h"
-#include "guarded_memory.h"
+#include "guard/contained_call.h"
+#include "guard/guarded_memory.h"
 
-namespace vekrun {
+namespace vek_guard {
 
 /// A buffer, and what messages call it: "input 1 (B.npy, 1x64x1x1 float32, 256 bytes)".
 struct NamedMemory {
@@ -29,4 +29,4 @@ Failure FailureOf(const Ending& ending, const std::vector<NamedMemory>& memories
 /// \return a write to the rest of a buffer's pages, which does not fault; nothing where there was none.
 std::optional<std::string> SpoiledRest(const std::vector<NamedMemory>& memories);
 
-}  // namespace vekrun
+}  // namespace vek_guard
