@@ -23,6 +23,6 @@ set(DOXYGEN_HAVE_DOT NO)
 set(DOXYGEN_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/api)
 doxygen_add_docs(api_pages
   ${PROJECT_SOURCE_DIR}/include ${PROJECT_SOURCE_DIR}/docs/integrating.md ${PROJECT_SOURCE_DIR}/docs/operators.md
-  ${PROJECT_SOURCE_DIR}/docs/exactness.md ${PROJECT_SOURCE_DIR}/docs/recording.md
+  ${PROJECT_SOURCE_DIR}/docs/exactness.md ${PROJECT_SOURCE_DIR}/docs/recording.md ${PROJECT_SOURCE_DIR}/docs/python.md
   COMMENT "Generating API pages in ${DOXYGEN_OUTPUT_DIRECTORY}/html")
 install(DIRECTORY ${DOXYGEN_OUTPUT_DIRECTORY}/html DESTINATION ${CMAKE_INSTALL_DOCDIR} OPTIONAL)

@@ -100,6 +100,21 @@ int NameTable::Bind(const char* name, const void* address) const {
   return entries;
 }
 
+const void* NameTable::TakenElsewhere() const {
+  for (int i = 0; i < 2; ++i) {
+    for (std::size_t j = 0; j < counts_[i]; ++j) {
+      const ElfW(Rela)& entry = lists_[i][j];
+      const ElfW(Sym)& symbol = symbols_[ELF64_R_SYM(entry.r_info)];
+      if (!FillsAnEntry(static_cast<std::uint64_t>(ELF64_R_TYPE(entry.r_info))) ||
+          symbol.st_shndx == SHN_UNDEF || ELF64_ST_TYPE(symbol.st_info) != STT_FUNC || entry.r_addend != 0)
+        continue;
+      const ElfW(Addr) function = *reinterpret_cast<const ElfW(Addr)*>(base_ + entry.r_offset);
+      if (function != base_ + symbol.st_value) return reinterpret_cast<const void*>(function);
+    }
+  }
+  return nullptr;
+}
+
 bool NameTable::Write(ElfW(Addr) entry, const void* address) const {
   const auto page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
   auto* pages = reinterpret_cast<void*>(entry / page * page);

@@ -22,6 +22,10 @@ class NameTable {
   /// \return how many there are.
   int Bind(const char* name, const void* address) const;
 
+  /// \return where a function begins that the library defines and yet takes from elsewhere: from what stands before it
+  ///     in the process and has one of that name, such as another copy of it. Null where it takes all from itself.
+  const void* TakenElsewhere() const;
+
  private:
   bool Write(ElfW(Addr) entry, const void* address) const;
 

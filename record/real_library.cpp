@@ -48,6 +48,14 @@ bool Resolve(void* library, const char* name, Function*& function) {
   return function != nullptr;
 }
 
+// What the library prints passes through the recorder from now on; false where it prints by other ways than ours does.
+bool Hear(const vek_host::NameTable& table) {
+  int heard = table.Bind("printf", reinterpret_cast<void*>(&PrintHeard));
+  heard += table.Bind("__printf_chk", reinterpret_cast<void*>(&PrintCheckedHeard));
+  table.Bind("puts", reinterpret_cast<void*>(&PutsHeard));
+  return heard != 0;
+}
+
 // False where there is no such library; dlerror() then says why.
 bool Load(RealLibrary& real) {
   void* library = dlopen(LibraryPath().text, RTLD_NOW | RTLD_LOCAL);
@@ -66,11 +74,16 @@ bool Load(RealLibrary& real) {
     Say("the log's threshold and words stay the library's own: %s does not refer to them by name", real.path);
   }
   if (Recording::IsOn()) {
+    real.log_is_heard = Hear(table);
+    Dl_info other{};
+    if (const void* function = table.TakenElsewhere();
+        function != nullptr &&
+        dladdr1(function, &other, reinterpret_cast<void**>(&map), RTLD_DL_LINKMAP) != 0) {
+      real.log_is_heard = Hear(vek_host::NameTable(*map)) && real.log_is_heard;
+      real.path = *map->l_name != '\0' ? map->l_name : "/proc/self/exe";
+      Say("the layers are those of %s, which the process had loaded for all", real.path);
+    }
     Recording::Try([&] { real.file = DumpFile(real.path); });
-    int heard = table.Bind("printf", reinterpret_cast<void*>(&PrintHeard));
-    heard += table.Bind("__printf_chk", reinterpret_cast<void*>(&PrintCheckedHeard));
-    table.Bind("puts", reinterpret_cast<void*>(&PutsHeard));
-    real.log_is_heard = heard != 0;
   }
   return true;
 }

@@ -10,11 +10,14 @@ namespace vek_record {
 
 // A loaded library and its entry points. Its log reads the recorder's two variables, not its own: a host that writes them
 // reaches it at once.
+//
+// Where the process has another copy of the library for all to use, one that the host links, say, then the loader takes
+// the layers' functions from that one: here as without the recorder. It is what runs, so it is what is heard and named.
 struct RealLibrary {
   zeb::PuxDnnCustomLayer* (*create_object)(const std::string& type) = nullptr;
   void (*destroy_object)(zeb::PuxDnnCustomLayer* layer) = nullptr;
   void (*set_log_treshold)(const char* name) = nullptr;
-  const char* path = "";      // as the dynamic loader names it
+  const char* path = "";      // of the one that runs, as the dynamic loader names it
   Dump file;                  // its size and hash, where recording is on
   bool log_is_heard = false;  // what it prints passes through the recorder
 

@@ -162,25 +162,12 @@ class Svg {
 
   std::string Document(double width, double height, const std::string& title,
                        const std::string& description) const {
-    std::string style = kStyle;
-    std::string dark = kDarkStyle;
-    for (std::size_t i = 0; i < kColours; ++i) {
-      const std::string number = std::to_string(i);
-      style.append("  .c").append(number).append(" { fill: ").append(kTints[i].light).append("; }\n");
-      style.append("  .l").append(number).append(" { stroke: ").append(kTints[i].line).append("; }\n");
-      style.append("  .d").append(number).append(" { fill: ").append(kTints[i].line).append("; }\n");
-      dark.append("    .c").append(number).append(" { fill: ").append(kTints[i].dark).append("; }\n");
-    }
     const std::string size = Pixels(width) + "\" height=\"" + Pixels(height);
     return "<svg xmlns=\"http://www.w3.org/2000/svg\" xml:space=\"preserve\" role=\"img\" width=\"" + size +
            "\" viewBox=\"0 0 " + Pixels(width) + " " + Pixels(height) + "\">\n<title>" + Escaped(title) +
-           "</title>\n<desc>" + Escaped(description) + "</desc>\n<style>" + style +
-           "  @media (prefers-color-scheme: dark) {" + dark +
-           "  }\n</style>\n<defs><pattern id=\"hatch\" width=\"6\" height=\"6\" "
-           "patternUnits=\"userSpaceOnUse\" "
-           "patternTransform=\"rotate(45)\"><path class=\"hatch\" d=\"M0 0 V6\"/></pattern></defs>\n"
-           "<rect class=\"card\" x=\"0.5\" y=\"0.5\" width=\"" +
-           Pixels(width - 1) + "\" height=\"" + Pixels(height - 1) + "\" rx=\"8\"/>\n" + body_ + "</svg>\n";
+           "</title>\n<desc>" + Escaped(description) + "</desc>\n" + DrawingStyles() +
+           "<rect class=\"card\" x=\"0.5\" y=\"0.5\" width=\"" + Pixels(width - 1) + "\" height=\"" +
+           Pixels(height - 1) + "\" rx=\"8\"/>\n" + body_ + "</svg>\n";
   }
 
  private:
@@ -534,6 +521,22 @@ void CheckDrawable(const LaidOut& buffer) {
 }
 
 }  // namespace
+
+std::string DrawingStyles() {
+  std::string style = kStyle;
+  std::string dark = kDarkStyle;
+  for (std::size_t i = 0; i < kColours; ++i) {
+    const std::string number = std::to_string(i);
+    style.append("  .c").append(number).append(" { fill: ").append(kTints[i].light).append("; }\n");
+    style.append("  .l").append(number).append(" { stroke: ").append(kTints[i].line).append("; }\n");
+    style.append("  .d").append(number).append(" { fill: ").append(kTints[i].line).append("; }\n");
+    dark.append("    .c").append(number).append(" { fill: ").append(kTints[i].dark).append("; }\n");
+  }
+  return "<style>" + style + "  @media (prefers-color-scheme: dark) {" + dark +
+         "  }\n</style>\n<defs><pattern id=\"hatch\" width=\"6\" height=\"6\" "
+         "patternUnits=\"userSpaceOnUse\" "
+         "patternTransform=\"rotate(45)\"><path class=\"hatch\" d=\"M0 0 V6\"/></pattern></defs>\n";
+}
 
 std::string DrawLayout(const LaidOut& buffer) {
   const BufferDrawing drawing(buffer);

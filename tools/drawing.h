@@ -22,6 +22,10 @@ std::string DrawLayout(const LaidOut& buffer);
 /// one. Values that the left one has several times have no lines.
 std::string DrawLayouts(const LaidOut& left, const LaidOut& right);
 
+/// \return what every drawing says of its colours and its hatching, letter for letter. A page of several drawings has it
+/// once, outside of them: there it holds for all, and what has a name must not be there twice.
+std::string DrawingStyles();
+
 struct LayoutRequest {
   std::vector<std::string> files;  ///< one or two FILE[,option=value]...
   std::string out;                 ///< the drawing, .svg

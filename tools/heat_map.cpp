@@ -17,8 +17,7 @@ constexpr Colour kNoNumber = {0, 205, 225};
 constexpr std::array<Colour, 5> kScale = {
     {{92, 30, 130}, {165, 45, 120}, {225, 80, 80}, {250, 150, 50}, {252, 240, 140}}};
 
-constexpr std::size_t kLargest = 4096;    // pixels of a side
-constexpr std::size_t kEnlargedTo = 512;  // at most
+constexpr std::size_t kEnlargedTo = 512;  // pixels of a side, at most
 
 Colour ColourOf(float difference, float largest) {
   if (difference == 0) return kEqual;
@@ -40,7 +39,8 @@ float Worse(float a, float b) { return std::isnan(a) || a > b ? a : b; }
 
 }  // namespace
 
-HeatMap DrawHeatMap(const std::vector<unsigned int>& dims, const std::vector<float>& differences) {
+HeatMap DrawHeatMap(const std::vector<unsigned int>& dims, const std::vector<float>& differences,
+                    std::size_t most_pixels) {
   const std::size_t rank = dims.size();
   const std::size_t H = rank > 1 ? dims[rank - 2] : 1;
   const std::size_t W = rank > 0 ? dims[rank - 1] : 1;
@@ -55,7 +55,7 @@ HeatMap DrawHeatMap(const std::vector<unsigned int>& dims, const std::vector<flo
   const std::size_t width = columns * (W + 1) - 1;
   const std::size_t side = std::max(height, width);
   const std::size_t enlarged = std::clamp<std::size_t>(kEnlargedTo / side, 1, 32);
-  const std::size_t reduced = (side + kLargest - 1) / kLargest;
+  const std::size_t reduced = (side + most_pixels - 1) / most_pixels;
 
   constexpr float kNothing = -1;  // the gaps
   const std::size_t map_height = (height + reduced - 1) / reduced;

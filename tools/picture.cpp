@@ -7,6 +7,7 @@
 #include <csetjmp>
 #include <cstdint>
 #include <cstring>
+#include <new>
 #include <string_view>
 #include <vector>
 
@@ -311,6 +312,20 @@ void WritePicture(const std::string& path, const Tensor& tensor, NewFile* file) 
   } else {
     WritePnm(std::move(pixels), file);
   }
+}
+
+std::string PngOf(unsigned int height, unsigned int width, const std::vector<unsigned char>& rows) {
+  png_image image{};
+  image.version = PNG_IMAGE_VERSION;
+  image.height = height;
+  image.width = width;
+  image.format = PNG_FORMAT_RGB;
+  png_alloc_size_t bytes = PNG_IMAGE_PNG_SIZE_MAX(image);
+  std::string png(bytes, '\0');
+  if (png_image_write_to_memory(&image, png.data(), &bytes, 0, rows.data(), 0, nullptr) == 0)
+    throw std::bad_alloc();
+  png.resize(bytes);
+  return png;
 }
 
 }  // namespace vekrun

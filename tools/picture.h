@@ -4,6 +4,7 @@
 
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "mapped_file.h"
 #include "new_file.h"
@@ -21,5 +22,9 @@ void CheckIsPicture(const std::string& path, ElementType type, const Dims& dims)
 
 /// Writes uint8, uint16, or float32 as 8 bits with 1.0 as 255; `CheckIsPicture` has passed. Throws `UsageError`.
 void WritePicture(const std::string& path, const Tensor& tensor, NewFile* file);
+
+/// \return a PNG file's bytes. Throws `std::bad_alloc`.
+/// \param rows  of red, green and blue, 8 bits each.
+std::string PngOf(unsigned int height, unsigned int width, const std::vector<unsigned char>& rows);
 
 }  // namespace vekrun

@@ -31,7 +31,8 @@ constexpr std::array<std::byte, 2> kFills = {std::byte{0xFF}, std::byte{0}};
 // Parts the calls in what the child prints; the plug-in's formats cannot print it.
 constexpr char kEndOfCall = '\0';
 
-// The buffers of one call of Execute. Those that overlap in the recording do so here.
+// The buffers of one call of Execute, as far as there was memory for what was promised. Those that overlap in the
+// recording do so here.
 class CallBuffers {
  public:
   CallBuffers(const RecordedLayer& layer, const RecordedExecute& execute, const FindBytes& find) {
@@ -48,7 +49,7 @@ class CallBuffers {
       // The recorded process died in the call: where its outputs lay is not told, only how large they were.
       for (const auto& attrs : configure->outputs) {
         promised_.emplace_back();
-        promised_.back().size = attrs == nullptr ? 0 : attrs->GetSize();
+        promised_.back().size = promised_.back().bytes = attrs == nullptr ? 0 : attrs->GetSize();
       }
       for (std::size_t i = 0; i < promised_.size(); ++i)
         Add("output", i, promised_[i], configure->outputs[i].get());
@@ -70,9 +71,7 @@ class CallBuffers {
     for (std::size_t i = 0; i < inputs_; ++i) {
       const Buffer& buffer = buffers_[i];
       if (buffer.memory == kNull) continue;
-      std::byte* const data = Address(buffer);
-      std::fill_n(data, buffer.tensor->size, std::byte{0});
-      std::copy_n(buffer.bytes->data.get(), buffer.bytes->size, data);
+      std::copy_n(buffer.bytes->data.get(), buffer.bytes->size, Address(buffer));
     }
   }
 
@@ -102,7 +101,7 @@ class CallBuffers {
       outputs.emplace_back();
       if (buffers_[i].memory == kNull) continue;
       const std::byte* const data = Address(buffers_[i]);
-      outputs.back().assign(data, data + buffers_[i].tensor->size);
+      outputs.back().assign(data, data + buffers_[i].tensor->bytes);
     }
     return outputs;
   }
@@ -150,7 +149,7 @@ class CallBuffers {
                                buffer.tensor < promised_.data() + promised_.size();
       if (is_promised) {
         buffer.memory = memories_.size();
-        memories_.emplace_back(buffer.tensor->size, buffer.alignment);
+        memories_.emplace_back(buffer.tensor->bytes, buffer.alignment);
       } else if (buffer.tensor->address != 0) {
         by_address.push_back(&buffer);
       }
@@ -165,7 +164,7 @@ class CallBuffers {
         Buffer& buffer = *by_address[i];
         const std::uint64_t address = buffer.tensor->address;
         if (address >= end && address != begin) break;
-        end = std::max(end, address + buffer.tensor->size);
+        end = std::max(end, address + buffer.tensor->bytes);
         alignment = std::max(alignment, buffer.alignment);
         buffer.memory = memories_.size();
         buffer.offset = address - begin;

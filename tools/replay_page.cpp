@@ -4,6 +4,8 @@
 #include <cstdio>
 
 #include "drawing.h"
+#include "heat_map.h"
+#include "picture.h"
 #include "tensor.h"
 
 namespace vekrun {
@@ -61,6 +63,37 @@ std::string Bars(std::size_t rank, std::size_t axis, const std::vector<std::uint
          ": " + Escaped(title) + "</figcaption></figure>\n";
 }
 
+std::string Base64(const std::string& bytes) {
+  static constexpr char kDigits[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+  std::string text;
+  for (std::size_t i = 0; i < bytes.size(); i += 3) {
+    std::uint32_t group = 0;
+    for (std::size_t j = i; j < i + 3; ++j)
+      group = group << 8 | (j < bytes.size() ? static_cast<unsigned char>(bytes[j]) : 0U);
+    for (std::size_t digit = 0; digit < 4; ++digit)
+      text += i + digit > bytes.size() ? '=' : kDigits[group >> (18 - 6 * digit) & 63];
+  }
+  return text;
+}
+
+std::string DrawnDifferences(const DifferingOutput& output) {
+  constexpr std::size_t kMostPixels = 1024;
+  const ElementType type = TypeOf(output.attrs.GetMemFormat());
+  Tolerance bits;
+  bits.bits = true;
+  const HeatMap map = DrawHeatMap(
+      output.attrs.GetDims(),
+      AbsoluteDifferences({"", type, output.attrs, output.here.data(), output.here.size()},
+                          {"", type, output.attrs, output.expected.data(), output.expected.size()}, bits),
+      kMostPixels);
+  return "<figure><img alt=\"The differences of output " + std::to_string(output.number) + "\" width=\"" +
+         std::to_string(map.width) + "\" height=\"" + std::to_string(map.height) +
+         "\" src=\"data:image/png;base64," + Base64(PngOf(map.height, map.width, map.pixels)) +
+         "\"><figcaption>The planes side by side, a square for each element: dark where it is equal, from "
+         "violet to "
+         "yellow by the root of the difference, cyan where that is infinite or NaN</figcaption></figure>\n";
+}
+
 std::string LogText(const char* title, const std::vector<std::string>& lines) {
   if (lines.empty()) return "";
   std::string text = std::string("<h4>") + title + "</h4>\n<pre>";
@@ -71,10 +104,10 @@ std::string LogText(const char* title, const std::vector<std::string>& lines) {
 std::string Drawn(const std::string& title, const vek_host::BufAttrs& attrs, const std::byte* bytes,
                   std::size_t size) {
   const std::string drawing = DrawLayout({title, TypeOf(attrs.GetMemFormat()), attrs, bytes, size});
-  // A drawing's own file begins with a declaration, which a page cannot have in its middle.
-  const std::size_t svg = drawing.find("<svg");
+  const std::string styles = DrawingStyles();
+  const std::size_t at = drawing.find(styles);  // the page has them at its beginning
   return "<details open><summary>" + Escaped(title) + ": " + ShapeText(attrs.GetDims()) + "</summary>\n" +
-         (svg == std::string::npos ? "" : drawing.substr(svg)) + "</details>\n";
+         drawing.substr(0, at) + drawing.substr(at + styles.size()) + "</details>\n";
 }
 
 constexpr const char* kHead = R"(<!DOCTYPE html>
@@ -91,6 +124,7 @@ td.time { text-align: right; white-space: nowrap; }
 tr.differs td { background: #fdecea; }
 pre { background: #f4f4f4; padding: .6em; overflow-x: auto; white-space: pre-wrap; }
 figure { margin: .8em 0; }
+figure img { max-width: 100%; image-rendering: pixelated; }
 figure rect { fill: #c0392b; }
 figure rect.ground { fill: #f0f0f0; }
 details { margin: .5em 0; overflow-x: auto; }
@@ -114,6 +148,7 @@ void ReplayPage::AddRow(const std::string& function, const RecordedOutcome& ther
   if (call.is_equal) return;
   sections_ += "<h2>" + Escaped(name_) + ", " + function + "</h2>\n<p>" + Escaped(call.text) + "</p>\n";
   if (call.output) {
+    sections_ += DrawnDifferences(*call.output);
     const auto& by_axis = call.output->comparison.beyond_by_axis;
     for (std::size_t d = 0; d < by_axis.size(); ++d) {
       if (by_axis[d].size() > 1) sections_ += Bars(by_axis.size(), d, by_axis[d]);
@@ -150,7 +185,11 @@ void ReplayPage::Add(const RecordedLayer& layer, const RecordedExecute& there, c
 }
 
 std::string ReplayPage::Text(const std::string& plugin) const {
-  return kHead + std::string("<h1>") + std::to_string(equal_) + " of " + std::to_string(calls_) +
+  // Not hidden: a pattern of what is not shown fills nothing.
+  return kHead +
+         ("<svg width=\"0\" height=\"0\" style=\"position: absolute\" aria-hidden=\"true\">" +
+          DrawingStyles()) +
+         "</svg>\n<h1>" + std::to_string(equal_) + " of " + std::to_string(calls_) +
          " calls are equal</h1>\n<p>Repeated with " + Escaped(plugin) + " on " + ThisMachine() +
          ". Times are in "
          "microseconds.</p>\n<table>\n<tr><th>Layer</th><th>Call</th><th>There</th><th>Here</th>"

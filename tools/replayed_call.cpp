@@ -199,9 +199,7 @@ ReplayedCall CompareWithRecorded(const RecordedLayer& layer, const RecordedExecu
       continue;
     }
     const bool is_described = configure != nullptr && i < configure->outputs.size();
-    // What the host promised and did not have is as here.
-    std::vector<std::byte> expected = here.over_ones[i];
-    std::copy_n(bytes->data.get(), bytes->size, expected.begin());
+    std::vector<std::byte> expected(bytes->data.get(), bytes->data.get() + bytes->size);
     CompareBytes(i, is_described ? configure->outputs[i].get() : nullptr, layer.machine == ThisMachine(),
                  std::move(expected), here, &call);
   }

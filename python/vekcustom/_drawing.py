@@ -8,6 +8,7 @@ import os
 import shutil
 import subprocess
 import tempfile
+from typing import Any
 
 
 class Layout:
@@ -37,7 +38,7 @@ class Layout:
 
     def svg(self) -> str | None:
         """The drawing of `vekrun layout`, or None where vekrun is not installed."""
-        vekrun = os.environ.get("VEKRUN") or shutil.which("vekrun")
+        vekrun = shutil.which(os.environ.get("VEKRUN") or "vekrun")
         if vekrun is None or not self.shape:
             return None
         with tempfile.TemporaryDirectory() as folder:
@@ -49,8 +50,7 @@ class Layout:
             with open(out, encoding="utf-8") as file:
                 return file.read()
 
-    def _repr_svg_(self) -> str | None:
-        return self.svg()
-
-    def _repr_html_(self) -> str:
-        return f"<pre>{html.escape(str(self))}</pre>"
+    def _repr_mimebundle_(self, include: Any = None, exclude: Any = None) -> dict[str, str]:
+        """What a notebook shows: one of the two, as many prefer a text to a drawing where they have both."""
+        drawing = self.svg()
+        return {"image/svg+xml": drawing} if drawing else {"text/html": f"<pre>{html.escape(str(self))}</pre>"}

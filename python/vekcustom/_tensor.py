@@ -179,11 +179,8 @@ class Tensor:
         """
         return Layout(self.shape, str(self.dtype), self.pack, self.line, self.plane, self.nbytes)
 
-    def _repr_svg_(self) -> str | None:
-        return self.layout()._repr_svg_()
-
-    def _repr_html_(self) -> str:
-        return self.layout()._repr_html_()
+    def _repr_mimebundle_(self, include: Any = None, exclude: Any = None) -> dict[str, str]:
+        return self.layout()._repr_mimebundle_(include, exclude)
 
     def __array__(self, dtype: npt.DTypeLike = None) -> npt.NDArray[Any]:
         return self.numpy() if dtype is None else self.numpy().astype(dtype)

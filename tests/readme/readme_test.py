@@ -6,6 +6,7 @@ Lines that build the project are not run: it is asked that their scripts, preset
 examples/short_host.cpp, as another test compares.
 """
 
+import importlib.util
 import json
 import math
 import os
@@ -14,6 +15,7 @@ import re
 import subprocess
 import sys
 import tempfile
+import textwrap
 import unittest
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
@@ -50,6 +52,17 @@ class Readme(unittest.TestCase):
         first, last = re.search(r"ten probabilities, ([\d.]+) first and ([\d.]+) last", README).groups()
         self.assertEqual((first, last), (expected[0], expected[-1]))
 
+    @unittest.skipUnless(importlib.util.find_spec("numpy"), "NumPy is not installed")
+    def test_the_story_from_a_recording_to_the_wrong_layer(self):
+        story, said = re.search(r"^```python\n(.*?)^```\n.*?((?:^ {4}[^\n]*\n)+)", README, re.M | re.S).groups()
+        self.assertEqual(len(story.splitlines()), 10)
+        environment = {"LD_LIBRARY_PATH": str(BUILD), "PYTHONPATH": str(ROOT / "python"), "PYTHONDONTWRITEBYTECODE": "1"}
+        with tempfile.TemporaryDirectory() as clone:
+            os.symlink(ROOT / "examples", pathlib.Path(clone, "examples"))
+            run = subprocess.run([sys.executable, "-c", story], cwd=clone, capture_output=True, text=True, check=False,
+                                 env={**os.environ, **environment})
+        self.assertEqual((run.returncode, run.stderr, run.stdout), (0, "", textwrap.dedent(said)))
+
     def test_lines_that_build_name_what_there_is(self):
         presets = {preset["name"] for preset in json.loads((ROOT / "CMakePresets.json").read_text())["configurePresets"]}
         lines = [line for line in LINES if builds(line)]
@@ -72,7 +85,8 @@ class Readme(unittest.TestCase):
 
     def test_paths_and_links_lead_somewhere(self):
         for document in [ROOT / "README.md", ROOT / "CONTRIBUTING.md", *sorted((ROOT / "docs").glob("*.md"))]:
-            for link in re.findall(r"\]\(([^)#:]+)(?:#[^)]*)?\)", document.read_text()):
+            prose = re.sub(r"^```.*?^```", "", document.read_text(), flags=re.M | re.S)
+            for link in re.findall(r"\]\(([^)#:]+)(?:#[^)]*)?\)", prose):
                 self.assertTrue((document.parent / link).exists(), f"{document.name}: {link}")
         for path in re.findall(r"`((?:docs|examples|tools|host|include|src|tests|fuzz|bench|scripts)/[\w./-]*)`", README):
             self.assertTrue((ROOT / path).exists(), path)

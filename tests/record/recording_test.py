@@ -9,6 +9,7 @@ import os
 import pathlib
 import re
 import resource
+import shutil
 import signal
 import subprocess
 import sys
@@ -73,9 +74,13 @@ class Recording(unittest.TestCase):
         clean = {name: value for name, value in os.environ.items() if not name.startswith("VEK")}
         return {**clean, **{"VEKRECORD_" + name: str(value) for name, value in settings.items()}}
 
-    def run_host(self, *arguments, plugin=RECORDER, status=0, say=None, before=None, **settings):
+    def run_host(self, *arguments, plugin=RECORDER, status=0, say=None, before=None, preload=None, **settings):
         """Runs the host; its standard output. `say`: what the recorder's one line matches, None for no line."""
-        run = subprocess.run([*HOST, plugin, *arguments], env=self.environment(settings), capture_output=True, text=True,
+        host = HOST
+        if preload:
+            variable = f"LD_PRELOAD={preload}"
+            host = [HOST[0], "-E", variable, *HOST[1:]] if EMULATED else ["env", variable, *HOST]
+        run = subprocess.run([*host, plugin, *arguments], env=self.environment(settings), capture_output=True, text=True,
                              preexec_fn=before, timeout=280)
         self.assertEqual(run.returncode, status, run.stderr)
         self.assertRegex(run.stderr, "^$" if say is None else f"^vekrecord: {say}\n$")
@@ -151,6 +156,25 @@ class Transparent(Recording):
                                       ({"LIBRARY": "none.so"}, "there are no layers: none.so: cannot open shared object "
                                                                "file: No such file or directory")):
                 self.assertEqual(self.run_host("none", plugin=installed, say=re.escape(line), **environment), "null\n")
+
+    def test_another_copy_that_the_host_links(self):
+        """The loader takes the layers' functions from that one: it is heard, and named."""
+        with tempfile.TemporaryDirectory() as folder:
+            linked = os.path.join(folder, "libvekcustom.so")
+            shutil.copy(LIBRARY, linked)
+            self.assert_same(self.record("all", CALLS="all", preload=linked,
+                                         say=f"the layers are those of {linked}, which the process had loaded for all"),
+                             self.plain("all"))
+            self.assertEqual({layer["library"]["path"] for _, layer, _ in self.layers()}, {linked})
+            with_copy = self.texts()
+            shutil.rmtree(self.folder)
+            self.record("all", CALLS="all")
+            self.assertEqual(with_copy, self.texts())
+            self.assertGreater(sum(len(log) for log in with_copy), 100)
+
+    def texts(self):
+        """The log lines of all calls, one after the other."""
+        return [call["log"] for _, layer, calls in self.layers() for call in layer["configures"] + calls]
 
 
 class Format(Recording):

@@ -1,6 +1,7 @@
 #!/usr/bin/env python3
 """Tests of vekrun replay: replay_test.py SUITE COMMAND..., where libvekrecord.so lies next to the tool that COMMAND runs."""
 
+import base64
 import collections
 import html.parser
 import json
@@ -106,6 +107,19 @@ class ReplayEqual(Replay):
 
 
 class ReplayDiffers(Replay):
+    def test_promised_and_not_there(self):
+        """Nothing lies behind what was there, so the two buffers do not overlap, and reading on is a stray access."""
+        self.softmax()
+        path = self.layer() / "call-0001.json"
+        call = json.loads(path.read_text())
+        (given,), (written,) = call["inputs"], call["outputs"]
+        given.update(address="0x7f0000002000", bytes=92)
+        written.update(address="0x7f0000000000", size=0xffffffff)
+        data = path.with_name("call-0001-in0.bin")
+        data.write_bytes(data.read_bytes()[:92])
+        path.write_text(json.dumps(call))
+        self.assertIn("  read beyond input 0 (1x4x2x3, 96 bytes): byte 0 behind its end\n", self.replay(1, "r"))
+
     def test_a_changed_byte(self):
         self.softmax()
         path = self.layer() / "call-0001-out0.bin"
@@ -202,17 +216,34 @@ class ReplayDiffers(Replay):
         text = self.read("r.html").decode()
         self.assertTrue(text.startswith("<!DOCTYPE html>"))
         page = html.parser.HTMLParser()
-        opened, seen = [], collections.Counter()
-        page.handle_starttag = lambda tag, attrs: (seen.update([tag]), tag in ("meta", "br") or opened.append(tag))
+        opened, seen, names = [], collections.Counter(), collections.Counter()
+        page.handle_starttag = lambda tag, attrs: (seen.update([tag]), names.update(value for key, value in attrs if key == "id"),
+                                                    tag in ("meta", "img") or opened.append(tag))
         page.handle_endtag = lambda tag: self.assertEqual(opened.pop(), tag)
         page.handle_startendtag = lambda tag, attrs: seen.update([tag])
         page.feed(text)
         self.assertEqual(opened, [])
         self.assertEqual((seen["table"], seen["tr"], seen["figure"], seen["details"], seen["script"], seen["link"], seen["img"]),
-                         (1, 3, 3, 3, 0, 0, 0))
+                         (1, 3, 4, 3, 0, 0, 1))
+        self.assertEqual(names, {"hatch": 1})
+        self.assertEqual((text.count("<style>"), re.findall(r"(?:src|href)=\"(?!data:)", text)), (2, []))
         self.assertIn("<h1>0 of 2 calls are equal</h1>", text)
         self.assertIn("a &lt; b &amp; &#233;", text)
         self.assertIn("channels 0 to 3: channel 3 has all of them</figcaption>", text)
+        # Four planes of 2 x 3 in two rows of two, a line between them, each element a square of 32 pixels a side at most.
+        png = base64.b64decode(re.search(r'width="224" height="160" src="data:image/png;base64,([\w+/]+=*)"', text)[1])
+        self.write("map.png", png)
+        self.assertEqual(self.vekrun("convert", "map.png", "map.ppm").returncode, 0)
+        pixels = self.read("map.ppm").removeprefix(b"P6\n224 160\n255\n")
+        self.assertEqual(len(pixels), 3 * 224 * 160)
+        for y in range(160):
+            for x in range(224):
+                colour = tuple(pixels[3 * (224 * y + x):][:3])
+                between = y // 32 == 2 or x // 32 == 3
+                if not between and y // 32 > 2 and x // 32 > 3:  # channel 3
+                    self.assertGreater(colour[0], 90)
+                else:
+                    self.assertEqual(colour, (96, 96, 104) if between else (18, 18, 24), (x, y))
         # The one bar of channel 3 of 4, as high as can be.
         self.assertIn('<rect x="72" y="1" width="23" height="60"/></svg>', text)
         line = re.search("To repeat it</h4>\n<pre>(.*)</pre>", text)[1]
