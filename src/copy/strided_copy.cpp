@@ -55,20 +55,19 @@ struct LoopNest {
     if (innermost.extent != 1) Push(innermost);
   }
 
-  // Puts the loops where their target steps belong. One that runs backwards in the target starts at its other end.
-  void Sort() {
-    for (std::size_t sorted = 0; sorted < rank; ++sorted) {
-      Loop loop = loops[sorted];
-      if (loop.dst_step < 0) {
-        dst_start += Offset(loop.extent - 1, loop.dst_step);
-        src_start += Offset(loop.extent - 1, loop.src_step);
-        loop.dst_step = -loop.dst_step;
-        loop.src_step = -loop.src_step;
-      }
-      std::size_t i = sorted;
-      for (; i > 0 && loops[i - 1].dst_step < loop.dst_step; --i) loops[i] = loops[i - 1];
-      loops[i] = loop;
+  // Puts a loop where its target step belongs; one of one round is dropped. One that runs backwards in the target starts
+  // at its other end.
+  void Insert(Loop loop) {
+    if (loop.extent == 1) return;
+    if (loop.dst_step < 0) {
+      dst_start += Offset(loop.extent - 1, loop.dst_step);
+      src_start += Offset(loop.extent - 1, loop.src_step);
+      loop.dst_step = -loop.dst_step;
+      loop.src_step = -loop.src_step;
     }
+    std::size_t i = rank++;
+    for (; i > 0 && loops[i - 1].dst_step < loop.dst_step; --i) loops[i] = loops[i - 1];
+    loops[i] = loop;
   }
 
   // Makes one loop of neighbours where the outer one goes on, on both sides, where the inner one ends.
@@ -136,6 +135,7 @@ void WithFew(std::size_t extent, const Body& body) {
 
 // Runs of `bytes` bytes for all positions of the nest.
 void CopyRuns(std::byte* dst, const std::byte* src, LoopNest& nest, std::size_t bytes) {
+  if (nest.rank <= 1) return CopyRows(dst, src, nest.TakeLast(), bytes);
   const auto [planes, rows] = nest.TakeLastTwo();
   ForEach(dst, src, nest.Rest(), [&, planes = planes, rows = rows](std::byte* to, const std::byte* from) {
     CopyPlanesOfRows(to, from, planes, rows, bytes);
@@ -277,11 +277,10 @@ bool CopyShortPlanes(std::byte* dst, const std::byte* src, LoopNest nest, std::s
                      LoopNest runs;
                      LoopNest transposed;
                      if (collects) {
-                       runs.PushIfMany({groups, more.src_step, group_step});
-                       runs.PushIfMany({planes, next.src_step, plane_step});
-                       runs.PushIfMany({d.extent, d.src_step, s_bytes});
-                       runs.PushIfMany({s.extent, kUnit, kUnit});
-                       runs.Sort();
+                       runs.Insert({groups, more.src_step, group_step});
+                       runs.Insert({planes, next.src_step, plane_step});
+                       runs.Insert({d.extent, d.src_step, s_bytes});
+                       runs.Insert({s.extent, kUnit, kUnit});
                        runs.Fuse();
                        CopyRuns(scratch, from, runs, runs.TakeLast().extent * sizeof(T));
                        transposed.PushIfMany({groups, group_step, more.dst_step});
@@ -289,11 +288,10 @@ bool CopyShortPlanes(std::byte* dst, const std::byte* src, LoopNest nest, std::s
                      } else {
                        transposed.PushIfMany({groups, more.src_step, group_step});
                        CopyTransposed<T>(scratch, from, transposed, d, {planes * s.extent, kUnit, d_bytes});
-                       runs.PushIfMany({groups, group_step, more.dst_step});
-                       runs.PushIfMany({planes, plane_step, next.dst_step});
-                       runs.PushIfMany({s.extent, d_bytes, s.dst_step});
-                       runs.PushIfMany({d.extent, kUnit, kUnit});
-                       runs.Sort();
+                       runs.Insert({groups, group_step, more.dst_step});
+                       runs.Insert({planes, plane_step, next.dst_step});
+                       runs.Insert({s.extent, d_bytes, s.dst_step});
+                       runs.Insert({d.extent, kUnit, kUnit});
                        runs.Fuse();
                        CopyRuns(to, scratch, runs, runs.TakeLast().extent * sizeof(T));
                      }
@@ -392,30 +390,60 @@ bool CopyByKind(std::byte* dst, const std::byte* src, LoopNest& nest, bool is_mu
   return true;
 }
 
+// A few elements, in the order of the loops: a look at what the loops have in common would cost more than it saves.
+template <typename T>
+void CopyFew(std::byte* dst, const std::byte* src, std::span<const Loop> loops) {
+  if (loops.size() > 3) {
+    const Loop outer = loops.front();
+    for (std::size_t i = outer.extent; i > 0; --i, dst += outer.dst_step, src += outer.src_step) {
+      CopyFew<T>(dst, src, loops.subspan(1));
+    }
+    return;
+  }
+  const auto loop = [&](std::size_t from_inside) {
+    return from_inside < loops.size() ? loops[loops.size() - 1 - from_inside] : Loop{1, 0, 0};
+  };
+  const Loop columns = loop(0);
+  const Loop rows = loop(1);
+  const Loop planes = loop(2);
+  for (std::size_t i = planes.extent; i > 0; --i, dst += planes.dst_step, src += planes.src_step) {
+    std::byte* row_to = dst;
+    const std::byte* row_from = src;
+    for (std::size_t j = rows.extent; j > 0; --j, row_to += rows.dst_step, row_from += rows.src_step) {
+      std::byte* to = row_to;
+      const std::byte* from = row_from;
+      for (std::size_t k = columns.extent; k > 0; --k, to += columns.dst_step, from += columns.src_step) {
+        Store(to, Load<T>(from));
+      }
+    }
+  }
+}
+
 }  // namespace
 
 template <typename T>
 void StridedCopyWords(std::byte* dst, const std::byte* src, std::span<const Loop> loops) {
   constexpr std::ptrdiff_t kUnit = sizeof(T);
-  // Below it a look at the loops costs more than it saves. Chosen by the instructions of small calls.
+  // Chosen by the instructions of small calls.
   constexpr std::size_t kFewElements = 32;
   // The least for what prepares scratch or tables.
   constexpr std::size_t kManyBytes = 512;
-  LoopNest nest;
   std::size_t count = 1;
-  for (const Loop& loop : loops) {
-    if (loop.extent == 1) continue;
-    count *= loop.extent;
-    nest.Push({loop.extent, loop.src_step * kUnit, loop.dst_step * kUnit});
-  }
+  for (const Loop& loop : loops) count *= loop.extent;
   if (count == 0) return;
-  if (count > kFewElements) {
-    nest.Sort();
-    nest.Fuse();
-    dst += nest.dst_start;
-    src += nest.src_start;
-    if (CopyByKind<T>(dst, src, nest, count * sizeof(T) >= kManyBytes)) return;
+  const auto in_bytes = [](const Loop& loop) {
+    return Loop{loop.extent, loop.src_step * kUnit, loop.dst_step * kUnit};
+  };
+  LoopNest nest;
+  if (count <= kFewElements) {
+    for (const Loop& loop : loops) nest.PushIfMany(in_bytes(loop));
+    return CopyFew<T>(dst, src, nest.Rest());
   }
+  for (const Loop& loop : loops) nest.Insert(in_bytes(loop));
+  nest.Fuse();
+  dst += nest.dst_start;
+  src += nest.src_start;
+  if (CopyByKind<T>(dst, src, nest, count * sizeof(T) >= kManyBytes)) return;
   const auto [rows, columns] = nest.TakeLastTwo();
   ForEach(dst, src, nest.Rest(),
           [&](std::byte* to, const std::byte* from) { CopyPlane<T>(to, from, rows, columns); });
