@@ -125,12 +125,13 @@ struct LoopNest {
   std::span<const Loop> Rest() const { return {loops, rank}; }
 };
 
-// Calls `body` with an extent from 2 to 4 as a constant.
-template <typename Body>
-void WithFew(std::size_t extent, const Body& body) {
-  if (extent == 2) return body(std::integral_constant<std::size_t, 2>{});
-  if (extent == 3) return body(std::integral_constant<std::size_t, 3>{});
-  body(std::integral_constant<std::size_t, 4>{});
+// Calls `body` with a number from 2 to `most` as a constant.
+template <std::size_t most, typename Body>
+void WithFew(std::size_t number, const Body& body) {
+  if constexpr (most > 2) {
+    if (number < most) return WithFew<most - 1>(number, body);
+  }
+  body(std::integral_constant<std::size_t, most>{});
 }
 
 // Runs of `bytes` bytes for all positions of the nest.
@@ -148,10 +149,10 @@ void CopyRuns(std::byte* dst, const std::byte* src, LoopNest& nest, std::size_t 
 // fill it up; false for other numbers.
 template <typename T, typename Few, typename Many>
 bool WithPlanes(std::size_t planes, const Few& few, const Many& many) {
-  if (planes <= 4 && (sizeof(T) > 1 || kShufflesBytes || planes != 3)) {
-    WithFew(planes, few);
+  if (planes <= kInterleavedVectors && (sizeof(T) > 1 || kShufflesBytes || planes != 3)) {
+    WithFew<kInterleavedVectors>(planes, few);
   } else if (planes > 4 && planes < 8) {
-    many(std::integral_constant<std::size_t, 8>{});
+    if constexpr (kInterleavedVectors < 7) many(std::integral_constant<std::size_t, 8>{});
   } else if (sizeof(T) == 1 && planes > 8 && planes < 16) {
     many(std::integral_constant<std::size_t, 16>{});
   } else {
@@ -160,39 +161,40 @@ bool WithPlanes(std::size_t planes, const Few& few, const Many& many) {
   return true;
 }
 
-// Planes that structure loads and stores copy as they are.
+// Planes that vectors interleave as they are.
 template <typename T>
 bool InterleavesFew(const Loop& d, const Loop& s) {
   constexpr std::ptrdiff_t kUnit = sizeof(T);
-  return (d.extent <= 4 && s.dst_step == Offset(d.extent, kUnit) && s.extent >= kLanes<T>) ||
-         (s.extent <= 4 && d.src_step == Offset(s.extent, kUnit) && d.extent >= kLanes<T>);
+  return (d.extent <= kInterleavedVectors && s.dst_step == Offset(d.extent, kUnit) &&
+          s.extent >= kLanes<T>) ||
+         (s.extent <= kInterleavedVectors && d.src_step == Offset(s.extent, kUnit) && d.extent >= kLanes<T>);
 }
 
 // Copies planes where one of the two has few elements and nothing lies between its runs, and the other one fills a vector;
-// false for others. The rows are planes, too.
+// false for others. `rows` and `planes` of these are two loops more.
 template <typename T>
-bool CopyInterleaved(std::byte* dst, const std::byte* src, std::span<const Loop> outer, const Loop& rows,
-                     const Loop& d, const Loop& s) {
+bool CopyInterleaved(std::byte* dst, const std::byte* src, std::span<const Loop> outer, const Loop& planes,
+                     const Loop& rows, const Loop& d, const Loop& s) {
   constexpr std::ptrdiff_t kUnit = sizeof(T);
   const auto for_each = [&](const auto& body) { ForEach(dst, src, outer, body); };
   const auto interleave = [&](auto k) {
     for_each([&](std::byte* to, const std::byte* from) {
-      InterleaveRows<T, k>(to, from, rows, d.src_step, s.extent);
+      InterleaveRows<T, k>(to, from, planes, rows, d.src_step, s.extent);
     });
   };
   const auto interleave_many = [&](auto m) {
     for_each([&](std::byte* to, const std::byte* from) {
-      InterleaveManyRows<T, m>(to, from, rows, d.src_step, s.extent, d.extent);
+      InterleaveManyRows<T, m>(to, from, planes, rows, d.src_step, s.extent, d.extent);
     });
   };
   const auto deinterleave = [&](auto k) {
     for_each([&](std::byte* to, const std::byte* from) {
-      DeinterleaveRows<T, k>(to, from, rows, s.dst_step, d.extent);
+      DeinterleaveRows<T, k>(to, from, planes, rows, s.dst_step, d.extent);
     });
   };
   const auto deinterleave_many = [&](auto m) {
     for_each([&](std::byte* to, const std::byte* from) {
-      DeinterleaveManyRows<T, m>(to, from, rows, s.dst_step, d.extent, s.extent);
+      DeinterleaveManyRows<T, m>(to, from, planes, rows, s.dst_step, d.extent, s.extent);
     });
   };
   return (s.dst_step == Offset(d.extent, kUnit) && s.extent >= kLanes<T> &&
@@ -203,12 +205,10 @@ bool CopyInterleaved(std::byte* dst, const std::byte* src, std::span<const Loop>
 
 template <typename T>
 void CopyTransposed(std::byte* dst, const std::byte* src, LoopNest& nest, const Loop& d, const Loop& s) {
-  const auto [outer, planes] = nest.TakeLastTwo();
-  nest.Push(outer);
-  if (CopyInterleaved<T>(dst, src, nest.Rest(), planes, d, s)) return;
-  nest.TakeLast();
-  ForEach(dst, src, nest.Rest(), [&, outer = outer, planes = planes](std::byte* to, const std::byte* from) {
-    TransposePlanes<T>(to, from, outer, planes, d, s);
+  const auto [planes, rows] = nest.TakeLastTwo();
+  if (CopyInterleaved<T>(dst, src, nest.Rest(), planes, rows, d, s)) return;
+  ForEach(dst, src, nest.Rest(), [&, planes = planes, rows = rows](std::byte* to, const std::byte* from) {
+    TransposePlanes<T>(to, from, planes, rows, d, s);
   });
 }
 
@@ -376,6 +376,13 @@ bool CopyByKind(std::byte* dst, const std::byte* src, LoopNest& nest, bool is_mu
     const Loop rows = nest.TakeLast();
     ForEach(dst, src, nest.Rest(),
             [&](std::byte* to, const std::byte* from) { RepeatRows<T>(to, from, rows, repeats); });
+    return true;
+  }
+  if (inner.src_step == -kUnit && (sizeof(T) > 1 || kShufflesBytes)) {
+    const std::size_t count = nest.TakeLast().extent;
+    const Loop rows = nest.TakeLast();
+    ForEach(dst, src, nest.Rest(),
+            [&](std::byte* to, const std::byte* from) { ReverseRows<T>(to, from, rows, count); });
     return true;
   }
   const std::size_t i = nest.Find(&Loop::src_step, kUnit);
