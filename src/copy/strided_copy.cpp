@@ -55,19 +55,22 @@ struct LoopNest {
     if (innermost.extent != 1) Push(innermost);
   }
 
-  // Puts a loop where its target step belongs; one of one round is dropped. One that runs backwards in the target starts
-  // at its other end.
-  void Insert(Loop loop) {
-    if (loop.extent == 1) return;
-    if (loop.dst_step < 0) {
-      dst_start += Offset(loop.extent - 1, loop.dst_step);
-      src_start += Offset(loop.extent - 1, loop.src_step);
-      loop.dst_step = -loop.dst_step;
-      loop.src_step = -loop.src_step;
+  // Puts the loops where their target steps belong. One that runs backwards in the target starts at its other end.
+  void Sort() {
+    for (std::size_t sorted = 0; sorted < rank; ++sorted) {
+      Loop& next = loops[sorted];
+      if (next.dst_step < 0) {
+        dst_start += Offset(next.extent - 1, next.dst_step);
+        src_start += Offset(next.extent - 1, next.src_step);
+        next.dst_step = -next.dst_step;
+        next.src_step = -next.src_step;
+      }
+      if (sorted == 0 || loops[sorted - 1].dst_step >= next.dst_step) continue;
+      const Loop loop = next;
+      std::size_t i = sorted;
+      for (; i > 0 && loops[i - 1].dst_step < loop.dst_step; --i) loops[i] = loops[i - 1];
+      loops[i] = loop;
     }
-    std::size_t i = rank++;
-    for (; i > 0 && loops[i - 1].dst_step < loop.dst_step; --i) loops[i] = loops[i - 1];
-    loops[i] = loop;
   }
 
   // Makes one loop of neighbours where the outer one goes on, on both sides, where the inner one ends.
@@ -106,8 +109,8 @@ struct LoopNest {
   std::array<Loop, 2> TakeLastTwo() {
     const Loop inner = TakeLast();
     const Loop outer = TakeLast();
-    constexpr std::size_t kFew = 4;
-    constexpr std::size_t kCached = 16384;
+    constexpr std::size_t kFew = 8;
+    constexpr std::size_t kCached = 32768;
     const auto reach = static_cast<std::size_t>(std::max(std::abs(outer.src_step), outer.dst_step));
     if (inner.extent < kFew && inner.extent < outer.extent && outer.extent * reach <= kCached) {
       return {inner, outer};
@@ -277,10 +280,11 @@ bool CopyShortPlanes(std::byte* dst, const std::byte* src, LoopNest nest, std::s
                      LoopNest runs;
                      LoopNest transposed;
                      if (collects) {
-                       runs.Insert({groups, more.src_step, group_step});
-                       runs.Insert({planes, next.src_step, plane_step});
-                       runs.Insert({d.extent, d.src_step, s_bytes});
-                       runs.Insert({s.extent, kUnit, kUnit});
+                       runs.PushIfMany({groups, more.src_step, group_step});
+                       runs.PushIfMany({planes, next.src_step, plane_step});
+                       runs.PushIfMany({d.extent, d.src_step, s_bytes});
+                       runs.PushIfMany({s.extent, kUnit, kUnit});
+                       runs.Sort();
                        runs.Fuse();
                        CopyRuns(scratch, from, runs, runs.TakeLast().extent * sizeof(T));
                        transposed.PushIfMany({groups, group_step, more.dst_step});
@@ -288,10 +292,11 @@ bool CopyShortPlanes(std::byte* dst, const std::byte* src, LoopNest nest, std::s
                      } else {
                        transposed.PushIfMany({groups, more.src_step, group_step});
                        CopyTransposed<T>(scratch, from, transposed, d, {planes * s.extent, kUnit, d_bytes});
-                       runs.Insert({groups, group_step, more.dst_step});
-                       runs.Insert({planes, plane_step, next.dst_step});
-                       runs.Insert({s.extent, d_bytes, s.dst_step});
-                       runs.Insert({d.extent, kUnit, kUnit});
+                       runs.PushIfMany({groups, group_step, more.dst_step});
+                       runs.PushIfMany({planes, plane_step, next.dst_step});
+                       runs.PushIfMany({s.extent, d_bytes, s.dst_step});
+                       runs.PushIfMany({d.extent, kUnit, kUnit});
+                       runs.Sort();
                        runs.Fuse();
                        CopyRuns(to, scratch, runs, runs.TakeLast().extent * sizeof(T));
                      }
@@ -435,18 +440,16 @@ void StridedCopyWords(std::byte* dst, const std::byte* src, std::span<const Loop
   constexpr std::size_t kFewElements = 32;
   // The least for what prepares scratch or tables.
   constexpr std::size_t kManyBytes = 512;
-  std::size_t count = 1;
-  for (const Loop& loop : loops) count *= loop.extent;
-  if (count == 0) return;
-  const auto in_bytes = [](const Loop& loop) {
-    return Loop{loop.extent, loop.src_step * kUnit, loop.dst_step * kUnit};
-  };
   LoopNest nest;
-  if (count <= kFewElements) {
-    for (const Loop& loop : loops) nest.PushIfMany(in_bytes(loop));
-    return CopyFew<T>(dst, src, nest.Rest());
+  std::size_t count = 1;
+  for (const Loop& loop : loops) {
+    if (loop.extent == 1) continue;
+    count *= loop.extent;
+    nest.Push({loop.extent, loop.src_step * kUnit, loop.dst_step * kUnit});
   }
-  for (const Loop& loop : loops) nest.Insert(in_bytes(loop));
+  if (count == 0) return;
+  if (count <= kFewElements) return CopyFew<T>(dst, src, nest.Rest());
+  nest.Sort();
   nest.Fuse();
   dst += nest.dst_start;
   src += nest.src_start;
