@@ -54,8 +54,6 @@ struct BlockGrid {
   // The rows and columns of a sub-grid that are not frame.
   IndexRange Rows(std::size_t bh) const { return IndicesInside(bh, block_height, H_sub, top, top + H); }
   IndexRange Columns(std::size_t bw) const { return IndicesInside(bw, block_width, W_sub, left, left + W); }
-  // The columns that are not frame in any sub-grid of a row of the block.
-  IndexRange SharedColumns() const { return {Columns(0).begin, Columns(block_width - 1).end}; }
 
   // The first element of a plane in a sub-grid.
   std::size_t SubGridOffset(std::size_t bh, std::size_t bw, std::size_t plane) const {
@@ -75,42 +73,54 @@ void ForPlanes(const BlockGrid& grid, std::size_t width, Body&& body) {
   }
 }
 
+// Calls body(first, sub_grids, range) for what the sub-grids along one axis of the block have that is no frame: first for
+// the indices that all of them share, then for those that single ones have before and behind. range_of(b) is what sub-grid b
+// has, of `count` indices.
+template <typename RangeOf, typename Body>
+void ForEachPart(std::size_t block, std::size_t count, const RangeOf& range_of, const Body& body) {
+  const IndexRange shared = {range_of(0).begin, range_of(block - 1).end};
+  if (!shared.empty()) {
+    body(0, block, shared);
+    if (shared.count() == count) return;
+  }
+  for (std::size_t b = 0; b < block; ++b) {
+    const IndexRange own = range_of(b);
+    const IndexRange done = shared.empty() ? IndexRange{own.end, own.end} : shared;
+    if (own.begin < done.begin) body(b, 1, IndexRange{own.begin, done.begin});
+    if (done.end < own.end) body(b, 1, IndexRange{done.end, own.end});
+  }
+}
+
 // Covers what the planes and their sub-grids have in common, for some of the planes, by strided copies: calls
 // copy(plane_offset, sub_grid_offset, loops), where the loops have the planes' steps as `src_step`, the sub-grids' as
 // `dst_step`.
 //
-// The sub-grids of one row of the block go together, so that whole rows of a plane are touched at once; where the
-// frame ends inside a block, the sub-grids differ by one column on that side, and these columns go one by one.
+// The sub-grids go together, so that whole planes are touched at once; where the frame ends inside a block, they differ by
+// a row or a column on that side, and these go one by one.
 template <typename Copy>
 void ForEachPatch(const BlockGrid& grid, std::size_t first_plane, std::size_t plane_count, Copy&& copy) {
   const auto step = [](std::size_t elements) { return static_cast<std::ptrdiff_t>(elements); };
-  const std::size_t sub_grid_step = grid.SubGridOffset(0, 1, 0);
-  const IndexRange shared = grid.SharedColumns();
-  for (std::size_t bh = 0; bh < grid.block_height; ++bh) {
-    const IndexRange rows = grid.Rows(bh);
-    if (rows.empty()) continue;
-    const auto patch = [&](std::size_t first_bw, std::size_t sub_grids, IndexRange columns) {
-      if (columns.empty()) return;
-      const std::size_t h = rows.begin * grid.block_height + bh - grid.top;
-      const std::size_t w = columns.begin * grid.block_width + first_bw - grid.left;
-      const std::array<Loop, 4> loops = {{
-          {plane_count, step(grid.H * grid.W), step(grid.H_sub * grid.W_sub)},
-          {rows.count(), step(grid.block_height * grid.W), step(grid.W_sub)},
-          {sub_grids, 1, step(sub_grid_step)},
-          {columns.count(), step(grid.block_width), 1},
-      }};
-      copy((first_plane * grid.H + h) * grid.W + w,
-           grid.SubGridOffset(bh, first_bw, first_plane) + rows.begin * grid.W_sub + columns.begin,
-           std::span<const Loop>(loops));
-    };
-    patch(0, grid.block_width, shared);
-    for (std::size_t bw = 0; bw < grid.block_width; ++bw) {
-      const IndexRange own = grid.Columns(bw);
-      const IndexRange done = shared.empty() ? IndexRange{own.end, own.end} : shared;
-      patch(bw, 1, {own.begin, done.begin});
-      patch(bw, 1, {done.end, own.end});
-    }
-  }
+  const std::ptrdiff_t next_row_of_block = step(grid.SubGridOffset(1, 0, 0));
+  const std::ptrdiff_t next_in_row = step(grid.SubGridOffset(0, 1, 0));
+  const auto rows_of = [&](std::size_t bh) { return grid.Rows(bh); };
+  const auto columns_of = [&](std::size_t bw) { return grid.Columns(bw); };
+  ForEachPart(grid.block_height, grid.H_sub, rows_of, [&](std::size_t bh, std::size_t bhs, IndexRange rows) {
+    ForEachPart(grid.block_width, grid.W_sub, columns_of,
+                [&](std::size_t bw, std::size_t bws, IndexRange columns) {
+                  const std::size_t h = rows.begin * grid.block_height + bh - grid.top;
+                  const std::size_t w = columns.begin * grid.block_width + bw - grid.left;
+                  const std::array<Loop, 5> loops = {{
+                      {plane_count, step(grid.H * grid.W), step(grid.H_sub * grid.W_sub)},
+                      {bhs, step(grid.W), next_row_of_block},
+                      {rows.count(), step(grid.block_height * grid.W), step(grid.W_sub)},
+                      {bws, 1, next_in_row},
+                      {columns.count(), step(grid.block_width), 1},
+                  }};
+                  copy((first_plane * grid.H + h) * grid.W + w,
+                       grid.SubGridOffset(bh, bw, first_plane) + rows.begin * grid.W_sub + columns.begin,
+                       std::span<const Loop, 5>(loops));
+                });
+  });
 }
 
 // Short rows of which the frame takes a part: whole blocks of them, frame included, go through scratch, so that what a

@@ -11,9 +11,12 @@
 #pragma once
 
 #include <algorithm>
+#include <bit>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <type_traits>
+#include <utility>
 
 #include "copy/loop.h"
 #include "simd/simd.h"
@@ -286,6 +289,63 @@ inline void RepeatElements(std::byte* dst, std::ptrdiff_t step, Source source, s
 }
 
 }  // namespace internal
+
+namespace internal {
+
+// The elements that a word or a vector holds, in reverse.
+template <typename T, typename W>
+[[gnu::always_inline]] inline W Reversed(W word) {
+  if constexpr (sizeof(W) == sizeof(T)) {
+    return word;
+  } else if constexpr (sizeof(W) < 8) {
+    using Half = Word<sizeof(W) / 2>;
+    constexpr unsigned kHalfBits = 4 * sizeof(W);
+    const auto low = Reversed<T>(static_cast<Half>(word));
+    const auto high = Reversed<T>(static_cast<Half>(word >> kHalfBits));
+    return static_cast<W>(static_cast<W>(low) << kHalfBits | high);
+  } else {
+    typedef T Elements __attribute__((vector_size(sizeof(W))));
+    const auto reversed = [&]<std::size_t... i>(std::index_sequence<i...>) {
+      const auto elements = std::bit_cast<Elements>(word);
+      return __builtin_shufflevector(elements, elements, (sizeof...(i) - 1 - i)...);
+    };
+    return std::bit_cast<W>(reversed(std::make_index_sequence<sizeof(W) / sizeof(T)>{}));
+  }
+}
+
+}  // namespace internal
+
+// Copies rows of `count` elements each in reverse: `src` is the last one in memory. Steps are bytes.
+template <typename T>
+inline void ReverseRows(std::byte* dst, const std::byte* src, const Loop& rows, std::size_t count) {
+  using namespace internal;
+  const std::size_t bytes = count * sizeof(T);
+  const SteppedRows source{src + sizeof(T) - bytes, rows.src_step};
+  if (bytes > kShortRun) {
+    const std::size_t last = bytes - kBlockBytes;
+    ForRows(dst, rows.dst_step, source, rows.extent, [=](std::byte* to, const std::byte* from) {
+      for (std::size_t at = 0; at < last; at += kBlockBytes) {
+        Store(to + at, Reversed<T>(Load<Block>(from + (last - at))));
+      }
+      Store(to + last, Reversed<T>(Load<Block>(from)));
+    });
+  } else if (bytes > 0) {
+    WithShortRun(bytes, [=](auto run, std::size_t last) {
+      using Move = std::remove_reference_t<decltype(run.part[0])>;
+      constexpr std::size_t kMoves = sizeof run / sizeof(Move);
+      ForRows(
+          dst, rows.dst_step, source,
+          rows.extent, [=](std::byte * to, const std::byte* from) __attribute__((always_inline)) {
+            if constexpr (sizeof(Move) >= sizeof(T)) {
+              const auto found = decltype(run)::From(from, last);
+              for (std::size_t k = 0; k + 1 < kMoves; ++k)
+                Store(to + (last - k * sizeof(Move)), Reversed<T>(found.part[k]));
+              Store(to, Reversed<T>(found.part[kMoves - 1]));
+            }
+          });
+    });
+  }
+}
 
 // Copies rows of `bytes` consecutive bytes each; steps are bytes, a source step of 0 repeats.
 inline void CopyRows(std::byte* dst, const std::byte* src, const Loop& rows, std::size_t bytes) {

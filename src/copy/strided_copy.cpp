@@ -58,13 +58,15 @@ struct LoopNest {
   // Puts the loops where their target steps belong. One that runs backwards in the target starts at its other end.
   void Sort() {
     for (std::size_t sorted = 0; sorted < rank; ++sorted) {
-      Loop loop = loops[sorted];
-      if (loop.dst_step < 0) {
-        dst_start += Offset(loop.extent - 1, loop.dst_step);
-        src_start += Offset(loop.extent - 1, loop.src_step);
-        loop.dst_step = -loop.dst_step;
-        loop.src_step = -loop.src_step;
+      Loop& next = loops[sorted];
+      if (next.dst_step < 0) {
+        dst_start += Offset(next.extent - 1, next.dst_step);
+        src_start += Offset(next.extent - 1, next.src_step);
+        next.dst_step = -next.dst_step;
+        next.src_step = -next.src_step;
       }
+      if (sorted == 0 || loops[sorted - 1].dst_step >= next.dst_step) continue;
+      const Loop loop = next;
       std::size_t i = sorted;
       for (; i > 0 && loops[i - 1].dst_step < loop.dst_step; --i) loops[i] = loops[i - 1];
       loops[i] = loop;
@@ -107,8 +109,8 @@ struct LoopNest {
   std::array<Loop, 2> TakeLastTwo() {
     const Loop inner = TakeLast();
     const Loop outer = TakeLast();
-    constexpr std::size_t kFew = 4;
-    constexpr std::size_t kCached = 16384;
+    constexpr std::size_t kFew = 8;
+    constexpr std::size_t kCached = 32768;
     const auto reach = static_cast<std::size_t>(std::max(std::abs(outer.src_step), outer.dst_step));
     if (inner.extent < kFew && inner.extent < outer.extent && outer.extent * reach <= kCached) {
       return {inner, outer};
@@ -126,16 +128,18 @@ struct LoopNest {
   std::span<const Loop> Rest() const { return {loops, rank}; }
 };
 
-// Calls `body` with an extent from 2 to 4 as a constant.
-template <typename Body>
-void WithFew(std::size_t extent, const Body& body) {
-  if (extent == 2) return body(std::integral_constant<std::size_t, 2>{});
-  if (extent == 3) return body(std::integral_constant<std::size_t, 3>{});
-  body(std::integral_constant<std::size_t, 4>{});
+// Calls `body` with a number from 2 to `most` as a constant.
+template <std::size_t most, typename Body>
+void WithFew(std::size_t number, const Body& body) {
+  if constexpr (most > 2) {
+    if (number < most) return WithFew<most - 1>(number, body);
+  }
+  body(std::integral_constant<std::size_t, most>{});
 }
 
 // Runs of `bytes` bytes for all positions of the nest.
 void CopyRuns(std::byte* dst, const std::byte* src, LoopNest& nest, std::size_t bytes) {
+  if (nest.rank <= 1) return CopyRows(dst, src, nest.TakeLast(), bytes);
   const auto [planes, rows] = nest.TakeLastTwo();
   ForEach(dst, src, nest.Rest(), [&, planes = planes, rows = rows](std::byte* to, const std::byte* from) {
     CopyPlanesOfRows(to, from, planes, rows, bytes);
@@ -148,10 +152,10 @@ void CopyRuns(std::byte* dst, const std::byte* src, LoopNest& nest, std::size_t 
 // fill it up; false for other numbers.
 template <typename T, typename Few, typename Many>
 bool WithPlanes(std::size_t planes, const Few& few, const Many& many) {
-  if (planes <= 4 && (sizeof(T) > 1 || kShufflesBytes || planes != 3)) {
-    WithFew(planes, few);
+  if (planes <= kInterleavedVectors && (sizeof(T) > 1 || kShufflesBytes || planes != 3)) {
+    WithFew<kInterleavedVectors>(planes, few);
   } else if (planes > 4 && planes < 8) {
-    many(std::integral_constant<std::size_t, 8>{});
+    if constexpr (kInterleavedVectors < 7) many(std::integral_constant<std::size_t, 8>{});
   } else if (sizeof(T) == 1 && planes > 8 && planes < 16) {
     many(std::integral_constant<std::size_t, 16>{});
   } else {
@@ -160,39 +164,40 @@ bool WithPlanes(std::size_t planes, const Few& few, const Many& many) {
   return true;
 }
 
-// Planes that structure loads and stores copy as they are.
+// Planes that vectors interleave as they are.
 template <typename T>
 bool InterleavesFew(const Loop& d, const Loop& s) {
   constexpr std::ptrdiff_t kUnit = sizeof(T);
-  return (d.extent <= 4 && s.dst_step == Offset(d.extent, kUnit) && s.extent >= kLanes<T>) ||
-         (s.extent <= 4 && d.src_step == Offset(s.extent, kUnit) && d.extent >= kLanes<T>);
+  return (d.extent <= kInterleavedVectors && s.dst_step == Offset(d.extent, kUnit) &&
+          s.extent >= kLanes<T>) ||
+         (s.extent <= kInterleavedVectors && d.src_step == Offset(s.extent, kUnit) && d.extent >= kLanes<T>);
 }
 
 // Copies planes where one of the two has few elements and nothing lies between its runs, and the other one fills a vector;
-// false for others. The rows are planes, too.
+// false for others. `rows` and `planes` of these are two loops more.
 template <typename T>
-bool CopyInterleaved(std::byte* dst, const std::byte* src, std::span<const Loop> outer, const Loop& rows,
-                     const Loop& d, const Loop& s) {
+bool CopyInterleaved(std::byte* dst, const std::byte* src, std::span<const Loop> outer, const Loop& planes,
+                     const Loop& rows, const Loop& d, const Loop& s) {
   constexpr std::ptrdiff_t kUnit = sizeof(T);
   const auto for_each = [&](const auto& body) { ForEach(dst, src, outer, body); };
   const auto interleave = [&](auto k) {
     for_each([&](std::byte* to, const std::byte* from) {
-      InterleaveRows<T, k>(to, from, rows, d.src_step, s.extent);
+      InterleaveRows<T, k>(to, from, planes, rows, d.src_step, s.extent);
     });
   };
   const auto interleave_many = [&](auto m) {
     for_each([&](std::byte* to, const std::byte* from) {
-      InterleaveManyRows<T, m>(to, from, rows, d.src_step, s.extent, d.extent);
+      InterleaveManyRows<T, m>(to, from, planes, rows, d.src_step, s.extent, d.extent);
     });
   };
   const auto deinterleave = [&](auto k) {
     for_each([&](std::byte* to, const std::byte* from) {
-      DeinterleaveRows<T, k>(to, from, rows, s.dst_step, d.extent);
+      DeinterleaveRows<T, k>(to, from, planes, rows, s.dst_step, d.extent);
     });
   };
   const auto deinterleave_many = [&](auto m) {
     for_each([&](std::byte* to, const std::byte* from) {
-      DeinterleaveManyRows<T, m>(to, from, rows, s.dst_step, d.extent, s.extent);
+      DeinterleaveManyRows<T, m>(to, from, planes, rows, s.dst_step, d.extent, s.extent);
     });
   };
   return (s.dst_step == Offset(d.extent, kUnit) && s.extent >= kLanes<T> &&
@@ -203,12 +208,10 @@ bool CopyInterleaved(std::byte* dst, const std::byte* src, std::span<const Loop>
 
 template <typename T>
 void CopyTransposed(std::byte* dst, const std::byte* src, LoopNest& nest, const Loop& d, const Loop& s) {
-  const auto [outer, planes] = nest.TakeLastTwo();
-  nest.Push(outer);
-  if (CopyInterleaved<T>(dst, src, nest.Rest(), planes, d, s)) return;
-  nest.TakeLast();
-  ForEach(dst, src, nest.Rest(), [&, outer = outer, planes = planes](std::byte* to, const std::byte* from) {
-    TransposePlanes<T>(to, from, outer, planes, d, s);
+  const auto [planes, rows] = nest.TakeLastTwo();
+  if (CopyInterleaved<T>(dst, src, nest.Rest(), planes, rows, d, s)) return;
+  ForEach(dst, src, nest.Rest(), [&, planes = planes, rows = rows](std::byte* to, const std::byte* from) {
+    TransposePlanes<T>(to, from, planes, rows, d, s);
   });
 }
 
@@ -380,6 +383,13 @@ bool CopyByKind(std::byte* dst, const std::byte* src, LoopNest& nest, bool is_mu
             [&](std::byte* to, const std::byte* from) { RepeatRows<T>(to, from, rows, repeats); });
     return true;
   }
+  if (inner.src_step == -kUnit && (sizeof(T) > 1 || kShufflesBytes)) {
+    const std::size_t count = nest.TakeLast().extent;
+    const Loop rows = nest.TakeLast();
+    ForEach(dst, src, nest.Rest(),
+            [&](std::byte* to, const std::byte* from) { ReverseRows<T>(to, from, rows, count); });
+    return true;
+  }
   const std::size_t i = nest.Find(&Loop::src_step, kUnit);
   if (i == nest.rank) return false;
   if (is_much && !InterleavesFew<T>(inner, nest.loops[i])) {
@@ -392,12 +402,41 @@ bool CopyByKind(std::byte* dst, const std::byte* src, LoopNest& nest, bool is_mu
   return true;
 }
 
+// A few elements, in the order of the loops: a look at what the loops have in common would cost more than it saves.
+template <typename T>
+void CopyFew(std::byte* dst, const std::byte* src, std::span<const Loop> loops) {
+  if (loops.size() > 3) {
+    const Loop outer = loops.front();
+    for (std::size_t i = outer.extent; i > 0; --i, dst += outer.dst_step, src += outer.src_step) {
+      CopyFew<T>(dst, src, loops.subspan(1));
+    }
+    return;
+  }
+  const auto loop = [&](std::size_t from_inside) {
+    return from_inside < loops.size() ? loops[loops.size() - 1 - from_inside] : Loop{1, 0, 0};
+  };
+  const Loop columns = loop(0);
+  const Loop rows = loop(1);
+  const Loop planes = loop(2);
+  for (std::size_t i = planes.extent; i > 0; --i, dst += planes.dst_step, src += planes.src_step) {
+    std::byte* row_to = dst;
+    const std::byte* row_from = src;
+    for (std::size_t j = rows.extent; j > 0; --j, row_to += rows.dst_step, row_from += rows.src_step) {
+      std::byte* to = row_to;
+      const std::byte* from = row_from;
+      for (std::size_t k = columns.extent; k > 0; --k, to += columns.dst_step, from += columns.src_step) {
+        Store(to, Load<T>(from));
+      }
+    }
+  }
+}
+
 }  // namespace
 
 template <typename T>
 void StridedCopyWords(std::byte* dst, const std::byte* src, std::span<const Loop> loops) {
   constexpr std::ptrdiff_t kUnit = sizeof(T);
-  // Below it a look at the loops costs more than it saves. Chosen by the instructions of small calls.
+  // Chosen by the instructions of small calls.
   constexpr std::size_t kFewElements = 32;
   // The least for what prepares scratch or tables.
   constexpr std::size_t kManyBytes = 512;
@@ -409,13 +448,12 @@ void StridedCopyWords(std::byte* dst, const std::byte* src, std::span<const Loop
     nest.Push({loop.extent, loop.src_step * kUnit, loop.dst_step * kUnit});
   }
   if (count == 0) return;
-  if (count > kFewElements) {
-    nest.Sort();
-    nest.Fuse();
-    dst += nest.dst_start;
-    src += nest.src_start;
-    if (CopyByKind<T>(dst, src, nest, count * sizeof(T) >= kManyBytes)) return;
-  }
+  if (count <= kFewElements) return CopyFew<T>(dst, src, nest.Rest());
+  nest.Sort();
+  nest.Fuse();
+  dst += nest.dst_start;
+  src += nest.src_start;
+  if (CopyByKind<T>(dst, src, nest, count * sizeof(T) >= kManyBytes)) return;
   const auto [rows, columns] = nest.TakeLastTwo();
   ForEach(dst, src, nest.Rest(),
           [&](std::byte* to, const std::byte* from) { CopyPlane<T>(to, from, rows, columns); });

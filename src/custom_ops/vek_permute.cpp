@@ -61,9 +61,15 @@ class List {
 // rank: surplus and repeated axes stay.
 struct Order : List<unsigned> {
   Order(const std::vector<unsigned>& axes, std::size_t rank) : List(axes.size() + rank) {
-    for (unsigned axis : axes) Append(axis);
+    constexpr unsigned kCounted = 64;
+    std::uint64_t named = 0;  // one bit for each of the first dims
+    for (unsigned axis : axes) {
+      Append(axis);
+      if (axis < kCounted) named |= std::uint64_t{1} << axis;
+    }
     for (unsigned d = 0; d < rank; ++d) {
-      if (std::find(begin(), end(), d) == end()) Append(d);
+      const bool is_named = d < kCounted ? (named >> d & 1) != 0 : std::find(begin(), end(), d) != end();
+      if (!is_named) Append(d);
     }
   }
 };
@@ -215,22 +221,21 @@ bool VekPermute::LazyBufAlloc(std::unique_ptr<signed char[]>& buf, unsigned int 
 
 namespace {
 
-// Whether the first `rank` entries are dims.
+// Whether the first `rank` entries are dims. An order of that many entries names each dim once.
 bool NamesOnlyDims(const Order& order, std::size_t rank) {
-  return std::all_of(order.begin(), order.begin() + rank, [&](unsigned axis) { return axis < rank; });
+  return order.size() == rank ||
+         std::all_of(order.begin(), order.begin() + rank, [&](unsigned axis) { return axis < rank; });
 }
 
 // The loops over the output, in its order. The products wrap at 32 bits.
 struct OutputLoops : List<Loop> {
   OutputLoops(const Order& order, const std::vector<unsigned>& in_dims) : List(in_dims.size()) {
     const std::size_t rank = in_dims.size();
-    for (std::size_t i = 0; i < rank; ++i) Append({in_dims[order[i]], 0, 0});
+    List<unsigned> steps(rank);
+    for (std::size_t d = 0; d < rank; ++d) steps.Append(0);
     unsigned step = 1;
-    for (std::size_t d = rank; d-- > 0; step *= in_dims[d]) {
-      for (std::size_t i = 0; i < rank; ++i) {
-        if (order[i] == d) (*this)[i].src_step = step;
-      }
-    }
+    for (std::size_t d = rank; d-- > 0; step *= in_dims[d]) steps[d] = step;
+    for (std::size_t i = 0; i < rank; ++i) Append({in_dims[order[i]], steps[order[i]], 0});
     step = 1;
     for (std::size_t i = rank; i-- > 0; step *= in_dims[order[i]]) (*this)[i].dst_step = step;
   }
@@ -239,6 +244,7 @@ struct OutputLoops : List<Loop> {
 
 // Whether the entries name each dim once: then the loops visit every element of the tensor once.
 bool IsPermutation(const Order& order, std::size_t rank) {
+  if (order.size() == rank) return true;
   for (std::size_t i = 0; i < rank; ++i) {
     for (std::size_t j = 0; j < i; ++j) {
       if (order[i] == order[j]) return false;

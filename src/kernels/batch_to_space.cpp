@@ -48,8 +48,8 @@ void BatchToSpace(T* out, const T* in, const BatchToSpaceShape& shape) {
   detail::ForPlanes(grid, sizeof(T), [&](std::size_t plane, std::size_t planes) {
     detail::ForEachPatch(
         grid, plane, planes,
-        [&](std::size_t plane_offset, std::size_t sub_grid_offset, std::span<const Loop> loops) {
-          std::array<Loop, 4> back;
+        [&](std::size_t plane_offset, std::size_t sub_grid_offset, std::span<const Loop, 5> loops) {
+          std::array<Loop, 5> back;
           std::transform(loops.begin(), loops.end(), back.begin(), [](const Loop& loop) {
             return Loop{loop.extent, loop.dst_step, loop.src_step};
           });

@@ -2,7 +2,8 @@
 
 #include <algorithm>
 
-#include "copy/strided_copy.h"
+#include "copy/runs.h"
+#include "kernels/tensor.h"
 
 namespace zeb_custom_ops::kernels {
 
@@ -28,8 +29,11 @@ void Concat(T* out, std::span<const Slab<T>> slabs, const ConcatRows& rows) {
     const std::uint64_t count = std::min(block, rows.outer - o);
     T* dst = out + (o * row + rows.offset);
     for (const Slab<T>& slab : slabs) {
-      detail::StridedCopy(dst, slab.data + o * slab.count,
-                          {{count, slab.count, rows.row}, {slab.count, 1, 1}});
+      const std::size_t bytes = slab.count * sizeof(T);
+      const bool is_row = slab.count == rows.row;  // they touch
+      detail::CopyRows(reinterpret_cast<std::byte*>(dst),
+                       reinterpret_cast<const std::byte*>(slab.data + o * slab.count),
+                       MakeLoop(is_row ? 1 : count, bytes, row * sizeof(T)), is_row ? count * bytes : bytes);
       dst += slab.count;
     }
   }

@@ -5,6 +5,7 @@
 
 #include "copy/runs.h"
 #include "copy/strided_copy.h"
+#include "simd/simd.h"
 
 namespace zeb_custom_ops::kernels {
 
@@ -29,6 +30,32 @@ GatherStop PlainGather(T* out, const T* params, const std::uint32_t* indices, co
 }
 
 namespace {
+
+// The first index that is not below the limit, or the end. Blocks are compared by their largest index. They are aligned, and
+// so none reaches beyond the page of the index that a list may end with because no other is read behind it.
+const std::uint32_t* FirstBeyond(const std::uint32_t* begin, const std::uint32_t* end, std::uint32_t limit) {
+  using detail::UInts;
+  constexpr std::size_t kVectors = 4;
+  constexpr std::size_t kBlock = kVectors * detail::kFloatLanes;
+  constexpr std::size_t kBlockBytes = kBlock * sizeof(std::uint32_t);
+  const auto is_beyond = [limit](std::uint32_t index) { return index >= limit; };
+  const auto count = static_cast<std::size_t>(end - begin);
+  if (count < 2 * kBlock) return std::find_if(begin, end, is_beyond);
+
+  const std::uint32_t* block =
+      begin + -reinterpret_cast<std::uintptr_t>(begin) % kBlockBytes / sizeof(std::uint32_t);
+  const std::uint32_t* const before = std::find_if(begin, block, is_beyond);
+  if (before != block) return before;
+  for (; end - block >= std::ptrdiff_t{kBlock}; block += kBlock) {
+    UInts largest = {};
+    for (std::size_t i = 0; i < kBlock; i += detail::kFloatLanes) {
+      const UInts next = detail::Load<UInts>(block + i);
+      largest = next > largest ? next : largest;
+    }
+    if (!detail::AllLanes(largest < limit)) break;
+  }
+  return std::find_if(block, end, is_beyond);
+}
 
 // Slices of `inner` elements, `count` of them for each outer position, gathered along an axis of `extent` slices.
 template <typename T>
@@ -135,8 +162,7 @@ GatherStop Gather(T* out, const T* params, const std::uint32_t* indices, const G
   const std::uint64_t slices = std::uint64_t{outer} * count;
   const std::uint64_t slices_fitting = inner == 0 ? slices : capacity / inner;
   const std::uint32_t* end = indices + std::min<std::uint64_t>(count, slices_fitting + 1);
-  const std::uint32_t* bad =
-      std::find_if(indices, end, [limit = shape.extent](std::uint32_t index) { return index >= limit; });
+  const std::uint32_t* bad = FirstBeyond(indices, end, extent);
   const bool all_indices_good = bad == end;
   const std::uint64_t slices_asked = all_indices_good ? slices : static_cast<std::uint64_t>(bad - indices);
 

@@ -155,67 +155,115 @@ void PlainPad(const Border<T>& b) {
 
 namespace {
 
-// Groups `first` to before `last` of one batch item, which have as many channels each.
+// Batch items that are treated alike, `count` of them from number `first` on.
+struct Items {
+  unsigned first;
+  unsigned count;
+};
+
+// Groups `first` to before `last` of each item, which have as many channels each.
 template <typename T>
-void CopyEqualGroups(const Interior<T>& i, unsigned n, unsigned first, unsigned last, unsigned channels) {
+void CopyEqualGroups(const Interior<T>& i, const Items& items, unsigned first, unsigned last,
+                     unsigned channels) {
   if (first >= last) return;
   const unsigned pack = i.in_layout.pack;
   const std::uint64_t c = std::uint64_t{first} * pack;
-  const auto dst_at = static_cast<unsigned>(i.out_layout.Position(n + i.p0, c + i.p2, i.p4) + i.p6);
+  const auto dst_at = static_cast<unsigned>(i.out_layout.Position(items.first + i.p0, c + i.p2, i.p4) + i.p6);
   detail::StridedCopy(
-      i.out + dst_at, i.in + i.in_layout.Position(n, first, 0),
-      {MakeLoop(last - first, i.in_layout.plane, pack * i.out_layout.plane),
+      i.out + dst_at, i.in + i.in_layout.Position(items.first, first, 0),
+      {MakeLoop(items.count, i.in_layout.batch, i.out_layout.batch),
+       MakeLoop(last - first, i.in_layout.plane, pack * i.out_layout.plane),
        MakeLoop(channels, 1, i.out_layout.plane), MakeLoop(i.extents.H, i.in_layout.line, i.out_layout.line),
        MakeLoop(i.extents.W, pack, 1)});
 }
 
-// Groups of channels of one batch item become planes.
+// Groups of channels of each item become planes.
 template <typename T>
-void CopyGroups(const Interior<T>& i, unsigned n, unsigned first, unsigned last) {
+void CopyGroups(const Interior<T>& i, const Items& items, unsigned first, unsigned last) {
   const unsigned pack = i.in_layout.pack;
   const unsigned filled = std::min(last, i.extents.C / pack);
-  CopyEqualGroups(i, n, first, filled, pack);
-  CopyEqualGroups(i, n, filled, last, i.extents.C % pack);
+  CopyEqualGroups(i, items, first, filled, pack);
+  CopyEqualGroups(i, items, filled, last, i.extents.C % pack);
 }
 
 // As `PlainPadAxis`; the loops may also run around a unit, where rows are taken together.
 template <typename T>
 void PadAxis(const Border<T>& b, unsigned origin, std::uint64_t step, const Sides& sides,
-             const UnitLoops& loops) {
+             const UnitLoops& loops, const Loop& items = kOnce) {
   const auto signed_step = static_cast<std::ptrdiff_t>(step);
   const auto from_one = [](const Loop& loop) { return Loop{loop.extent, 0, loop.dst_step}; };
   const T fill = Fill(b);
   for (const Side& side : sides) {
     if (side.copied != 0) {
       detail::StridedCopy(b.data + (origin + side.dst * step), b.data + (origin + side.src * step),
-                          {{side.copied, side.src_step * signed_step, side.dst_step * signed_step},
+                          {items,
+                           {side.copied, side.src_step * signed_step, side.dst_step * signed_step},
                            loops[0],
                            loops[1],
                            loops[2]});
     }
     if (side.filled != 0) {
-      detail::StridedCopy(
-          b.data + (origin + side.fill_dst * step), &fill,
-          {{side.filled, 0, signed_step}, from_one(loops[0]), from_one(loops[1]), from_one(loops[2])});
+      detail::StridedCopy(b.data + (origin + side.fill_dst * step), &fill,
+                          {from_one(items),
+                           {side.filled, 0, signed_step},
+                           from_one(loops[0]),
+                           from_one(loops[1]),
+                           from_one(loops[2])});
     }
   }
 }
 
+// Where channel c of the interior is in the first of the items.
+template <typename T>
+unsigned PlaneOf(const Border<T>& b, const Items& items, unsigned c) {
+  return b.layout.Position(std::uint64_t{items.first} + b.pads[0], std::uint64_t{c} + b.pads[2], 0);
+}
+
 // Columns and rows of planes of several channels, taken together.
 template <typename T>
-void PadPlanes(const Border<T>& b, unsigned n, unsigned c, unsigned planes) {
+void PadPlanes(const Border<T>& b, const Items& items, unsigned c, unsigned planes) {
   const TensorLayout& layout = b.layout;
-  const unsigned plane = layout.Position(std::uint64_t{n} + b.pads[0], std::uint64_t{c} + b.pads[2], 0);
+  const unsigned plane = PlaneOf(b, items, c);
   const unsigned row = plane + layout.Position(0, 0, b.pads[4]);
+  const Loop each_item = InPlace(items.count, layout.batch);
   const Loop each_plane = InPlace(planes, layout.plane);
-  PadAxis(b, row, 1, Columns(b), {each_plane, InPlace(b.interior.H, layout.line), kOnce});
-  PadAxis(b, plane, layout.line, Rows(b), {each_plane, InPlace(b.whole.W, 1), kOnce});
+  PadAxis(b, row, 1, Columns(b), {each_plane, InPlace(b.interior.H, layout.line), kOnce}, each_item);
+  PadAxis(b, plane, layout.line, Rows(b), {each_plane, InPlace(b.whole.W, 1), kOnce}, each_item);
+}
+
+// The same planes, whole.
+template <typename T>
+void FillPlanes(const Border<T>& b, const Items& items, unsigned c, unsigned planes) {
+  const TensorLayout& layout = b.layout;
+  detail::StridedCopy(b.data + PlaneOf(b, items, c), &b.constant,
+                      {MakeLoop(items.count, 0, layout.batch), MakeLoop(planes, 0, layout.plane),
+                       MakeLoop(b.whole.H, 0, layout.line), MakeLoop(b.whole.W, 0, 1)});
+}
+
+// Columns and rows of such planes that are filled, where rows touch: one run up to the first interior row, one from each of
+// these to the next, one behind the last. There is an interior row.
+template <typename T>
+void FillFrames(const Border<T>& b, const Items& items, unsigned c, unsigned planes) {
+  const TensorLayout& layout = b.layout;
+  const std::uint64_t row = layout.line;
+  const std::uint64_t first = b.pads[4] * row + b.pads[6];
+  const std::uint64_t behind = first + (b.interior.H - 1) * row + b.interior.W;
+  T* const plane = b.data + PlaneOf(b, items, c);
+  const auto fill = [&](T* dst, std::uint64_t rows, std::uint64_t count) {
+    detail::StridedCopy(dst, &b.constant,
+                        {MakeLoop(items.count, 0, layout.batch), MakeLoop(planes, 0, layout.plane),
+                         MakeLoop(rows, 0, row), MakeLoop(count, 0, 1)});
+  };
+  fill(plane, 1, first);
+  fill(plane + (first + b.interior.W), b.interior.H - 1, row - b.interior.W);
+  fill(plane + behind, 1, b.whole.H * row - behind);
 }
 
 template <typename T>
-void PadChannels(const Border<T>& b, unsigned n) {
-  PadAxis(b, b.layout.Position(std::uint64_t{n} + b.pads[0], 0, 0), b.layout.plane, Channels(b),
-          {InPlace(b.whole.H, b.layout.line), InPlace(b.whole.W, 1), kOnce});
+void PadChannels(const Border<T>& b, const Items& items) {
+  PadAxis(b, b.layout.Position(std::uint64_t{items.first} + b.pads[0], 0, 0), b.layout.plane, Channels(b),
+          {InPlace(b.whole.H, b.layout.line), InPlace(b.whole.W, 1), kOnce},
+          InPlace(items.count, b.layout.batch));
 }
 
 template <typename T>
@@ -228,15 +276,14 @@ void PadBatches(const Border<T>& b) {
 
 template <typename T>
 void CopyInterior(const Interior<T>& i) {
-  for (unsigned n = 0; n < i.extents.N; ++n) CopyGroups(i, n, 0, i.Groups());
+  CopyGroups(i, {0, i.extents.N}, 0, i.Groups());
 }
 
 template <typename T>
 void Pad(const Border<T>& b) {
-  for (unsigned n = 0; n < b.interior.N; ++n) {
-    PadPlanes(b, n, 0, b.interior.C);
-    PadChannels(b, n);
-  }
+  const Items all = {0, b.interior.N};
+  PadPlanes(b, all, 0, b.interior.C);
+  PadChannels(b, all);
   PadBatches(b);
 }
 
@@ -256,19 +303,31 @@ void CopyAndPad(const Interior<T>& i, const Border<T>& b) {
     CopyAndPad(all, around);
     return PadBatches(b);
   }
+  // Short rows are filled whole before the interior comes over them: that takes less than their two ends.
+  constexpr std::uint64_t kShortRowBytes = 64;
+  const bool fills = b.mode == kConstant && b.interior.H != 0;
+  const bool fills_first = fills && b.whole.W * sizeof(T) <= kShortRowBytes;
+  const auto pad_planes = fills && b.layout.line == b.whole.W ? FillFrames<T> : PadPlanes<T>;
+  // As many groups of channels of an item, or as many items, as the nearest cache holds.
   constexpr std::uint64_t kCachedBytes = 16384;
   const unsigned pack = i.in_layout.pack;
-  const std::uint64_t group_bytes = std::max<std::uint64_t>(1, pack * b.layout.plane * sizeof(T));
-  const auto block = static_cast<unsigned>(std::max<std::uint64_t>(1, kCachedBytes / group_bytes));
   const unsigned groups = i.Groups();
-  for (unsigned n = 0; n < i.extents.N; ++n) {
-    for (unsigned g = 0; g < groups; g += std::min(block, groups - g)) {
-      const unsigned end = g + std::min(block, groups - g);
-      CopyGroups(i, n, g, end);
+  const std::uint64_t group_bytes = std::max<std::uint64_t>(1, pack * b.layout.plane * sizeof(T));
+  const std::uint64_t groups_at_once = std::max<std::uint64_t>(1, kCachedBytes / group_bytes);
+  const std::uint64_t items_at_once = std::max<std::uint64_t>(1, groups_at_once / std::max(1U, groups));
+  for (std::uint64_t n = 0; n < i.extents.N; n += items_at_once) {
+    const Items items = {static_cast<unsigned>(n),
+                         static_cast<unsigned>(std::min(items_at_once, i.extents.N - n))};
+    for (std::uint64_t at = 0; at < groups; at += groups_at_once) {
+      const auto g = static_cast<unsigned>(at);
+      const unsigned end = g + static_cast<unsigned>(std::min(groups_at_once, groups - at));
       const unsigned c = g * pack;
-      PadPlanes(b, n, c, end == groups ? i.extents.C - c : (end - g) * pack);
+      const unsigned planes = end == groups ? i.extents.C - c : (end - g) * pack;
+      if (fills_first) FillPlanes(b, items, c, planes);
+      CopyGroups(i, items, g, end);
+      if (!fills_first) pad_planes(b, items, c, planes);
     }
-    PadChannels(b, n);
+    PadChannels(b, items);
   }
   PadBatches(b);
 }

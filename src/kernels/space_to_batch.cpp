@@ -134,8 +134,8 @@ void SpaceToBatch(T* out, const T* in, const SpaceToBatchShape& shape, T padding
     }
     detail::ForEachPatch(
         grid, plane, planes,
-        [&](std::size_t plane_offset, std::size_t sub_grid_offset, std::span<const Loop> loops) {
-          detail::StridedCopy(out + sub_grid_offset, in + plane_offset, loops);
+        [&](std::size_t plane_offset, std::size_t sub_grid_offset, std::span<const Loop, 5> loops) {
+          detail::StridedCopy(out + sub_grid_offset, in + plane_offset, std::span<const Loop>(loops));
         });
     if (padded && !short_rows) {
       for_sub_grids([&](T* sub, std::size_t bh, std::size_t bw) {

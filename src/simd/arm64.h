@@ -13,6 +13,8 @@ namespace zeb_custom_ops::detail {
 inline constexpr std::size_t kBlockBytes = 16;
 inline constexpr bool kShufflesBytes = true;
 inline constexpr std::size_t kLookUpVectors = 8;
+inline constexpr std::size_t kInterleavedVectors =
+    7;  // four by structure loads and stores, beyond by look-up
 inline constexpr bool kHasFma = true;
 inline constexpr ProductTile kProductTile = {.rows = 3, .vectors = 2, .loads_ahead = true};
 inline constexpr std::size_t kMapVectors = 4;  // loads and stores of pairs
@@ -44,21 +46,30 @@ inline Wide<ULongs> LookUp16(const std::uint64_t* table, UInts index) {
   return {{ULongs{table[bytes[0]], table[bytes[4]]}, ULongs{table[bytes[8]], table[bytes[12]]}}};
 }
 
-// Instructions look up in one to four vectors; beyond them is 0, or what `otherwise` has.
+// Instructions look up in one to four vectors; beyond them is 0, or what a vector has.
 template <std::size_t n>
-inline Vec<std::uint8_t> LookUpBytes(const Vec<std::uint8_t>* table, Vec<std::uint8_t> index,
-                                     Vec<std::uint8_t> otherwise = Vec<std::uint8_t>{}) {
+inline Vec<std::uint8_t> LookUpBytes(const Vec<std::uint8_t>* table, Vec<std::uint8_t> index) {
   static_assert(n >= 1 && n <= 8);
   if constexpr (n == 1) {
-    return vqtbx1q_u8(otherwise, table[0], index);
+    return vqtbl1q_u8(table[0], index);
   } else if constexpr (n == 2) {
-    return vqtbx2q_u8(otherwise, {{table[0], table[1]}}, index);
+    return vqtbl2q_u8({{table[0], table[1]}}, index);
   } else if constexpr (n == 3) {
-    return vqtbx3q_u8(otherwise, {{table[0], table[1], table[2]}}, index);
+    return vqtbl3q_u8({{table[0], table[1], table[2]}}, index);
   } else if constexpr (n == 4) {
-    return vqtbx4q_u8(otherwise, {{table[0], table[1], table[2], table[3]}}, index);
+    return vqtbl4q_u8({{table[0], table[1], table[2], table[3]}}, index);
   } else {
-    return LookUpBytes<n - 4>(table + 4, index - 64, LookUpBytes<4>(table, index));
+    const Vec<std::uint8_t> found = LookUpBytes<4>(table, index);
+    const Vec<std::uint8_t> behind = index - static_cast<std::uint8_t>(4 * kVecBytes);
+    if constexpr (n == 5) {
+      return vqtbx1q_u8(found, table[4], behind);
+    } else if constexpr (n == 6) {
+      return vqtbx2q_u8(found, {{table[4], table[5]}}, behind);
+    } else if constexpr (n == 7) {
+      return vqtbx3q_u8(found, {{table[4], table[5], table[6]}}, behind);
+    } else {
+      return vqtbx4q_u8(found, {{table[4], table[5], table[6], table[7]}}, behind);
+    }
   }
 }
 
@@ -96,13 +107,55 @@ VEK_STRUCTURE(4, std::uint32_t, uint32x4, u32)
 
 }  // namespace internal
 
+namespace internal {
+
+// Where each byte of k vectors comes from when their elements, of `width` bytes, go to memory in which they alternate, and
+// back.
+template <std::size_t width, std::size_t k>
+struct Interleaving {
+  std::uint8_t to_memory[k * kVecBytes];
+  std::uint8_t from_memory[k * kVecBytes];
+
+  constexpr Interleaving() : to_memory(), from_memory() {
+    for (std::size_t byte = 0; byte < k * kVecBytes; ++byte) {
+      const std::size_t element = byte / width;
+      const std::size_t in_vectors = element % k * kVecBytes + element / k * width + byte % width;
+      to_memory[byte] = static_cast<std::uint8_t>(in_vectors);
+      from_memory[in_vectors] = static_cast<std::uint8_t>(byte);
+    }
+  }
+};
+template <std::size_t width, std::size_t k>
+inline constexpr Interleaving<width, k> kInterleaving;
+
+}  // namespace internal
+
 template <typename T, std::size_t k>
 inline void StoreInterleaved(std::byte* dst, const Vec<T> (&v)[k]) {
-  internal::StoreStructure(reinterpret_cast<T*>(dst), v);
+  if constexpr (k <= 4) {
+    internal::StoreStructure(reinterpret_cast<T*>(dst), v);
+  } else {
+    Vec<std::uint8_t> bytes[k];
+    for (std::size_t i = 0; i < k; ++i) bytes[i] = reinterpret_cast<Vec<std::uint8_t>>(v[i]);
+    for (std::size_t at = 0; at < k * kVecBytes; at += kVecBytes) {
+      const auto index = Load<Vec<std::uint8_t>>(internal::kInterleaving<sizeof(T), k>.to_memory + at);
+      Store(dst + at, LookUpBytes<k>(bytes, index));
+    }
+  }
 }
 template <typename T, std::size_t k>
 inline void LoadInterleaved(Vec<T> (&v)[k], const std::byte* src) {
-  internal::LoadStructure(v, reinterpret_cast<const T*>(src));
+  if constexpr (k <= 4) {
+    internal::LoadStructure(v, reinterpret_cast<const T*>(src));
+  } else {
+    Vec<std::uint8_t> bytes[k];
+    for (std::size_t i = 0; i < k; ++i) bytes[i] = Load<Vec<std::uint8_t>>(src + i * kVecBytes);
+    for (std::size_t i = 0; i < k; ++i) {
+      const auto index =
+          Load<Vec<std::uint8_t>>(internal::kInterleaving<sizeof(T), k>.from_memory + i * kVecBytes);
+      v[i] = reinterpret_cast<Vec<T>>(LookUpBytes<k>(bytes, index));
+    }
+  }
 }
 
 }  // namespace zeb_custom_ops::detail

@@ -21,8 +21,9 @@
 //   LookUpBytes<n>(table, i)      the bytes number i, lane by lane, of those that n vectors hold
 //   SplitAtInteger(z)             the nearest integer to z, and the rest; two that are as near differ by target
 //   LoadFours(rows, i, k)         rows[i][k] to rows[i][k + 3]; behind them, in a vector of eight lanes, the same of row i + 4
+//   kInterleavedVectors           vectors that StoreInterleaved and LoadInterleaved take at most
 //   StoreInterleaved<T, k>, LoadInterleaved<T, k>
-//                                 k vectors to and from memory in which their elements alternate
+//                                 k vectors, two or more, to and from memory in which their elements alternate
 #pragma once
 
 #include "simd/shuffles.h"

@@ -10,6 +10,7 @@
 namespace zeb_custom_ops::detail {
 
 inline constexpr std::size_t kMapVectors = 1;
+inline constexpr std::size_t kInterleavedVectors = 4;
 
 inline Floats Max(Floats a, Floats b) { return a > b ? a : b; }
 inline float MaxLane(Floats v) {

@@ -220,6 +220,29 @@ TEST(StridedCopy, CopiesOneElementWithoutLoops) {
   ASSERT_NO_FATAL_FAILURE(CheckWidths({{1, 7, 9}, {1, 0, 0}}, random));
 }
 
+// So few elements that they are copied one by one: dense, padded and reversed layouts of up to five loops, and loops of
+// one round between them.
+TEST(StridedCopy, CopiesAFewElementsAsTheLoopsSay) {
+  vek_test::ForRandomCases(500, [](Random& random) {
+    const std::size_t rank = random.Between(1, 6);
+    std::vector<std::size_t> extents(rank);
+    std::size_t count = 1;
+    for (std::size_t& extent : extents) {
+      extent = random.OneIn(3) ? 1 : random.Between(2, 5);
+      if (count * extent > 40) extent = 1;
+      count *= extent;
+    }
+    const auto src_steps = Steps(extents, RandomOrder(rank, random), random.OneIn(2), 1, random);
+    const auto dst_steps = Steps(extents, RandomOrder(rank, random), random.OneIn(2), 1, random);
+    std::vector<Loop> loops(rank);
+    for (std::size_t i = 0; i < rank; ++i) {
+      loops[i] = {extents[i], src_steps[i] * (random.OneIn(6) ? -1 : 1),
+                  dst_steps[i] * (random.OneIn(6) ? -1 : 1)};
+    }
+    ASSERT_NO_FATAL_FAILURE(CheckWidths(loops, random));
+  });
+}
+
 TEST(StridedCopy, TakesMoreThanSixLoops) {
   Random random(7);
   ASSERT_NO_FATAL_FAILURE(CheckWidths(
