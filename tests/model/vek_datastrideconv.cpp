@@ -12,7 +12,7 @@ u32 Rest(u32 whole, u32 times, u32 part) {
 }
 
 // The padding behind each dim, then the length of a run.
-Dims Pads(const Dims& dims, const Dims& strides, std::size_t count) {
+Dims PadsOf(const Dims& dims, const Dims& strides, std::size_t count) {
   Dims pads;
   for (std::size_t i = 0; i + 1 < count; ++i) pads.push_back(Rest(strides[i], dims[i], strides[i + 1]));
   pads.push_back(strides[count - 1]);
@@ -102,8 +102,8 @@ void CopyRows(const Source& src, const Target& dst) {
 
 void CopyDims(const Source& src, const Target& dst) {
   const std::size_t count = src.buf.strides.size();
-  Run in{src.data, Pads(src.buf.dims, src.buf.strides, count)};
-  Run out{dst.data, Pads(dst.buf.dims, dst.buf.strides, count)};
+  Run in{src.data, PadsOf(src.buf.dims, src.buf.strides, count)};
+  Run out{dst.data, PadsOf(dst.buf.dims, dst.buf.strides, count)};
   dst.data.Zero(0, dst.bytes);
   CopyDim(0, dst.buf.dims, in, out);
 }

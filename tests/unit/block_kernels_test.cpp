@@ -24,7 +24,7 @@
 #include "model/vek_spacetobatch.h"
 #include "model/vek_spacetodepth.h"
 
-namespace vek_cases {
+namespace vek_cases::block_kernels {
 namespace {
 
 namespace kernels = zeb_custom_ops::kernels;
@@ -326,4 +326,4 @@ INSTANTIATE_TEST_SUITE_P(All, BlockKernels, testing::ValuesIn(kKernels),
                          [](const auto& test) { return test.param.name; });
 
 }  // namespace
-}  // namespace vek_cases
+}  // namespace vek_cases::block_kernels

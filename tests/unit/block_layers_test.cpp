@@ -11,7 +11,7 @@
 #include "support/formula_check.h"
 #include "support/refusals.h"
 
-namespace vek_test {
+namespace vek_test::block_layers {
 namespace {
 
 // A Configure, what it says, and, where it is given, how many elements the Execute after it reads.
@@ -486,4 +486,4 @@ TEST(InverseLayers, RestoreTheBytes) {
 }
 
 }  // namespace
-}  // namespace vek_test
+}  // namespace vek_test::block_layers

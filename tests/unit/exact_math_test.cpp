@@ -17,13 +17,16 @@
 #include "model/exact_math.h"
 #include "support/guarded_buffer.h"
 #include "support/random.h"
+#include "support/room_headers.h"
 
+namespace vek_test::exact_math {
 namespace {
 
-using namespace zeb_custom_ops::detail;
-using vek_test::Guard;
-using vek_test::Guarded;
-using vek_test::GuardedBuffer;
+using zeb_custom_ops::detail::PlainExp;
+using zeb_custom_ops::detail::PlainPow;
+using zeb_custom_ops::detail::PowInto;
+
+const std::size_t kFloatLanes = room::FloatLanes();
 
 constexpr float kInf = std::numeric_limits<float>::infinity();
 constexpr float kNaN = std::numeric_limits<float>::quiet_NaN();
@@ -62,11 +65,11 @@ constexpr float kTellTale = -0x1.f8cbb2p+5F;
 
 void ExpectExp(const std::vector<float>& values) {
   for (std::size_t i = 0; i < values.size(); i += kFloatLanes) {
-    float x[kFloatLanes] = {};
-    float got[kFloatLanes];
+    std::vector<float> x(kFloatLanes);
+    std::vector<float> got(kFloatLanes);
     for (std::size_t lane = 0; lane < kFloatLanes && i + lane < values.size(); ++lane)
       x[lane] = values[i + lane];
-    Store(got, ExpNonPositive(Load<Floats>(x)));
+    room::ExpNonPositive(x.data(), got.data());
     for (std::size_t lane = 0; lane < kFloatLanes; ++lane) {
       const float plain = PlainExp(x[lane]);
       ASSERT_TRUE(Same(got[lane], plain)) << "e to the power " << x[lane];
@@ -198,7 +201,7 @@ TEST(ExactPow, AnyK) {
        {0.0F, -0.0F, kInf, -kInf, kNaN, kDenormal, kGreatest, 65536.0F, 65537.0F, -65536.0F}) {
     ExpectPow(values, k);
   }
-  vek_test::ForRandomCases(300, [&](vek_test::Random& random) {
+  ForRandomCases(300, [&](Random& random) {
     std::vector<float> mixed;
     for (unsigned i = 0; i < 37; ++i) mixed.push_back(random.AnyFloat());
     ExpectPow(mixed, random.AnyFloat());
@@ -293,7 +296,7 @@ TEST(ExactPow, RecordedValues) {
 
 // Signed data, data with zeros, and either next to positive data: each loop hands over to the next one.
 TEST(ExactPow, DataOfEverySign) {
-  vek_test::ForRandomCases(60, [&](vek_test::Random& random) {
+  ForRandomCases(60, [&](Random& random) {
     std::vector<float> values;
     const unsigned runs = random.Between(1, 6);
     for (unsigned run = 0; run < runs; ++run) {
@@ -326,3 +329,4 @@ TEST(ExactPow, SquaresAndRootsOfEveryMagnitude) {
 }
 
 }  // namespace
+}  // namespace vek_test::exact_math

@@ -21,7 +21,7 @@
 #include "custom_ops/vek_spacetodepth.h"
 #include "support/plugin.h"
 
-namespace vek_test {
+namespace vek_test::factory {
 namespace {
 
 using namespace zeb_custom_ops;
@@ -64,4 +64,4 @@ TEST(Factory, AnyOtherNameGivesNullAndSaysNothing) {
 TEST(Factory, DestroyingNullDoesNothing) { Plugin::Get().destroy_object(nullptr); }
 
 }  // namespace
-}  // namespace vek_test
+}  // namespace vek_test::factory

@@ -1,6 +1,4 @@
 // Fill values of fixed-point tensors: the edges of the truncation, and random values next to the model's.
-#include "contract/fixed_point.h"
-
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -8,11 +6,14 @@
 
 #include "model/model.h"
 #include "support/random.h"
+#include "support/room_headers.h"
 
-namespace vek_test {
+namespace vek_test::fixed_point {
 namespace {
 
-using namespace zeb_custom_ops::detail;
+using room::FillValue;
+using room::TruncateToInt32;
+using room::TruncateToUint32;
 
 TEST(FixedPoint, TruncationSaturatesAndTakesNaNForZero) {
   constexpr float kInf = std::numeric_limits<float>::infinity();
@@ -77,4 +78,4 @@ TEST(FixedPoint, RandomValuesFollowTheModel) {
 }
 
 }  // namespace
-}  // namespace vek_test
+}  // namespace vek_test::fixed_point

@@ -18,7 +18,7 @@
 #include "model/vek_pad.h"
 #include "model/vek_permute.h"
 
-namespace vek_cases {
+namespace vek_cases::layout_kernels {
 namespace {
 
 namespace detail = zeb_custom_ops::detail;
@@ -497,4 +497,4 @@ INSTANTIATE_TEST_SUITE_P(All, LayoutKernels, testing::ValuesIn(kKernels),
                          [](const auto& test) { return test.param.name; });
 
 }  // namespace
-}  // namespace vek_cases
+}  // namespace vek_cases::layout_kernels

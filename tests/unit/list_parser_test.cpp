@@ -8,7 +8,7 @@
 #include "custom_ops/vek_common.h"
 #include "support/random.h"
 
-namespace vek_test {
+namespace vek_test::list_parser {
 namespace {
 
 using zeb_custom_ops::sw_ops_parser::ParseTensor;
@@ -111,4 +111,4 @@ TEST(ListParser, RandomTextsEqualTheModel) {
 }
 
 }  // namespace
-}  // namespace vek_test
+}  // namespace vek_test::list_parser

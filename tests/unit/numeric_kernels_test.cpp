@@ -12,19 +12,20 @@
 #include "kernels/l2norm.h"
 #include "kernels/matmul.h"
 #include "kernels/softmax.h"
-#include "math/broadcast.h"
 #include "model/vek_argmax.h"
 #include "model/vek_ewo.h"
 #include "model/vek_l2norm.h"
 #include "model/vek_matmul.h"
 #include "model/vek_softmax.h"
 #include "support/guarded_buffer.h"
+#include "support/room_headers.h"
 
-namespace vek_cases {
+namespace vek_cases::numeric_kernels {
 namespace {
 
 namespace detail = zeb_custom_ops::detail;
 namespace kernels = zeb_custom_ops::kernels;
+namespace room = vek_test::room;
 using detail::Fits;
 using detail::Saturating;
 using vek_model::Shape;
@@ -81,9 +82,9 @@ std::optional<KernelCase> Argmax(const Setup& setup, Random& random) {
   if (ranks == 0 || ranks > 1 << 12) return {};  // searches for nothing, or too long a list
   const auto with_lists = [=](const auto& kernel) {
     return [=](FormData& d) {
-      const vek_test::GuardedBuffer lists(ranks * kernels::kListsAtOnce * sizeof(kernels::Pair));
-      kernel(d.In<float>(), d.Out<float>(), searches, results,
-             std::span(lists.as<kernels::Pair>(), ranks * kernels::kListsAtOnce));
+      const std::size_t pairs = ranks * room::ListsAtOnce();
+      const vek_test::GuardedBuffer lists(pairs * sizeof(kernels::Pair));
+      kernel(d.In<float>(), d.Out<float>(), searches, results, std::span(lists.as<kernels::Pair>(), pairs));
     };
   };
   KernelCase c = FloatCase({AnyFloats(random)});
@@ -169,7 +170,7 @@ vek_model::Operand OperandOf(const Setup& setup, const std::string& letter, Rand
                           : random.Between(0, 15)};
 }
 
-detail::BroadcastSteps StepsOf(const vek_model::Operand& operand, const Shape& s) {
+room::BroadcastSteps StepsOf(const vek_model::Operand& operand, const Shape& s) {
   const u32 word = operand.repeats ? operand.word : 0;
   const bool along[4] = {(word & 8) != 0, (word & 4) != 0, (word & 2) != 0, (word & 1) != 0};
   return {along, s.c, s.h, s.w};
@@ -182,8 +183,8 @@ std::optional<KernelCase> ZipBroadcast(const Setup& setup, Random& random) {
   const Shape s(setup.in[0]);
   const vek_model::Operand a = OperandOf(setup, "A", random);
   const vek_model::Operand b = OperandOf(setup, "B", random);
-  const detail::BroadcastSteps a_steps = StepsOf(a, s);
-  const detail::BroadcastSteps b_steps = StepsOf(b, s);
+  const room::BroadcastSteps a_steps = StepsOf(a, s);
+  const room::BroadcastSteps b_steps = StepsOf(b, s);
   KernelCase c = FloatCase({AnyFloats(random), AnyFloats(random)});
   if (!a.repeats || a.word == 0) c.in_place.push_back(0);
   if (!b.repeats || b.word == 0) c.in_place.push_back(1);
@@ -192,13 +193,13 @@ std::optional<KernelCase> ZipBroadcast(const Setup& setup, Random& random) {
     model(s, a, *d.in[0], b, *d.in[1], d.out);
   };
   c.plain = [=](FormData& d) {
-    detail::PlainZipBroadcast(d.In<float>(0), a_steps, d.In<float>(1), b_steps, d.Out<float>(), s.n, s.c, s.h,
-                              s.w, Op());
+    room::PlainZipBroadcast<Op>(d.In<float>(0), a_steps, d.In<float>(1), b_steps, d.Out<float>(), s.n, s.c,
+                                s.h, s.w);
   };
   if (AllFit(s)) {
     c.fast = [=](FormData& d) {
-      detail::ZipBroadcast(d.In<float>(0), a_steps, d.In<float>(1), b_steps, d.Out<float>(), s.n, s.c, s.h,
-                           s.w, Op());
+      room::ZipBroadcast<Op>(d.In<float>(0), a_steps, d.In<float>(1), b_steps, d.Out<float>(), s.n, s.c, s.h,
+                             s.w);
     };
   }
   return c;
@@ -212,11 +213,11 @@ std::optional<KernelCase> MulPlanes(const Setup& setup, Random& random) {
   c.in_place = {1};
   c.model = [=](ModelData& d) { vek_model::MultiplyPlanes(s, *d.in[1], *d.in[0], d.out); };
   c.plain = [=](FormData& d) {
-    detail::PlainMulPlanes(d.In<float>(0), d.In<float>(1), d.Out<float>(), s.Count(), plane);
+    room::PlainMulPlanes(d.In<float>(0), d.In<float>(1), d.Out<float>(), s.Count(), plane);
   };
   if (AllFit(s)) {
     c.fast = [=](FormData& d) {
-      detail::MulPlanes(d.In<float>(0), d.In<float>(1), d.Out<float>(), std::size_t{s.n} * s.c, plane);
+      room::MulPlanes(d.In<float>(0), d.In<float>(1), d.Out<float>(), std::size_t{s.n} * s.c, plane);
     };
   }
   return c;
@@ -250,4 +251,4 @@ INSTANTIATE_TEST_SUITE_P(All, NumericKernels, testing::ValuesIn(kKernels),
                          [](const auto& test) { return test.param.name; });
 
 }  // namespace
-}  // namespace vek_cases
+}  // namespace vek_cases::numeric_kernels

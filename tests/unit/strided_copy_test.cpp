@@ -11,14 +11,13 @@
 
 #include "support/guarded_buffer.h"
 #include "support/random.h"
+#include "support/room_headers.h"
 
+namespace vek_test::strided_copy {
 namespace {
 
 namespace detail = zeb_custom_ops::detail;
 using detail::Loop;
-using vek_test::Guard;
-using vek_test::GuardedBuffer;
-using vek_test::Random;
 
 // The first and last element that one side of a copy touches.
 struct Range {
@@ -251,7 +250,7 @@ TEST(StridedCopy, TakesMoreThanSixLoops) {
 }
 
 TEST(StridedCopy, AgreesWithNestedLoopsOnRandomLayouts) {
-  vek_test::ForRandomCases(4000, [](Random& random) {
+  ForRandomCases(4000, [](Random& random) {
     const std::size_t rank = random.Between(0, 6);
     std::vector<std::size_t> extents(rank);
     std::size_t count = 1;
@@ -291,7 +290,7 @@ void CheckFill(T value) {
           expected[i + (guard == Guard::kBefore ? slack : 0)] =
               reinterpret_cast<const std::uint8_t*>(&value)[i % sizeof(T)];
         }
-        detail::FillRun(reinterpret_cast<T*>(data), value, count);
+        room::FillRun(reinterpret_cast<T*>(data), value, count);
         ASSERT_EQ(buffer.Get(), expected) << count;
       }
     }
@@ -308,3 +307,4 @@ TEST(StridedCopy, FillsRunsOfEveryLength) {
 }
 
 }  // namespace
+}  // namespace vek_test::strided_copy

@@ -12,7 +12,7 @@
 #include "support/plugin.h"
 #include "support/refusals.h"
 
-namespace vek_test {
+namespace vek_test::argmax {
 namespace {
 
 using vek_model::ArgmaxSettings;
@@ -625,4 +625,4 @@ TEST(Argmax, ATopKWhoseRoomWrapsRanksEveryValue) {
 }
 
 }  // namespace
-}  // namespace vek_test
+}  // namespace vek_test::argmax

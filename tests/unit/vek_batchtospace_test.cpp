@@ -6,7 +6,7 @@
 #include "model/vek_batchtospace.h"
 #include "support/formula_check.h"
 
-namespace vek_test {
+namespace vek_test::batchtospace {
 namespace {
 
 std::vector<int> Cropped(const std::vector<unsigned>& in_dims, const std::vector<unsigned>& out_dims,
@@ -93,4 +93,4 @@ TEST(BatchToSpace, PlanesLargerThanTheCacheHoldsEqualTheFormula) {
 }
 
 }  // namespace
-}  // namespace vek_test
+}  // namespace vek_test::batchtospace

@@ -10,7 +10,7 @@
 #include "support/formula_check.h"
 #include "support/refusals.h"
 
-namespace vek_test {
+namespace vek_test::broadcast {
 namespace {
 
 constexpr char kFile[] = "vek_broadcast.cpp";
@@ -356,4 +356,4 @@ TEST(Broadcast, AskingTheDescriptionsDoesNotGrowWithTheTensor) {
 }
 
 }  // namespace
-}  // namespace vek_test
+}  // namespace vek_test::broadcast

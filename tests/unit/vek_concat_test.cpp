@@ -11,7 +11,7 @@
 #include "support/exact_buffers.h"
 #include "support/refusals.h"
 
-namespace vek_test {
+namespace vek_test::concat {
 namespace {
 
 constexpr char kFile[] = "vek_concat.cpp";
@@ -421,4 +421,4 @@ TEST(Concat, AskingTheDescriptionsDoesNotGrowWithTheTensor) {
 }
 
 }  // namespace
-}  // namespace vek_test
+}  // namespace vek_test::concat

@@ -7,7 +7,7 @@
 #include "support/formula_check.h"
 #include "support/refusals.h"
 
-namespace vek_test {
+namespace vek_test::datastrideconv {
 namespace {
 
 using vek_model::Memory;
@@ -646,4 +646,4 @@ TEST(DataStrideConv, RoundTripsThroughEveryLayoutRestoreTheBytes) {
 }
 
 }  // namespace
-}  // namespace vek_test
+}  // namespace vek_test::datastrideconv

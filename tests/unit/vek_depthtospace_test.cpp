@@ -6,7 +6,7 @@
 #include "model/vek_depthtospace.h"
 #include "support/formula_check.h"
 
-namespace vek_test {
+namespace vek_test::depthtospace {
 namespace {
 
 std::vector<int> BlocksOfTwo(const std::vector<unsigned>& in_dims, const std::vector<unsigned>& out_dims,
@@ -82,4 +82,4 @@ TEST(DepthToSpace, TheKernelEqualsTheFormula) {
 }
 
 }  // namespace
-}  // namespace vek_test
+}  // namespace vek_test::depthtospace

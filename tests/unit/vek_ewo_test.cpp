@@ -9,7 +9,7 @@
 #include "support/plugin.h"
 #include "support/refusals.h"
 
-namespace vek_test {
+namespace vek_test::ewo {
 namespace {
 
 using zeb_custom_ops::VekEwo;
@@ -562,4 +562,4 @@ TEST(Ewo, EveryPairOfWordsOnEveryKindOfShape) {
 }
 
 }  // namespace
-}  // namespace vek_test
+}  // namespace vek_test::ewo

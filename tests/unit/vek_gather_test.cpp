@@ -8,7 +8,7 @@
 #include "support/exact_buffers.h"
 #include "support/refusals.h"
 
-namespace vek_test {
+namespace vek_test::gather {
 namespace {
 
 using namespace zeb_custom_ops;
@@ -361,4 +361,4 @@ TEST(Gather, AskingTheDescriptionsDoesNotGrowWithTheTensor) {
 }
 
 }  // namespace
-}  // namespace vek_test
+}  // namespace vek_test::gather

@@ -9,7 +9,7 @@
 #include "support/plugin.h"
 #include "support/refusals.h"
 
-namespace vek_test {
+namespace vek_test::l2norm {
 namespace {
 
 using zeb_custom_ops::VekL2Norm;
@@ -421,4 +421,4 @@ TEST(L2Norm, ManyPlanesSideBySide) {
 }
 
 }  // namespace
-}  // namespace vek_test
+}  // namespace vek_test::l2norm

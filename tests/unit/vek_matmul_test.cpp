@@ -9,7 +9,7 @@
 #include "support/plugin.h"
 #include "support/refusals.h"
 
-namespace vek_test {
+namespace vek_test::matmul {
 namespace {
 
 using zeb_custom_ops::VekMatmul;
@@ -431,4 +431,4 @@ TEST(Matmul, OneStepBehindTheLastWholeBlock) {
 }
 
 }  // namespace
-}  // namespace vek_test
+}  // namespace vek_test::matmul

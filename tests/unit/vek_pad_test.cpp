@@ -10,7 +10,7 @@
 #include "support/formula_check.h"
 #include "support/refusals.h"
 
-namespace vek_test {
+namespace vek_test::pad {
 namespace {
 
 using namespace zeb_custom_ops;
@@ -608,4 +608,4 @@ TEST(Pad, AskingTheDescriptionsDoesNotGrowWithTheTensor) {
 }
 
 }  // namespace
-}  // namespace vek_test
+}  // namespace vek_test::pad

@@ -25,7 +25,7 @@ void* operator new[](std::size_t bytes, const std::nothrow_t&) noexcept {
   return ::operator new[](bytes);
 }
 
-namespace vek_test {
+namespace vek_test::permute {
 namespace {
 
 using vek_cases::AnyBits;
@@ -826,4 +826,4 @@ TEST(Permute, APermutationAndItsInverseRestoreTheBytes) {
 }
 
 }  // namespace
-}  // namespace vek_test
+}  // namespace vek_test::permute

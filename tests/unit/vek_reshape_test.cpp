@@ -8,7 +8,7 @@
 #include "support/formula_check.h"
 #include "support/refusals.h"
 
-namespace vek_test {
+namespace vek_test::reshape {
 namespace {
 
 using vek_model::Memory;
@@ -321,4 +321,4 @@ TYPED_TEST(ReshapeKernel, EqualsTheFormula) {
 }
 
 }  // namespace
-}  // namespace vek_test
+}  // namespace vek_test::reshape

@@ -11,7 +11,7 @@
 #include "support/plugin.h"
 #include "support/refusals.h"
 
-namespace vek_test {
+namespace vek_test::softmax {
 namespace {
 
 using zeb_custom_ops::Softmax_v1;
@@ -488,4 +488,4 @@ TEST(Softmax, ColumnsOfEveryPlaneAreReachedWhereTheCountWraps) {
 }
 
 }  // namespace
-}  // namespace vek_test
+}  // namespace vek_test::softmax

@@ -6,7 +6,7 @@
 #include "model/vek_spacetobatch.h"
 #include "support/formula_check.h"
 
-namespace vek_test {
+namespace vek_test::spacetobatch {
 namespace {
 
 template <typename T>
@@ -192,4 +192,4 @@ TEST(SpaceToBatch, PlanesLargerThanTheCacheHoldsEqualTheFormula) {
 }
 
 }  // namespace
-}  // namespace vek_test
+}  // namespace vek_test::spacetobatch

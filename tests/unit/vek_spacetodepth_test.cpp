@@ -6,7 +6,7 @@
 #include "model/vek_spacetodepth.h"
 #include "support/formula_check.h"
 
-namespace vek_test {
+namespace vek_test::spacetodepth {
 namespace {
 
 std::vector<int> BlocksOfTwo(const std::vector<unsigned>& in_dims, const std::vector<unsigned>& out_dims,
@@ -70,4 +70,4 @@ TEST(SpaceToDepth, RowsLongerThanTheCacheHoldsEqualTheFormula) {
 }
 
 }  // namespace
-}  // namespace vek_test
+}  // namespace vek_test::spacetodepth

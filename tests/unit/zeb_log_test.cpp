@@ -6,7 +6,7 @@
 #include "custom_ops/vek_common.h"
 #include "support/plugin.h"
 
-namespace vek_test {
+namespace vek_test::zeb_log {
 namespace {
 
 // Puts the level words and the threshold back.
@@ -117,4 +117,4 @@ TEST_F(LogTest, TheFormatRecordPrintsAtInfoOnly) {
 }
 
 }  // namespace
-}  // namespace vek_test
+}  // namespace vek_test::zeb_log
