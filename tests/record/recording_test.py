@@ -137,7 +137,6 @@ class Transparent(Recording):
             self.assertEqual(self.run_host("one", "PAD", before=lambda: os.chdir(empty)), self.pad)
             self.assertEqual(os.listdir(empty), [])
 
-    @unittest.skipIf(EMULATED, "the emulator may not return from making a thread")
     def test_threads(self):
         self.assertEqual(self.record("threads", CALLS="1"), "0 wrong\n")
         self.assertGreater(len(self.layers()), 100)
@@ -357,7 +356,6 @@ class Failures(Recording):
         self.assertEqual(self.run_host("moved", FOLDER=os.path.relpath(self.folder)), self.plain("one", "SOFTMAX"))
         self.assertEqual([len(calls) for _, _, calls in self.layers()], [0, 1])
 
-    @unittest.skipIf(EMULATED, "the emulator does not return from the handlers of fork()")
     def test_a_child_process_is_not_recorded(self):
         self.record("child")
         self.assertEqual([layer["type"] for _, layer, _ in self.layers()], ["SOFTMAX", "ELTWISE"])
