@@ -164,16 +164,19 @@ class Transparent(Recording):
             self.assert_same(self.record("all", CALLS="all", preload=linked,
                                          say=f"the layers are those of {linked}, which the process had loaded for all"),
                              self.plain("all"))
-            self.assertEqual({layer["library"]["path"] for _, layer, _ in self.layers()}, {linked})
-            with_copy = self.texts()
+            paths, heard = self.heard()
+            self.assertEqual(paths, {linked})
             shutil.rmtree(self.folder)
             self.record("all", CALLS="all")
-            self.assertEqual(with_copy, self.texts())
-            self.assertGreater(sum(len(log) for log in with_copy), 100)
+            self.assertEqual(heard, self.heard()[1])
+            self.assertGreater(sum(map(len, heard)), 100)
 
-    def texts(self):
-        """The log lines of all calls, one after the other."""
-        return [call["log"] for _, layer, calls in self.layers() for call in layer["configures"] + calls]
+    def heard(self):
+        """The paths of the libraries, and the log lines of each call, one after the other."""
+        layers = [json.loads(path.read_text()) for path in sorted(self.folder.glob("*/layer.json"))]
+        calls = [json.loads(path.read_text()) for path in sorted(self.folder.glob("*/call-*.json"))]
+        calls += [call for layer in layers for call in layer["configures"]]
+        return {layer["library"]["path"] for layer in layers}, [call["log"] for call in calls]
 
 
 class Format(Recording):
