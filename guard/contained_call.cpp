@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
+#include <sys/single_threaded.h>
 #include <sys/wait.h>
 #include <ucontext.h>
 #include <unistd.h>
@@ -138,8 +139,9 @@ Ending CallContained(const std::function<bool()>& call, bool show) {
   int ends[2];
   if (pipe2(ends, O_CLOEXEC) != 0) Fail("make a pipe");
   std::fflush(stdout);
-  // Without the handlers of fork(), which never return under the emulator; this process has no use for them.
-  const pid_t child = _Fork();
+  // In a process of one thread without the handlers of fork(): the recorder's would leave the child's calls out. Of
+  // several threads another one may hold the allocator's locks at this moment, and fork() sees to that.
+  const pid_t child = __libc_single_threaded ? _Fork() : fork();
   if (child == 0) RunChild(call, ends[1]);
   close(ends[1]);
   Ending ending;

@@ -101,6 +101,10 @@ std::string LogText(const char* title, const std::vector<std::string>& lines) {
   return text + "</pre>\n";
 }
 
+std::string ToRepeat(const std::string& command) {
+  return command.empty() ? "" : "<h4>To repeat it</h4>\n<pre>" + Escaped(command) + "</pre>\n";
+}
+
 std::string Drawn(const std::string& title, const vek_host::BufAttrs& attrs, const std::byte* bytes,
                   std::size_t size) {
   const std::string drawing = DrawLayout({title, TypeOf(attrs.GetMemFormat()), attrs, bytes, size});
@@ -115,6 +119,7 @@ constexpr const char* kHead = R"(<!DOCTYPE html>
 <head>
 <meta charset="utf-8">
 <meta name="viewport" content="width=device-width">
+<meta http-equiv="Content-Security-Policy" content="default-src 'none'; img-src data:; style-src 'unsafe-inline'">
 <title>vekrun replay</title>
 <style>
 body { font: 15px/1.5 sans-serif; max-width: 75em; margin: 2em auto; padding: 0 1em; color: #222; background: #fff; }
@@ -138,13 +143,16 @@ details { margin: .5em 0; overflow-x: auto; }
 void ReplayPage::Begin(const RecordedLayer& layer) { name_ = layer.name; }
 
 void ReplayPage::AddRow(const std::string& function, const RecordedOutcome& there, const RepeatedCall& here,
-                        const ReplayedCall& call) {
+                        const ReplayedCall& call, const std::string& command) {
   ++calls_;
   equal_ += call.is_equal ? 1U : 0U;
   rows_ += std::string("<tr") + (call.is_equal ? "" : " class=\"differs\"") + "><td>" + Escaped(name_) +
            "</td><td>" + function + "</td><td class=\"time\">" + Microseconds(there.nanoseconds) +
-           "</td><td class=\"time\">" + Microseconds(here.nanoseconds) + "</td><td>" + Escaped(call.text) +
-           "</td></tr>\n";
+           "</td><td class=\"time\">" + Microseconds(here.nanoseconds) + "</td><td>" + Escaped(call.text);
+  const std::string log = LogText("Log", LinesOf(here.log));
+  if (call.is_equal && !(log.empty() && command.empty()))
+    rows_ += "<details><summary>more</summary>" + log + ToRepeat(command) + "</details>";
+  rows_ += "</td></tr>\n";
   if (call.is_equal) return;
   sections_ += "<h2>" + Escaped(name_) + ", " + function + "</h2>\n<p>" + Escaped(call.text) + "</p>\n";
   if (call.output) {
@@ -160,12 +168,12 @@ void ReplayPage::AddRow(const std::string& function, const RecordedOutcome& ther
 
 void ReplayPage::Add(const RecordedConfigure& there, std::size_t number, const RepeatedCall& here,
                      const ReplayedCall& call) {
-  AddRow("Configure " + std::to_string(number), there.outcome, here, call);
+  AddRow("Configure " + std::to_string(number), there.outcome, here, call, "");
 }
 
 void ReplayPage::Add(const RecordedLayer& layer, const RecordedExecute& there, const RepeatedCall& here,
                      const ReplayedCall& call, const std::string& command) {
-  AddRow("Execute " + std::to_string(there.number), there.outcome, here, call);
+  AddRow("Execute " + std::to_string(there.number), there.outcome, here, call, command);
   if (call.is_equal) return;
   const RecordedConfigure* const configure = layer.ConfigureOf(there);
   for (std::size_t i = 0; configure != nullptr && there.inputs && i < there.inputs->size(); ++i) {
@@ -181,7 +189,7 @@ void ReplayPage::Add(const RecordedLayer& layer, const RecordedExecute& there, c
     sections_ += Drawn(role + " here", output.attrs, output.here.data(), output.here.size());
     sections_ += Drawn(role + " as recorded", output.attrs, output.expected.data(), output.expected.size());
   }
-  if (!command.empty()) sections_ += "<h4>To repeat it</h4>\n<pre>" + Escaped(command) + "</pre>\n";
+  sections_ += ToRepeat(command);
 }
 
 std::string ReplayPage::Text(const std::string& plugin) const {

@@ -21,13 +21,13 @@ class ReplayPage {
   /// \param command  how to repeat it, or empty.
   void Add(const RecordedLayer& layer, const RecordedExecute& there, const RepeatedCall& here,
            const ReplayedCall& call, const std::string& command);
-  /// \return the whole page: a table of the calls, then of each layer with one that differs the differences by axis, the
-  /// layouts, the log lines, and how to repeat the call.
+  /// \return the whole page: a table of the calls, each with its log lines and how to repeat it; then, of each that
+  /// differs, a map of the differences and their numbers by axis, the log lines, the layouts, and how to repeat it.
   std::string Text(const std::string& plugin) const;
 
  private:
   void AddRow(const std::string& function, const RecordedOutcome& there, const RepeatedCall& here,
-              const ReplayedCall& call);
+              const ReplayedCall& call, const std::string& command);
 
   std::string rows_;
   std::string sections_;

@@ -291,6 +291,22 @@ def test_layers_in_threads():
     assert not wrong
 
 
+def test_guarded_calls_beside_threads():
+    concat, softmax, running = Layer("SWCONCAT", axis=1), Layer("SOFTMAX", axis=1), [True]
+
+    def work():
+        while running:
+            softmax(X)
+
+    thread = threading.Thread(target=work)
+    thread.start()
+    try:
+        assert all(np.array_equal(concat(X, X, guard=True), np.concatenate((X, X), axis=1)) for _ in range(10))
+    finally:
+        running.clear()
+        thread.join()
+
+
 def test_python_runs_while_a_layer_computes():
     x = np.ones((1, 1200, 1, 1200), np.float32)
     matmul, counted = Layer("MATMUL", trans_b=1), [0]

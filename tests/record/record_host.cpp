@@ -209,7 +209,7 @@ void Allocations(const Plugin& plugin) {
     Stage stage(specimen);
     const std::string type = specimen.type;
     std::fflush(stdout);
-    const pid_t child = _Fork();  // without handlers, which the emulator does not return from
+    const pid_t child = fork();
     if (child == 0) {
       char did[5] = "----";
       g_failing = n;
