@@ -216,7 +216,7 @@ void CopyTransposed(std::byte* dst, const std::byte* src, LoopNest& nest, const 
 }
 
 // What is kept of a copy in steps: small enough for the nearest cache, and the stack.
-constexpr std::size_t kScratch = 4096;  // bytes
+constexpr std::size_t kScratch = 8192;  // bytes
 // A side of a plane that two vectors cover: shorter ones leave them partly empty, or the copy much else to do.
 constexpr std::size_t kShortBytes = 2 * kVecBytes;
 
