@@ -246,8 +246,10 @@ bool CopyShortPlanes(std::byte* dst, const std::byte* src, LoopNest nest, std::s
   const std::ptrdiff_t d_bytes = Offset(d.extent, kUnit);
   const std::ptrdiff_t s_bytes = Offset(s.extent, kUnit);
   if (2 * plane_bytes > kScratch) return false;
-  if (std::has_single_bit(d.extent) && std::has_single_bit(s.extent) && plane_bytes >= kVecBytes)
+  if (std::has_single_bit(d.extent) && std::has_single_bit(s.extent) && plane_bytes >= kVecBytes &&
+      std::min(d.extent, s.extent) > 4) {
     return false;
+  }
   const auto find_behind = [&](const Loop& side, std::ptrdiff_t Loop::*step) {
     const std::size_t side_bytes = side.extent * sizeof(T);
     if (side_bytes >= kShortBytes) return nest.rank;

@@ -42,7 +42,7 @@ void PlainCopyPaddedRuns(signed char* dst, unsigned& dst_offset, const signed ch
 namespace {
 
 // Padded rows that are short are set to 0 whole before the elements come over them: that takes less than a gap for each.
-constexpr std::size_t kShortRowBytes = 32;
+constexpr std::size_t kShortRowBytes = 64;
 // What stays in the nearest cache meanwhile.
 constexpr std::size_t kCachedBytes = 16384;
 
@@ -63,7 +63,7 @@ void CopyUnequalRows(signed char* dst, std::size_t dst_row, const signed char* s
       zeros == 0 ? count : kBlockBytes / std::clamp<std::size_t>(dst_row, 1, kBlockBytes);
   while (count > 0) {
     const std::size_t rows = std::min(block, count);
-    const bool fills_first = zeros != 0 && dst_row <= kShortRowBytes;
+    const bool fills_first = zeros != 0 && dst_row <= kShortRowBytes && copied <= kShortRowBytes / 2;
     if (fills_first) Zero(to, rows * dst_row);
     detail::CopyRows(to, from, {rows, src_step, dst_step}, copied);
     if (!fills_first) detail::RepeatRows<std::uint8_t>(to + copied, &kZero, {rows, 0, dst_step}, zeros);
