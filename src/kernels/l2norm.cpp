@@ -118,7 +118,8 @@ void NormalizeShortRows(const float* in, float* out, std::size_t rows, std::size
 // Rows of at most `most` values that alternate in memory as vectors do, a vector of rows at once. Returns how many rows it has
 // done, of the first ones: none of longer rows.
 template <std::size_t most = detail::kInterleavedVectors>
-std::size_t NormalizeInterleavedRows(const float* in, float* out, std::size_t rows, std::size_t length) {
+[[gnu::noinline]] std::size_t NormalizeInterleavedRows(const float* in, float* out, std::size_t rows,
+                                                       std::size_t length) {
   std::size_t row = 0;
   if constexpr (most > 1 && detail::kFloatsBytes == detail::kVecBytes) {
     if (length < most) return NormalizeInterleavedRows<most - 1>(in, out, rows, length);
@@ -181,6 +182,12 @@ void NormalizeRows(const float* in, float* out, std::size_t rows, std::size_t le
   }
 }
 
+// Values of which each has a scale of its own.
+[[gnu::noinline]] void ScaleValues(float* values, std::span<const float> scales) {
+  detail::ZipRun(values, scales.data(), values, scales.size(),
+                 [](detail::Floats x, detail::Floats scale) { return scale == 1.0F ? x : x * scale; });
+}
+
 }  // namespace
 
 void Normalize(const float* in, float* out, NormShape s, std::span<const float> scales) {
@@ -192,13 +199,7 @@ void Normalize(const float* in, float* out, NormShape s, std::span<const float> 
   }
   const bool scales_values = s.plane == 1 && !s.channel_shared && s.C != 0;
   for (unsigned n = 0; n < s.N; ++n) {
-    if (scales_values) {
-      float* const values = out + n * item;
-      detail::ZipRun(values, scales.data(), values, s.C,
-                     [](detail::Floats x, detail::Floats scale) { return scale == 1.0F ? x : x * scale; });
-    } else {
-      ScaleItem(out, n * item, s, scales);
-    }
+    scales_values ? ScaleValues(out + n * item, scales.first(s.C)) : ScaleItem(out, n * item, s, scales);
   }
 }
 
