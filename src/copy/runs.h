@@ -359,9 +359,19 @@ inline void CopyRows(std::byte* dst, const std::byte* src, const Loop& rows, std
 inline void CopyPlanesOfRows(std::byte* dst, const std::byte* src, const Loop& planes, const Loop& rows,
                              std::size_t bytes) {
   using namespace internal;
-  if (bytes > kShortRun || (rows.src_step == 0 && rows.extent > 1)) {
+  if (rows.src_step == 0 && rows.extent > 1) {
     for (std::size_t i = 0; i < planes.extent; ++i) {
-      CopyRows(dst + Offset(i, planes.dst_step), src + Offset(i, planes.src_step), rows, bytes);
+      RepeatRun(dst + Offset(i, planes.dst_step), rows.dst_step, rows.extent,
+                src + Offset(i, planes.src_step), bytes);
+    }
+  } else if (bytes > kShortRun) {
+    const Loop inner = rows;
+    for (std::size_t i = planes.extent; i > 0; --i, dst += planes.dst_step, src += planes.src_step) {
+      std::byte* to = dst;
+      const std::byte* from = src;
+      for (std::size_t row = inner.extent; row > 0; --row, to += inner.dst_step, from += inner.src_step) {
+        CopyLongRun(to, from, bytes);
+      }
     }
   } else if (bytes > 0) {
     WithShortRun(bytes, [&, planes, rows](auto run, std::size_t last) {

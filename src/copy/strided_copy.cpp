@@ -216,7 +216,7 @@ void CopyTransposed(std::byte* dst, const std::byte* src, LoopNest& nest, const 
 }
 
 // What is kept of a copy in steps: small enough for the nearest cache, and the stack.
-constexpr std::size_t kScratch = 4096;  // bytes
+constexpr std::size_t kScratch = 8192;  // bytes
 // A side of a plane that two vectors cover: shorter ones leave them partly empty, or the copy much else to do.
 constexpr std::size_t kShortBytes = 2 * kVecBytes;
 
@@ -246,8 +246,10 @@ bool CopyShortPlanes(std::byte* dst, const std::byte* src, LoopNest nest, std::s
   const std::ptrdiff_t d_bytes = Offset(d.extent, kUnit);
   const std::ptrdiff_t s_bytes = Offset(s.extent, kUnit);
   if (2 * plane_bytes > kScratch) return false;
-  if (std::has_single_bit(d.extent) && std::has_single_bit(s.extent) && plane_bytes >= kVecBytes)
+  if (std::has_single_bit(d.extent) && std::has_single_bit(s.extent) && plane_bytes >= kVecBytes &&
+      std::min(d.extent, s.extent) > 4) {
     return false;
+  }
   const auto find_behind = [&](const Loop& side, std::ptrdiff_t Loop::*step) {
     const std::size_t side_bytes = side.extent * sizeof(T);
     if (side_bytes >= kShortBytes) return nest.rank;

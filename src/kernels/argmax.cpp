@@ -128,9 +128,13 @@ constexpr std::size_t kWidth = kListsAtOnce;
 // is searched. Equal values go to the later block, so that the highest index is found.
 Pair FindLargestInRow(const float* row, std::size_t len) {
   constexpr std::size_t kBlock = 16 * kWidth;
-  if (len < kBlock || std::isnan(row[0]))
-    return PlainFindLargest(row, 0,
-                            {.len = static_cast<unsigned>(len), .step = 1, .columns = 1, .slices = 1});
+  if (len < kBlock || std::isnan(row[0])) {
+    Pair best = {row[0], 0};
+    for (std::size_t k = 1; k < len; ++k) {
+      if (best.value <= row[k]) best = {row[k], static_cast<unsigned>(k)};
+    }
+    return best;
+  }
   const Floats least = detail::Splat(-std::numeric_limits<float>::infinity());
   float largest = least[0];
   std::size_t where = 0;

@@ -65,7 +65,7 @@ void RepeatColumns(T* dst, const T* src, const Loop& planes, const Loop& rows, u
   if (period == 0 || period >= count) return detail::StridedCopy(dst, src, {planes, rows, {count, 1, 1}});
   detail::StridedCopy(dst, src, {planes, rows, {count / period, 0, period}, {period, 1, 1}});
   const unsigned whole = count / period * period;
-  detail::StridedCopy(dst + whole, src, {planes, rows, {count - whole, 1, 1}});
+  if (whole < count) detail::StridedCopy(dst + whole, src, {planes, rows, {count - whole, 1, 1}});
 }
 
 }  // namespace

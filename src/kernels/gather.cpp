@@ -31,30 +31,33 @@ GatherStop PlainGather(T* out, const T* params, const std::uint32_t* indices, co
 
 namespace {
 
-// The first index that is not below the limit, or the end. Blocks are compared by their largest index. They are aligned, and
-// so none reaches beyond the page of the index that a list may end with because no other is read behind it.
+// The first index that is not below the limit, or the end.
 const std::uint32_t* FirstBeyond(const std::uint32_t* begin, const std::uint32_t* end, std::uint32_t limit) {
-  using detail::UInts;
-  constexpr std::size_t kVectors = 4;
-  constexpr std::size_t kBlock = kVectors * detail::kFloatLanes;
-  constexpr std::size_t kBlockBytes = kBlock * sizeof(std::uint32_t);
-  const auto is_beyond = [limit](std::uint32_t index) { return index >= limit; };
-  const auto count = static_cast<std::size_t>(end - begin);
-  if (count < 2 * kBlock) return std::find_if(begin, end, is_beyond);
+  return std::find_if(begin, end, [limit](std::uint32_t index) { return index >= limit; });
+}
 
+// Indices from here on are compared by blocks.
+constexpr std::size_t kIndexBlock = 4 * detail::kFloatLanes;
+
+// The same of that many or more. Blocks are compared by their largest index. They are aligned, and so none reaches beyond
+// the page of the index that a list may end with because no other is read behind it.
+[[gnu::noinline]] const std::uint32_t* FirstBeyondInBlocks(const std::uint32_t* begin,
+                                                           const std::uint32_t* end, std::uint32_t limit) {
+  using detail::UInts;
+  constexpr std::size_t kBlockBytes = kIndexBlock * sizeof(std::uint32_t);
   const std::uint32_t* block =
       begin + -reinterpret_cast<std::uintptr_t>(begin) % kBlockBytes / sizeof(std::uint32_t);
-  const std::uint32_t* const before = std::find_if(begin, block, is_beyond);
+  const std::uint32_t* const before = FirstBeyond(begin, block, limit);
   if (before != block) return before;
-  for (; end - block >= std::ptrdiff_t{kBlock}; block += kBlock) {
+  for (; end - block >= std::ptrdiff_t{kIndexBlock}; block += kIndexBlock) {
     UInts largest = {};
-    for (std::size_t i = 0; i < kBlock; i += detail::kFloatLanes) {
+    for (std::size_t i = 0; i < kIndexBlock; i += detail::kFloatLanes) {
       const UInts next = detail::Load<UInts>(block + i);
       largest = next > largest ? next : largest;
     }
     if (!detail::AllLanes(largest < limit)) break;
   }
-  return std::find_if(block, end, is_beyond);
+  return FirstBeyond(block, end, limit);
 }
 
 // Slices of `inner` elements, `count` of them for each outer position, gathered along an axis of `extent` slices.
@@ -74,10 +77,12 @@ struct Slices {
     constexpr std::uint64_t kFewIndices = 3;
     constexpr std::uint64_t kManyPositions = 16;
     constexpr std::uint64_t kCachedBytes = 16384;
-    const std::uint64_t block = kCachedBytes / sizeof(T) / (std::max(extent, count) * inner);
-    if (count < kFewIndices && std::min(block, whole) >= kManyPositions) {
-      for (std::uint64_t o = 0; o < whole; o += block) CopyBlock(o, std::min(block, whole - o));
-      return CopyOne(whole, slices % count);
+    if (count < kFewIndices && whole >= kManyPositions) {
+      const std::uint64_t block = kCachedBytes / sizeof(T) / (std::max(extent, count) * inner);
+      if (block >= kManyPositions) {
+        for (std::uint64_t o = 0; o < whole; o += block) CopyBlock(o, std::min(block, whole - o));
+        return CopyOne(whole, slices % count);
+      }
     }
     switch (inner * sizeof(T)) {
       case 1:
@@ -100,7 +105,7 @@ struct Slices {
   }
   std::byte* Target(std::uint64_t o) const { return reinterpret_cast<std::byte*>(out + o * count * inner); }
 
-  void CopyBlock(std::uint64_t first, std::uint64_t positions) const {
+  [[gnu::noinline]] void CopyBlock(std::uint64_t first, std::uint64_t positions) const {
     const auto step = [this](std::uint64_t slices) { return static_cast<std::ptrdiff_t>(slices * inner); };
     for (std::uint64_t j = 0; j < count; ++j) {
       detail::StridedCopy(out + (first * count + j) * inner, params + (first * extent + indices[j]) * inner,
@@ -162,7 +167,9 @@ GatherStop Gather(T* out, const T* params, const std::uint32_t* indices, const G
   const std::uint64_t slices = std::uint64_t{outer} * count;
   const std::uint64_t slices_fitting = inner == 0 ? slices : capacity / inner;
   const std::uint32_t* end = indices + std::min<std::uint64_t>(count, slices_fitting + 1);
-  const std::uint32_t* bad = FirstBeyond(indices, end, extent);
+  const bool are_few = end - indices < std::ptrdiff_t{kIndexBlock};
+  const std::uint32_t* bad =
+      are_few ? FirstBeyond(indices, end, extent) : FirstBeyondInBlocks(indices, end, extent);
   const bool all_indices_good = bad == end;
   const std::uint64_t slices_asked = all_indices_good ? slices : static_cast<std::uint64_t>(bad - indices);
 

@@ -71,6 +71,11 @@ void DivideByNorm(const float* in, float* out, std::size_t count, float sum_of_s
   }
 }
 
+detail::Floats DivisorOf(detail::Floats sum) {
+  const detail::Floats norm = detail::Sqrt(sum);
+  return norm == 0.0F ? detail::Splat(1.0F) : norm;  // a quotient by 1 is a copy
+}
+
 // Rows of up to kShortRow values, several vectors of them at once: they become columns, so that a lane is a row.
 constexpr std::size_t kShortRow = 15;
 constexpr std::size_t kPackedRows = 4 * detail::kFloatLanes;
@@ -95,8 +100,7 @@ void NormalizeShortRows(const float* in, float* out, std::size_t rows, std::size
       const auto x = detail::Load<detail::Floats>(packed + k * kPackedRows + column);
       sum = detail::Fma(x, x, sum);
     }
-    const detail::Floats norm = detail::Sqrt(sum);
-    const detail::Floats divisor = norm == 0.0F ? detail::Splat(1.0F) : norm;  // a quotient by 1 is a copy
+    const detail::Floats divisor = DivisorOf(sum);
     for (std::size_t k = 0; k < length; ++k) {
       float* const at = packed + k * kPackedRows + column;
       detail::Store(at, detail::Load<detail::Floats>(at) / divisor);
@@ -111,12 +115,44 @@ void NormalizeShortRows(const float* in, float* out, std::size_t rows, std::size
   }
 }
 
+// Rows of at most `most` values that alternate in memory as vectors do, a vector of rows at once. Returns how many rows it has
+// done, of the first ones: none of longer rows.
+template <std::size_t most = detail::kInterleavedVectors>
+[[gnu::noinline]] std::size_t NormalizeInterleavedRows(const float* in, float* out, std::size_t rows,
+                                                       std::size_t length) {
+  std::size_t row = 0;
+  if constexpr (most > 1 && detail::kFloatsBytes == detail::kVecBytes) {
+    if (length < most) return NormalizeInterleavedRows<most - 1>(in, out, rows, length);
+    if (length > most) return 0;
+    using Words = detail::Vec<std::uint32_t>;
+    for (; row + detail::kFloatLanes <= rows; row += detail::kFloatLanes) {
+      Words values[most];
+      detail::LoadInterleaved<std::uint32_t, most>(values,
+                                                   reinterpret_cast<const std::byte*>(in + row * most));
+      detail::Floats sum = {};
+      for (const Words& value : values) {
+        const auto x = reinterpret_cast<detail::Floats>(value);
+        sum = detail::Fma(x, x, sum);
+      }
+      const detail::Floats divisor = DivisorOf(sum);
+      for (Words& value : values)
+        value = reinterpret_cast<Words>(reinterpret_cast<detail::Floats>(value) / divisor);
+      detail::StoreInterleaved<std::uint32_t, most>(reinterpret_cast<std::byte*>(out + row * most), values);
+    }
+  }
+  return row;
+}
+
 // Normalises rows of `length` consecutive values each.
 void NormalizeRows(const float* in, float* out, std::size_t rows, std::size_t length) {
   // From this length on a few rows are faster one by one than side by side with themselves.
   constexpr std::size_t kLongRow = 1024;
+  if (length == 1) {
+    return detail::MapRun(
+        in, out, rows, [](detail::Floats x) { return x / DivisorOf(detail::Fma(x, x, detail::Floats{})); });
+  }
   if (length <= kShortRow && rows > 1) {
-    for (std::size_t row = 0; row < rows; row += kPackedRows) {
+    for (std::size_t row = NormalizeInterleavedRows(in, out, rows, length); row < rows; row += kPackedRows) {
       NormalizeShortRows(in + row * length, out + row * length, std::min(kPackedRows, rows - row), length);
     }
     return;
@@ -146,6 +182,12 @@ void NormalizeRows(const float* in, float* out, std::size_t rows, std::size_t le
   }
 }
 
+// Values of which each has a scale of its own.
+[[gnu::noinline]] void ScaleValues(float* values, std::span<const float> scales) {
+  detail::ZipRun(values, scales.data(), values, scales.size(),
+                 [](detail::Floats x, detail::Floats scale) { return scale == 1.0F ? x : x * scale; });
+}
+
 }  // namespace
 
 void Normalize(const float* in, float* out, NormShape s, std::span<const float> scales) {
@@ -155,7 +197,10 @@ void Normalize(const float* in, float* out, NormShape s, std::span<const float> 
   } else {
     NormalizeRows(in, out, std::size_t{s.N} * s.C, s.plane);
   }
-  for (unsigned n = 0; n < s.N; ++n) ScaleItem(out, n * item, s, scales);
+  const bool scales_values = s.plane == 1 && !s.channel_shared && s.C != 0;
+  for (unsigned n = 0; n < s.N; ++n) {
+    scales_values ? ScaleValues(out + n * item, scales.first(s.C)) : ScaleItem(out, n * item, s, scales);
+  }
 }
 
 }  // namespace zeb_custom_ops::kernels

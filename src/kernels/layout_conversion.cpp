@@ -41,6 +41,11 @@ void PlainCopyPaddedRuns(signed char* dst, unsigned& dst_offset, const signed ch
 
 namespace {
 
+// Padded rows that are short are set to 0 whole before the elements come over them: that takes less than a gap for each.
+constexpr std::size_t kShortRowBytes = 64;
+// What stays in the nearest cache meanwhile.
+constexpr std::size_t kCachedBytes = 16384;
+
 // Rows that follow each other on both sides, each cut or filled up with zeros.
 void CopyUnequalRows(signed char* dst, std::size_t dst_row, const signed char* src, std::size_t src_row,
                      std::size_t count) {
@@ -58,8 +63,10 @@ void CopyUnequalRows(signed char* dst, std::size_t dst_row, const signed char* s
       zeros == 0 ? count : kBlockBytes / std::clamp<std::size_t>(dst_row, 1, kBlockBytes);
   while (count > 0) {
     const std::size_t rows = std::min(block, count);
+    const bool fills_first = zeros != 0 && dst_row <= kShortRowBytes && copied <= kShortRowBytes / 2;
+    if (fills_first) Zero(to, rows * dst_row);
     detail::CopyRows(to, from, {rows, src_step, dst_step}, copied);
-    detail::RepeatRows<std::uint8_t>(to + copied, &kZero, {rows, 0, dst_step}, zeros);
+    if (!fills_first) detail::RepeatRows<std::uint8_t>(to + copied, &kZero, {rows, 0, dst_step}, zeros);
     from += rows * src_row;
     to += rows * dst_row;
     count -= rows;
@@ -106,8 +113,33 @@ class RowCopy {
 
 }  // namespace
 
+namespace {
+
+// Planes of short rows with padding behind them, some at a time.
+void CopySmallPlanes(signed char* dst, std::size_t dst_plane, const signed char* src, std::size_t src_plane,
+                     const PaddedPlanes& p) {
+  const std::size_t block = kCachedBytes / dst_plane;
+  for (std::size_t plane = 0; plane < p.planes; plane += block) {
+    const std::size_t planes = std::min(block, p.planes - plane);
+    signed char* const to = dst + plane * dst_plane;
+    Zero(to, planes * dst_plane);
+    detail::StridedCopy(to, src + plane * src_plane,
+                        {MakeLoop(planes, src_plane, dst_plane), MakeLoop(p.rows, p.src_line, p.dst_line),
+                         MakeLoop(std::min(p.src_line, p.dst_line), 1, 1)});
+  }
+}
+
+}  // namespace
+
 void CopyPaddedPlanes(signed char* dst, std::size_t dst_bytes, const signed char* src,
                       const PaddedPlanes& p) {
+  const std::size_t src_plane = std::size_t{p.rows} * p.src_line + p.src_pad;
+  const std::size_t dst_plane = std::size_t{p.rows} * p.dst_line + p.dst_pad;
+  if (p.dst_line <= kShortRowBytes && (p.src_pad != 0 || p.dst_pad != 0) && dst_plane != 0 &&
+      dst_plane <= kCachedBytes && p.planes * dst_plane <= dst_bytes) {
+    CopySmallPlanes(dst, dst_plane, src, src_plane, p);
+    return Zero(dst + p.planes * dst_plane, dst_bytes - p.planes * dst_plane);
+  }
   RowCopy copy(src, dst, dst_bytes);
   if (p.src_pad == 0 && p.dst_pad == 0) {
     copy.Rows(p.planes * p.rows, p.src_line, p.dst_line);
@@ -229,13 +261,24 @@ template <typename T>
 void ChangeInterleaving(T* dst, std::size_t dst_bytes, const TensorLayout& d, const T* src,
                         const TensorLayout& s, const Extents& e) {
   const std::size_t tensor_bytes = std::size_t{e.N} * d.batch * sizeof(T);
-  if (tensor_bytes <= dst_bytes) {
-    ZeroPadding(dst, d, e);
-    Zero(reinterpret_cast<std::byte*>(dst) + tensor_bytes, dst_bytes - tensor_bytes);
-  } else {
+  if (tensor_bytes > dst_bytes) {
     Zero(dst, dst_bytes);
+    return CopyChannels(dst, d, src, s, e);
   }
-  CopyChannels(dst, d, src, s, e);
+  Zero(reinterpret_cast<std::byte*>(dst) + tensor_bytes, dst_bytes - tensor_bytes);
+  const std::size_t row = std::size_t{e.W} * d.pack;
+  if (row == d.line || row * sizeof(T) > kShortRowBytes) {
+    ZeroPadding(dst, d, e);
+    return CopyChannels(dst, d, src, s, e);
+  }
+  const std::size_t item_bytes = std::max<std::size_t>(1, d.batch * sizeof(T));
+  const std::size_t block = std::max<std::size_t>(1, kCachedBytes / item_bytes);
+  for (std::size_t n = 0; n < e.N; n += block) {
+    Extents part = e;
+    part.N = static_cast<unsigned>(std::min(block, e.N - n));
+    Zero(dst + n * d.batch, part.N * d.batch * sizeof(T));
+    CopyChannels(dst + n * d.batch, d, src + n * s.batch, s, part);
+  }
 }
 
 template void PlainChangeInterleaving<signed char>(signed char*, std::size_t, const TensorLayout&,
