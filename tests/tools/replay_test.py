@@ -118,7 +118,9 @@ class ReplayDiffers(Replay):
         data = path.with_name("call-0001-in0.bin")
         data.write_bytes(data.read_bytes()[:92])
         path.write_text(json.dumps(call))
-        self.assertIn("  read beyond input 0 (1x4x2x3, 96 bytes): byte 0 behind its end\n", self.replay(1, "r"))
+        # Which of the two it is, an emulator does not tell.
+        self.assertRegex(self.replay(1, "r"),
+                         r"  (read|touched memory) beyond input 0 \(1x4x2x3, 96 bytes\): byte 0 behind its end\n")
 
     def test_a_changed_byte(self):
         self.softmax()
