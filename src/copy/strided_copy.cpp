@@ -441,7 +441,7 @@ void StridedCopyWords(std::byte* dst, const std::byte* src, std::span<const Loop
   // Chosen by the instructions of small calls.
   constexpr std::size_t kFewElements = 32;
   // The least for what prepares scratch or tables.
-  constexpr std::size_t kManyBytes = 512;
+  constexpr std::size_t kManyBytes = 1024;
   LoopNest nest;
   std::size_t count = 1;
   for (const Loop& loop : loops) {

@@ -212,7 +212,7 @@ inline void TransposePlanes(std::byte* dst, const std::byte* src, const Loop& ou
                             const Loop& d, const Loop& s) {
   constexpr std::size_t kMostRows = sizeof(T) == 4 ? 2 * kLanes<T> : kLanes<T>;
   // Beyond it the cost of a block is little. Chosen by the instructions of random shapes.
-  constexpr std::size_t kSmallPlane = 256 / sizeof(T);
+  constexpr std::size_t kSmallPlane = 1024 / sizeof(T);
   internal::WithTileExtent<kMostRows>(d.extent, [&](auto m) {
     internal::WithTileExtent<kLanes<T>>(s.extent, [&](auto n) {
       const auto tiles = [&](auto src_dense, auto dst_dense) {

@@ -290,12 +290,34 @@ void DotRows(float* out, std::size_t out_step, const float* a, std::size_t a_ste
   }
 }
 
+// The depth of B that is read in long stretches at a time.
+constexpr std::size_t kStretchDepth = 24;
+
+// The same into a dense output, for few rows and so small a depth that sums need not leave the registers.
+template <std::size_t rows>
+void MultiplyFewShallowRows(float* out, const Matrix& a, const Matrix& b, std::size_t K, std::size_t P) {
+  constexpr std::size_t kVectors = kTileRows * kPanelVectors / rows;
+  const auto multiply = [&](auto vectors, std::size_t j) {
+    AddProducts<rows, vectors>(a, b.At(0, j), P, K, RoundedOutputs{out + j, P});
+  };
+  std::size_t j = 0;
+  const auto multiply_all = [&](auto vectors) {
+    constexpr std::size_t kStep = vectors * detail::kFloatLanes;
+    for (; j + kStep <= P; j += kStep) multiply(vectors, j);
+  };
+  multiply_all(std::integral_constant<std::size_t, kVectors>{});
+  if constexpr (kVectors > 2) multiply_all(std::integral_constant<std::size_t, 2>{});
+  constexpr std::integral_constant<std::size_t, 1> kOne;
+  multiply_all(kOne);
+  if (j < P) multiply(kOne, P - detail::kFloatLanes);
+}
+
 // The same into a dense output, for so few rows that packing B, which is dense, would not pay. A wide block of
 // sums is kept instead, and B is read in long stretches of a few rows, as prefetchers like it.
 template <std::size_t rows>
 void MultiplyFewRows(float* out, const Matrix& a, const Matrix& b, std::size_t K, std::size_t P) {
+  if (K != 0 && K <= kStretchDepth) return MultiplyFewShallowRows<rows>(out, a, b, K, P);
   constexpr std::size_t kColumns = 512;
-  constexpr std::size_t kDepth = 24;
   constexpr std::size_t kVectors = kTileRows * kPanelVectors / rows;
   constexpr std::size_t kStep = kVectors * detail::kFloatLanes;
   // At least a vector; where the last columns do not fill one, it shares columns with the one before.
@@ -308,8 +330,8 @@ void MultiplyFewRows(float* out, const Matrix& a, const Matrix& b, std::size_t K
       continue;
     }
     std::fill_n(sums, rows * columns, 0.0);
-    for (std::size_t k = 0; k < K; k += kDepth) {
-      const std::size_t depth = std::min(kDepth, K - k);
+    for (std::size_t k = 0; k < K; k += kStretchDepth) {
+      const std::size_t depth = std::min(kStretchDepth, K - k);
       const Matrix a_part = a.From(0, k);
       std::size_t j = 0;
       for (; j + kStep <= columns; j += kStep) {

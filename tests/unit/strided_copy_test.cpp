@@ -188,7 +188,7 @@ TEST(StridedCopy, RepeatsElementsAlongRowsOfEveryLength) {
 
 TEST(StridedCopy, InterleavesAndDeinterleavesFewPlanes) {
   Random random(4);
-  for (const std::size_t planes : {2U, 3U, 4U, 5U, 6U, 8U, 12U, 16U}) {
+  for (const std::size_t planes : {2U, 3U, 4U, 5U, 6U, 7U, 8U, 12U, 16U}) {
     for (std::size_t width = 1; width <= 70; ++width) {
       const auto W = static_cast<std::ptrdiff_t>(width);
       const auto P = static_cast<std::ptrdiff_t>(planes);

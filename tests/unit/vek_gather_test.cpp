@@ -300,6 +300,21 @@ TEST(Gather, ABadIndexStopsBehindTheSlicesBeforeIt) {
   }
 }
 
+// So many indices that blocks of them are compared at once: the first bad one counts, wherever it is in its block, and
+// nothing behind it is needed.
+TEST(Gather, ABadIndexStopsALongListWhereverItIs) {
+  Random random(17);
+  for (unsigned count : {32U, 33U, 64U, 100U, 150U}) {
+    for (unsigned bad = 0; bad < count; bad += random.Between(1, 7)) {
+      std::vector<std::uint32_t> indices = AnyIndices(count, 5, random);
+      indices[bad] = random.OneIn(2) ? 5 : 0xFFFFFFFFU;
+      if (random.OneIn(2)) indices[random.Between(bad, count - 1)] = 6;
+      ExpectFormula<unsigned char>({1, 5, 1}, indices, 1, count, random);
+    }
+    ExpectFormula<unsigned char>({1, 5, 1}, AnyIndices(count, 5, random), 1, count, random);
+  }
+}
+
 TEST(Gather, TheCapacityStopsBehindTheLastSliceThatFits) {
   Random random(15);
   for (unsigned inner : {1U, 2U, 3U, 20U}) {
