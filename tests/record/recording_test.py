@@ -319,6 +319,19 @@ class Failures(Recording):
                                      say=r"recording stops: .*/\d+-[A-Z]+/[\w.-]+: File too large"), self.plain("all"))
         self.assertGreater(len(self.layers()), 0)
 
+    def test_a_full_disk(self):
+        """In a file system of a few pages, which the host alone sees."""
+        mount = ["unshare", "--mount", "--map-root-user", "sh", "-c", 'mount -t tmpfs -o size=64k none "$0" && exec "$@"',
+                 str(self.folder)]
+        self.folder.mkdir()
+        if subprocess.run([*mount, "true"], capture_output=True, check=False).returncode != 0:
+            self.skipTest("nothing may be mounted here")
+        run = subprocess.run([*mount, *HOST, RECORDER, "all"], env=self.environment({"FOLDER": self.folder, "CALLS": "all"}),
+                             capture_output=True, text=True, timeout=280, check=False)
+        self.assertEqual(run.returncode, 0)
+        self.assertRegex(run.stderr, r"^vekrecord: recording stops: .*/\d+-[A-Z]+/[\w.-]+: No space left on device\n$")
+        self.assert_same(run.stdout, self.plain("all"))
+
     @unittest.skipIf(EMULATED, "the emulator needs some itself")
     def test_no_descriptors_left(self):
         def limit_descriptors():
