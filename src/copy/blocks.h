@@ -144,8 +144,8 @@ struct FramedRows {
 
   // Whether scratch pays for elements of this width. Chosen by the instructions of random shapes.
   bool Pays(const BlockGrid& grid, std::size_t width) const {
-    return grid.block_width > 1 && copied < row && grid.W > grid.block_width &&
-           row * width <= kShortBytes && grid.planes * grid.H * grid.W >= kManyElements;
+    return grid.block_width > 1 && copied < row && grid.W > grid.block_width && row * width <= kShortBytes &&
+           grid.planes * grid.H * grid.W >= kManyElements;
   }
 };
 
